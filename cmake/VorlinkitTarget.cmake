@@ -1,0 +1,17 @@
+# How every target of the project is compiled: warnings are errors, sanitizers come from one switch.
+add_library(vorlinkit_build_options INTERFACE)
+target_compile_options(vorlinkit_build_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+if(VORLINKIT_SANITIZE)
+  target_compile_options(vorlinkit_build_options INTERFACE -fsanitize=${VORLINKIT_SANITIZE}
+                         -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(vorlinkit_build_options INTERFACE -fsanitize=${VORLINKIT_SANITIZE})
+endif()
+
+# Log records name the class that wrote them, on every machine and with every compiler: the location of
+# FILES reads NAME instead of a path of the build machine.
+function(vorlinkit_log_location target name)
+  foreach(file IN LISTS ARGN)
+    set_property(SOURCE ${file} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS
+                 -fmacro-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}/${file}=${name})
+  endforeach()
+endfunction()
