@@ -1,0 +1,86 @@
+#include <vorlinkit/VorlinCodec.hpp>
+
+#include "FrameLayout.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+namespace vorlinkit {
+
+namespace {
+
+std::unexpected<Error> protocolError(const char* text) { return std::unexpected(Error{ErrorCode::Protocol, text}); }
+
+struct HeaderTexts {
+  const char* tooShort;
+  const char* invalidLength;
+};
+
+HeaderTexts headerTexts(MessageType type) {
+  switch (type) {
+  case MessageType::Request:
+    return {"Request message too short", "Invalid Request header length"};
+  case MessageType::Response:
+    return {"Response message too short", "Invalid Response header length"};
+  case MessageType::Notification:
+    return {"Notification message too short", "Invalid Notification header length"};
+  }
+  return {"", ""};
+}
+
+} // namespace
+
+std::expected<std::vector<std::byte>, Error> VorlinCodec::encodeRequest(std::uint16_t commandId, std::uint8_t clientId,
+                                                                        std::span<const std::byte> payload) const {
+  if (payload.size() > std::numeric_limits<std::uint32_t>::max())
+    return std::unexpected(Error{ErrorCode::Encode, "Payload too large for 32-bit VORLIN length field"});
+
+  constexpr std::byte type{static_cast<std::uint8_t>(MessageType::Request)};
+  constexpr std::size_t dataLengthAt = layout::headerLength(type);
+  constexpr std::size_t header = layout::wholeHeader(dataLengthAt);
+  std::vector<std::byte> frame(header + payload.size());
+  frame[0] = layout::protocolId0;
+  frame[1] = layout::protocolId1;
+  frame[2] = layout::version;
+  frame[3] = type;
+  layout::writeU16(frame, layout::headerLengthAt, dataLengthAt);
+  layout::writeU16(frame, layout::commandIdAt, commandId);
+  frame[layout::requestClientIdAt] = std::byte{clientId};
+  std::ranges::copy(layout::accessKey, frame.begin() + layout::requestAccessKeyAt);
+  layout::writeU32(frame, dataLengthAt, static_cast<std::uint32_t>(payload.size()));
+  std::ranges::copy(payload, frame.begin() + header);
+  return frame;
+}
+
+std::expected<RawMessage, Error> VorlinCodec::decode(std::shared_ptr<std::vector<std::byte>> frame) const {
+  const std::span<const std::byte> bytes(*frame);
+  if (bytes.size() < layout::headerStart) return protocolError("Message too short to contain header start");
+  if (bytes[0] != layout::protocolId0 || bytes[1] != layout::protocolId1)
+    return protocolError("Invalid Protocol ID (expected 'VR')");
+  if (bytes[2] != layout::version) return protocolError("Unsupported protocol version");
+  const std::size_t dataLengthAt = layout::headerLength(bytes[3]);
+  if (dataLengthAt == 0) return protocolError("Unknown message type");
+
+  const auto type = static_cast<MessageType>(bytes[3]);
+  const std::size_t header = layout::wholeHeader(dataLengthAt);
+  if (bytes.size() < header) return protocolError(headerTexts(type).tooShort);
+  if (layout::readU16(bytes, layout::headerLengthAt) != dataLengthAt)
+    return protocolError(headerTexts(type).invalidLength);
+  const std::size_t dataLength = layout::readU32(bytes, dataLengthAt);
+  if (bytes.size() - header < dataLength) return protocolError("Incomplete payload data");
+
+  std::expected<RawMessage, Error> message(std::in_place);
+  message->type = type;
+  message->commandId = layout::readU16(bytes, layout::commandIdAt);
+  if (type == MessageType::Response) {
+    message->majorError = layout::readU32(bytes, layout::responseMajorErrorAt);
+    message->minorError = layout::readU32(bytes, layout::responseMinorErrorAt);
+  }
+  message->payload = bytes.subspan(header, dataLength);
+  message->buffer = std::move(frame);
+  return message;
+}
+
+} // namespace vorlinkit

@@ -1,0 +1,3 @@
+#include "Asio.hpp"
+
+#include <asio/impl/src.hpp>

@@ -1,0 +1,119 @@
+// Receiving: from bytes to frames to the caller or handler they are for.
+#include "MessageFramer.hpp"
+
+#include "Log.hpp"
+
+#include <vorlinkit/ProtocolErrorFlags.hpp>
+
+#include <exception>
+#include <utility>
+
+namespace vorlinkit {
+
+void MessageFramer::onBytes(std::span<const std::byte> chunk) {
+  if (chunk.empty()) return;
+  assembler_.feed(chunk);
+  for (;;) {
+    FrameAssembler::Cut cut = assembler_.next();
+    switch (cut.step) {
+    case FrameAssembler::Step::Frame:
+      onFrame(std::move(cut.frame));
+      break;
+    case FrameAssembler::Step::NeedMore:
+      return;
+    case FrameAssembler::Step::BadProtocolId:
+      log(logger_, LogLevel::err, "Invalid protocol ID in RX stream");
+      return failActive("Invalid protocol ID (expected 'VR')");
+    case FrameAssembler::Step::UnknownMessageType:
+      log(logger_, LogLevel::err, "{}", "Unknown message type");
+      return failActive("Unknown message type");
+    }
+  }
+}
+
+void MessageFramer::failActive(const char* text) { completeActive(std::unexpected(Error{ErrorCode::Protocol, text})); }
+
+void MessageFramer::onFrame(FrameAssembler::Frame frame) {
+  const std::size_t length = frame->size();
+  TrafficCounters::add(counters_.bytesReceived, length);
+  observeReceived(*frame);
+
+  auto message = codec_->decode(std::move(frame));
+  if (!message) {
+    log(logger_, LogLevel::err, "Message decode error: {}", message.error().message);
+    return;
+  }
+  TrafficCounters::add(counters_.bytesReceivedOf, message->commandId, length);
+  dispatch(*message);
+  assembler_.recycle(std::move(message->buffer));
+}
+
+void MessageFramer::observeReceived(std::span<const std::byte> frame) {
+  const auto observer = callbacks_.frameObserver();
+  if (!observer) return;
+  try {
+    (*observer)(FrameDirection::Rx, frame);
+  } catch (const std::exception& exception) {
+    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: {}", exception.what());
+  } catch (...) {
+    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: unknown");
+  }
+}
+
+void MessageFramer::dispatch(const RawMessage& message) {
+  switch (message.type) {
+  case MessageType::Notification:
+    return onNotification(message);
+  case MessageType::Response:
+    return onResponse(message);
+  case MessageType::Request:
+    return; // a machine sends none
+  }
+}
+
+void MessageFramer::onNotification(const RawMessage& message) {
+  const auto handler = callbacks_.notificationHandler(message.commandId);
+  if (!handler) {
+    log(logger_, LogLevel::warn, "No handler for notification commandId={}", message.commandId);
+    return;
+  }
+  try {
+    (*handler)(message);
+  } catch (const std::exception& exception) {
+    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: {}", message.commandId,
+        exception.what());
+  } catch (...) {
+    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: unknown", message.commandId);
+  }
+}
+
+void MessageFramer::onResponse(const RawMessage& message) {
+  if (!active_ || active_->commandId != message.commandId) {
+    log(logger_, LogLevel::warn, "Received response for commandId={} but no active pending request found",
+        message.commandId);
+    return;
+  }
+  if (message.majorError != 0) {
+    const std::string text = "VORLIN protocol error (majorError): " + protocolErrorsToString(message.majorError, true);
+    log(logger_, LogLevel::err, "{}", text);
+    return completeActive(std::unexpected(Error{ErrorCode::Protocol, text}));
+  }
+  if (message.minorError != 0) {
+    const std::string text =
+        "VORLIN protocol warning (minorError): " + protocolErrorsToString(message.minorError, false);
+    log(logger_, LogLevel::warn, "{}", text);
+  }
+  if (!response_) {
+    response_ = message;
+    responseDeadline_.clear();
+    sendLoop_.notify();
+  }
+  constexpr std::uint16_t getClientId = 1;
+  if (message.commandId == getClientId && message.payload.size() == 1) {
+    const auto id = std::to_integer<std::uint8_t>(message.payload[0]);
+    callbacks_.setClientId(id);
+    log(logger_, LogLevel::info, "Client ID assigned: {}", id);
+  }
+}
+
+} // namespace vorlinkit

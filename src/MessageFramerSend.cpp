@@ -1,0 +1,118 @@
+// Sending: one request at a time, from the queue to its outcome.
+#include "MessageFramer.hpp"
+
+#include "Log.hpp"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace vorlinkit {
+
+asio::awaitable<void> MessageFramer::processLoop() {
+  for (;;) {
+    while (queue_.empty() && !closed_)
+      co_await sendLoop_.wait();
+    if (closed_) co_return;
+
+    active_ = std::move(queue_.front());
+    queue_.pop_front();
+    attempt_ = 1;
+    // Only memory can run out in here; that is this request's end, not the loop's.
+    std::string failure;
+    try {
+      co_await sendActive();
+    } catch (const std::exception& exception) {
+      failure = exception.what();
+    }
+    if (failure.empty()) continue;
+    log(logger_, LogLevel::err, "send loop exception: {}", failure);
+    completeActive(std::unexpected(Error{ErrorCode::Transport, "Request could not be sent: " + failure}));
+  }
+}
+
+asio::awaitable<void> MessageFramer::sendActive() {
+  while (active_) {
+    const std::uint16_t commandId = active_->commandId;
+    const char* const retryText = co_await attemptActive();
+    if (retryText == nullptr) co_return;
+    log(logger_, LogLevel::warn, retryText, commandId, attempt_ + 1, requestAttempts_);
+    ++attempt_;
+    // Others get their turn between attempts, among them whoever wants to stop this.
+    co_await asio::post(executor_, asio::use_awaitable);
+  }
+}
+
+/// One attempt. Yields the text to log when it failed and another may follow, and null when the request
+/// has its outcome.
+asio::awaitable<const char*> MessageFramer::attemptActive() {
+  const std::uint16_t commandId = active_->commandId;
+  auto frame = codec_->encodeRequest(commandId, callbacks_.clientId(), active_->payload);
+  if (!frame) co_return endActive(std::unexpected(frame.error()));
+  TrafficCounters::add(counters_.bytesSent, frame->size());
+  TrafficCounters::add(counters_.bytesSentOf, commandId, frame->size());
+
+  if (auto refused = observeSent(*frame)) {
+    if (mayRetry()) co_return "onFrame(Tx) callback failed for commandId={}, retrying attempt {} of {}";
+    co_return endActive(std::unexpected(std::move(*refused)));
+  }
+
+  response_.reset();
+  std::expected<void, Error> written = co_await writeChannel_.write(std::move(*frame));
+  if (!written) {
+    if (mayRetry()) co_return "Write failed for commandId={}, retrying attempt {} of {}";
+    co_return endActive(std::unexpected(std::move(written.error())));
+  }
+
+  co_await awaitResponse();
+  if (!active_) co_return nullptr;
+  if (response_) co_return endActive(std::move(*std::exchange(response_, std::nullopt)));
+  if (!mayRetry()) co_return giveUpAfterTimeout(commandId);
+  TrafficCounters::add(counters_.timeoutRetries, 1);
+  TrafficCounters::add(counters_.retriesOf, commandId, 1);
+  co_return "Request timeout for commandId={}, retrying attempt {} of {}";
+}
+
+/// Waits until the active request has a response, is completed otherwise, or has run out of time.
+asio::awaitable<void> MessageFramer::awaitResponse() {
+  if (!active_ || response_) co_return;
+  responseDeadline_.set(saturatingAdd(std::chrono::steady_clock::now(), requestTimeout_));
+  while (active_ && !response_ && !responseDeadline_.passed())
+    co_await sendLoop_.wait();
+  responseDeadline_.clear();
+}
+
+/// Shows the frame to the observer; what it throws is the reason not to send.
+std::optional<Error> MessageFramer::observeSent(std::span<const std::byte> frame) {
+  const auto observer = callbacks_.frameObserver();
+  if (!observer) return std::nullopt;
+  try {
+    (*observer)(FrameDirection::Tx, frame);
+    return std::nullopt;
+  } catch (const std::exception& exception) {
+    return Error{ErrorCode::Transport, std::string("onFrame callback exception: ") + exception.what()};
+  } catch (...) {
+    return Error{ErrorCode::Transport, "onFrame callback exception: unknown"};
+  }
+}
+
+const char* MessageFramer::giveUpAfterTimeout(std::uint16_t commandId) {
+  TrafficCounters::add(counters_.requestsTimedOut, 1);
+  TrafficCounters::add(counters_.timeoutsOf, commandId, 1);
+  return endActive(
+      std::unexpected(Error{ErrorCode::Timeout, "Request timeout for commandId=" + std::to_string(commandId) +
+                                                    " after " + std::to_string(requestAttempts_) + " attempt(s)"}));
+}
+
+const char* MessageFramer::endActive(Outcome outcome) {
+  completeActive(std::move(outcome));
+  return nullptr;
+}
+
+void MessageFramer::completeActive(Outcome outcome) {
+  responseDeadline_.clear();
+  if (const auto request = std::exchange(active_, nullptr)) request->complete(std::move(outcome));
+  sendLoop_.notify();
+}
+
+} // namespace vorlinkit

@@ -1,0 +1,71 @@
+// A request on its way to an answer, and the promise that there will be one.
+#pragma once
+
+#include <vorlinkit/Error.hpp>
+#include <vorlinkit/RawMessage.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <future>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace vorlinkit {
+
+inline Error stoppedError() { return {ErrorCode::Stopped, "MessageFramer stopped"}; }
+
+/// The sending end of a caller's future. Whatever becomes of it, the future gets a value or an Error:
+/// one that is dropped unanswered answers "MessageFramer stopped". Later answers are lost.
+template <typename Value> class Answer {
+public:
+  using Outcome = std::expected<Value, Error>;
+
+  Answer() = default;
+  Answer(Answer&& other) noexcept : promise_(std::move(other.promise_)), open_(std::exchange(other.open_, false)) {}
+  Answer& operator=(Answer&&) = delete;
+  ~Answer() {
+    if (open_) give(std::unexpected(stoppedError()));
+  }
+
+  std::future<Outcome> future() { return promise_.get_future(); }
+  void give(Outcome outcome) {
+    if (std::exchange(open_, false)) promise_.set_value(std::move(outcome));
+  }
+
+private:
+  std::promise<Outcome> promise_;
+  bool open_ = true;
+};
+
+/// One queued or in-flight request. Owned by the framer; I/O thread.
+class PendingRequest {
+public:
+  using Outcome = std::expected<RawMessage, Error>;
+
+  PendingRequest(std::uint16_t command, std::span<const std::byte> bytes)
+      : commandId(command), payload(bytes.begin(), bytes.end()) {}
+  PendingRequest(const PendingRequest&) = delete;
+  PendingRequest& operator=(const PendingRequest&) = delete;
+  virtual ~PendingRequest() = default;
+
+  /// Tells the caller; the first outcome counts.
+  virtual void complete(Outcome outcome) = 0;
+
+  const std::uint16_t commandId;
+  const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
+};
+
+/// A request whose caller waits on a future, on any thread.
+class FutureRequest final : public PendingRequest {
+public:
+  using PendingRequest::PendingRequest;
+  std::future<Outcome> future() { return answer_.future(); }
+  void complete(Outcome outcome) override { answer_.give(std::move(outcome)); }
+
+private:
+  Answer<RawMessage> answer_;
+};
+
+} // namespace vorlinkit

@@ -1,0 +1,84 @@
+#include "Platform.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <utility>
+
+#ifdef __unix__
+#include <csignal>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#endif
+
+namespace vorlinkit::platform {
+
+#ifdef __unix__
+
+namespace {
+
+std::atomic<std::uint64_t> generation{0};
+
+template <int Level, int Name> void setOption(asio::ip::tcp::socket& socket, int value) noexcept {
+  std::error_code ignored;
+  socket.set_option(asio::detail::socket_option::integer<Level, Name>(value), ignored);
+}
+
+} // namespace
+
+std::uint64_t processGeneration() noexcept {
+  [[maybe_unused]] static const int registered =
+      pthread_atfork(nullptr, nullptr, [] { generation.fetch_add(1, std::memory_order_relaxed); });
+  return generation.load(std::memory_order_relaxed);
+}
+
+std::thread startThread(std::function<void()> body) {
+  // A new thread inherits the mask of the one that starts it.
+  struct AllBlocked {
+    AllBlocked() noexcept {
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~AllBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    sigset_t before;
+  } blocked;
+  return std::thread(std::move(body));
+}
+
+void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept {
+  std::error_code ignored;
+  socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+  socket.set_option(asio::socket_base::keep_alive(true), ignored);
+#ifdef TCP_KEEPIDLE
+  setOption<IPPROTO_TCP, TCP_KEEPIDLE>(socket, 15);
+  setOption<IPPROTO_TCP, TCP_KEEPINTVL>(socket, 5);
+  setOption<IPPROTO_TCP, TCP_KEEPCNT>(socket, 3);
+#endif
+#ifdef TCP_USER_TIMEOUT
+  if (writeTimeout.count() > 0) {
+    constexpr std::chrono::milliseconds::rep most = std::numeric_limits<int>::max();
+    setOption<IPPROTO_TCP, TCP_USER_TIMEOUT>(socket, static_cast<int>(std::min(writeTimeout.count(), most)));
+  }
+#endif
+  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+}
+
+#else
+
+std::uint64_t processGeneration() noexcept { return 0; }
+
+std::thread startThread(std::function<void()> body) { return std::thread(std::move(body)); }
+
+void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds) noexcept {
+  std::error_code ignored;
+  socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+  socket.set_option(asio::socket_base::keep_alive(true), ignored);
+}
+
+#endif
+
+} // namespace vorlinkit::platform

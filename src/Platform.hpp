@@ -1,0 +1,26 @@
+// The only place that speaks to the operating system other than through asio.
+#pragma once
+
+#include "Asio.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <thread>
+
+namespace vorlinkit::platform {
+
+/// Changes when this process is a fork of the one that read it before. Threads do not survive a fork, so
+/// a session of another generation has no I/O thread and must not be waited for.
+std::uint64_t processGeneration() noexcept;
+
+/// Starts a thread that takes no signals, so that those stay with the host program's own threads.
+/// Throws std::system_error when the system has no thread to give.
+std::thread startThread(std::function<void()> body);
+
+/// Makes a fresh connection notice a dead or stuck peer: no delay of small writes, keep-alive probes
+/// (after 15 s, every 5 s, 3 times), an end to writes that make no progress for `writeTimeout`, and no
+/// inheritance by programs that are started. What a platform does not have is left out.
+void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept;
+
+} // namespace vorlinkit::platform
