@@ -1,0 +1,52 @@
+#include "PyVorlinLogger.hpp"
+
+#include "CoreText.hpp"
+#include "InterpreterLock.hpp"
+#include "PythonCallback.hpp"
+
+namespace py = pybind11;
+
+namespace vorlinkit::python {
+
+namespace {
+
+constexpr std::string_view WHERE = "IVorlinLogger.log";
+
+std::string formatted(std::string_view format, format_args args) {
+  try {
+    return formatting::vformat(format, args);
+  } catch (const format_error& error) {
+    return std::string("Format error: ") + error.what() + " | Raw: " + std::string(format);
+  }
+}
+
+} // namespace
+
+void PyVorlinLogger::log(LogLevel level, const std::source_location& location, std::thread::id /*thread*/,
+                         std::chrono::system_clock::time_point /*time*/, std::string_view format, format_args args) {
+  const auto message = formatted(format, args);
+  const std::string file = location.file_name();
+  const InterpreterLock lock;
+  if (!lock) return;
+  try {
+    callOverride(level, file, location.line(), message);
+  } catch (const py::error_already_set& error) {
+    reportCallbackException(WHERE, error);
+  }
+}
+
+void PyVorlinLogger::callOverride(LogLevel level, const std::string& file, std::uint_least32_t line,
+                                  const std::string& message) const {
+  static const auto* const type = py::detail::get_type_info(typeid(IVorlinLogger));
+  const auto self = py::detail::get_object_handle(static_cast<const IVorlinLogger*>(this), type);
+  // An object that is being torn down is still registered, but must not be revived.
+  if (!self || Py_REFCNT(self.ptr()) == 0) return;
+  const auto owner = py::reinterpret_borrow<py::object>(self);
+  const auto method = py::get_override(static_cast<const IVorlinLogger*>(this), "log");
+  if (!method) return;
+  const std::array<py::object, 4> arguments{LogLevels::of(level), decodeCoreText(file), py::int_(line),
+                                            decodeCoreText(message)};
+  callReported(WHERE, method, arguments.data(), arguments.size());
+}
+
+} // namespace vorlinkit::python
