@@ -1,0 +1,106 @@
+"""Does what docs/correcting-a-layout.md tells an integrator to do, as far as the generator goes."""
+
+from __future__ import annotations
+
+import doctest
+import json
+import re
+import subprocess
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+PAGE = (ROOT / "docs" / "correcting-a-layout.md").read_text(encoding="utf-8")
+BLOCK = re.compile(
+    r"(?:^<!-- (?P<mark>[^\n]+) -->\n)?^```(?P<language>\w+)\n(?P<text>.*?)^```$", re.MULTILINE | re.DOTALL
+)
+WIDTHS = {"u8": 1, "u16": 2, "u32": 4, "u64": 8}
+
+
+def marked(purpose: str) -> dict[str, str]:
+    """The files that the page shows for a purpose, by path."""
+    marks = ((block["mark"].partition(": "), block["text"]) for block in BLOCK.finditer(PAGE) if block["mark"])
+    return {path: text for (kind, _, path), text in marks if kind == purpose}
+
+
+def sessions() -> Iterator[tuple[str, str]]:
+    """Each command line of the page with the output that the page promises ("" if it shows none)."""
+    blocks = [(block["language"], block["text"]) for block in BLOCK.finditer(PAGE)]
+    for (language, text), following in zip(blocks, [*blocks[1:], ("", "")], strict=True):
+        if language == "sh":
+            yield text.strip(), following[1] if following[0] == "text" else ""
+
+
+GENERATOR_SESSIONS = [each for each in sessions() if each[0].startswith("python3 -m generator")]
+
+
+@pytest.fixture
+def project(tmp_path: Path) -> Path:
+    """The project's root as the page sees it, with the reader's own files added."""
+    for entry in ("catalogue", "generator", "examples"):
+        (tmp_path / entry).symlink_to(ROOT / entry)
+    for path, text in marked("wrong").items():
+        (tmp_path / path).parent.mkdir(exist_ok=True)
+        (tmp_path / path).write_text(text, encoding="utf-8")
+    return tmp_path
+
+
+def run(command: str, folder: Path) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        command, shell=True, cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60
+    )
+
+
+@pytest.mark.parametrize(("command", "promised"), GENERATOR_SESSIONS, ids=[each[0] for each in GENERATOR_SESSIONS])
+def test_the_generator_answers_as_the_page_promises(command: str, promised: str, project: Path) -> None:
+    done = run(command, project)
+    flags = doctest.ELLIPSIS | doctest.NORMALIZE_WHITESPACE
+    assert doctest.OutputChecker().check_output(promised or "...", done.stdout, flags), done.stdout
+    assert done.returncode == (1 if "our-machine" in command else 0), done.stdout
+
+
+def test_the_page_shows_the_files_as_they_are() -> None:
+    shown = marked("file")
+    assert {Path(path).name for path in shown} == {each.name for each in (ROOT / "examples" / "overlay").iterdir()}
+    for path, text in shown.items():
+        assert text == (ROOT / path).read_text(encoding="utf-8"), path
+
+
+def rate_limit_response(project: Path, *options: str) -> tuple[dict[str, str], list[dict[str, str]]]:
+    """The response of command 187 as generated: the message itself and its fields."""
+    done = run(" ".join(["python3 -m generator --json out.json", *options]), project)
+    assert done.returncode == 0, done.stdout
+    commands = json.loads((project / "out.json").read_text(encoding="utf-8"))["commands"]
+    message = next(each for each in commands if each["id"] == 187)["messages"]["response"]
+    return message, message["fields"]
+
+
+def read_numbers(fields: list[dict[str, str]], payload: bytes) -> tuple[dict[str, int], bytes]:
+    """The numbers of a payload by key, and what is left over."""
+    values = {}
+    for field in fields:
+        width = WIDTHS[field["kind"]]
+        assert len(payload) >= width, f"{field['key']} is cut short"
+        values[field["key"]], payload = int.from_bytes(payload[:width], "big"), payload[width:]
+    return values, payload
+
+
+def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
+    shown = re.search(r"\| response \| `([0-9A-F ]+)` \|", PAGE)
+    assert shown, "the page shows no captured response"
+    captured = bytes.fromhex(shown[1])
+
+    built_in, fields = rate_limit_response(project)
+    values, left_over = read_numbers(fields, captured)
+    assert (built_in["standing"], values["EjectorRateLimit"], len(left_over)) == ("assumed", 512, 4)
+
+    corrected, fields = rate_limit_response(project, "--overlay examples/overlay")
+    values, left_over = read_numbers(fields, captured)
+    assert (values, left_over) == (
+        {"CommandError": 0, "DivisionNumber": 2, "EjectorRateLimit": 3600, "LimitReached": 1},
+        b"",
+    )
+    assert corrected["standing"] == "site-confirmed"
+    assert corrected["confirmed_by"].startswith("Example Sorter 4, software 7.2.1")
