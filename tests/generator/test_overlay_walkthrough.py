@@ -102,5 +102,11 @@ def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
         {"CommandError": 0, "DivisionNumber": 2, "EjectorRateLimit": 3600, "LimitReached": 1},
         b"",
     )
+    script = "examples/overlay/read_capture.py"
+    promised = next(output for command, output in sessions() if command.endswith(script))
+    assert values.items() <= json.loads(promised.splitlines()[0]).items()
+    in_script = re.search(r'captured_response = bytes.fromhex\("(.+)"\)', (ROOT / script).read_text(encoding="utf-8"))
+    assert in_script and bytes.fromhex(in_script[1]) == captured
+
     assert corrected["standing"] == "site-confirmed"
     assert corrected["confirmed_by"].startswith("Example Sorter 4, software 7.2.1")
