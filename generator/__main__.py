@@ -17,7 +17,7 @@ import argparse
 import sys
 from pathlib import Path
 
-from . import emit_json, load, notation
+from . import emit_cpp, emit_json, load, notation
 from .model import Catalogue, Finding
 from .report import report
 from .validate import validate
@@ -38,6 +38,7 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
     parser.add_argument("--partial", action="store_true", help="do not ask for commands and totals of absent families")
     parser.add_argument("--check", action="store_true", help="check only, and say how much was read")
     parser.add_argument("--report", action="store_true", help="print totals and standings per family")
+    parser.add_argument("--cpp", type=Path, metavar="DIR", help="write the C++ below this folder")
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the catalogue as JSON")
     return parser.parse_args(argv)
 
@@ -70,6 +71,9 @@ def main(argv: list[str] | None = None) -> int:
     if findings:
         print(f"{len(findings)} finding(s); nothing was written", file=sys.stderr)
         return 1
+    if options.cpp:
+        for path, text in emit_cpp.emit(catalogue).items():
+            write(options.cpp / path, text)
     if options.json:
         write(options.json, emit_json.emit(catalogue))
     if options.report:

@@ -1,0 +1,64 @@
+# Runs the generator over a catalogue of commands when the tree is built. Lists of files are gathered when
+# it is configured and watched from then on: a new family, a changed definition or a changed generator
+# rebuilds exactly what follows from it.
+
+# vorlinkit_catalogue_inputs(OUT FOLDER [OVERLAY...]): every file that a run of the generator reads.
+function(vorlinkit_catalogue_inputs out folder)
+  file(GLOB inputs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/generator/*.py ${folder}/*.toml)
+  foreach(overlay IN LISTS ARGN)
+    if(NOT IS_DIRECTORY ${overlay})
+      message(FATAL_ERROR "VORLINKIT_CATALOGUE_OVERLAY: ${overlay} is not a folder (give a full path)")
+    endif()
+    file(GLOB found CONFIGURE_DEPENDS ${overlay}/*.toml)
+    list(APPEND inputs ${found})
+  endforeach()
+  set(${out} ${inputs} PARENT_SCOPE)
+endfunction()
+
+# vorlinkit_catalogue_families(OUT FOLDER [OVERLAY...]): the families, each of which becomes one header and
+# one source: the names of the files, except the control list.
+function(vorlinkit_catalogue_families out folder)
+  vorlinkit_catalogue_inputs(inputs ${folder} ${ARGN})
+  set(families "")
+  foreach(file IN LISTS inputs)
+    get_filename_component(name ${file} NAME_WE)
+    if(file MATCHES "\\.toml$" AND NOT name STREQUAL index)
+      list(APPEND families ${name})
+    endif()
+  endforeach()
+  list(REMOVE_DUPLICATES families)
+  set(${out} ${families} PARENT_SCOPE)
+endfunction()
+
+# vorlinkit_generate_commands(TARGET OUTPUT CATALOGUE FOLDER [OVERLAYS ...] [OPTIONS ...]): adds the C++ of a
+# catalogue to TARGET. It is written below OUTPUT; OPTIONS go to the generator as they stand.
+function(vorlinkit_generate_commands target output)
+  cmake_parse_arguments(arg "" "CATALOGUE" "OVERLAYS;OPTIONS;BYPRODUCTS" ${ARGN})
+  vorlinkit_catalogue_inputs(inputs ${arg_CATALOGUE} ${arg_OVERLAYS})
+  vorlinkit_catalogue_families(families ${arg_CATALOGUE} ${arg_OVERLAYS})
+  set(sources "")
+  set(headers ${output}/include/vorlinkit/commands.hpp)
+  foreach(family IN LISTS families)
+    list(APPEND sources ${output}/commands/${family}.cpp)
+    list(APPEND headers ${output}/commands/${family}.layout.hpp ${output}/include/vorlinkit/commands/${family}.hpp)
+  endforeach()
+  list(TRANSFORM arg_OVERLAYS PREPEND --overlay= OUTPUT_VARIABLE overlays)
+
+  # Files are rewritten only when they change; the stamp alone says that the generator has run.
+  add_custom_command(
+    OUTPUT ${output}/${target}.stamp
+    BYPRODUCTS ${sources} ${headers} ${arg_BYPRODUCTS}
+    COMMAND ${CMAKE_COMMAND} -E env PYTHONDONTWRITEBYTECODE=1
+            ${Python_EXECUTABLE} -m generator --catalogue ${arg_CATALOGUE} ${overlays} ${arg_OPTIONS} --cpp ${output}
+    COMMAND ${CMAKE_COMMAND} -E touch ${output}/${target}.stamp
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    DEPENDS ${inputs}
+    COMMENT "Generating commands from ${arg_CATALOGUE}"
+    VERBATIM)
+  add_custom_target(${target}_generated DEPENDS ${output}/${target}.stamp)
+  add_dependencies(${target} ${target}_generated)
+  target_sources(${target} PRIVATE ${sources})
+  target_include_directories(${target}
+    PUBLIC $<BUILD_INTERFACE:${output}/include> $<INSTALL_INTERFACE:include>
+    PRIVATE ${output} ${PROJECT_SOURCE_DIR}/commands)
+endfunction()

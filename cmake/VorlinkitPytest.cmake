@@ -1,0 +1,26 @@
+# Runs folders of pytest tests under ctest. The interpreter of the build may lack pytest (a private Python
+# that comes first on PATH often does), so one that has it is looked for, the build's own first.
+if(NOT VORLINKIT_PYTEST_PYTHON)
+  foreach(candidate IN ITEMS ${Python_EXECUTABLE} /usr/bin/python3 python3.11 python3)
+    execute_process(COMMAND ${candidate} -c "import sys, pytest; sys.exit(sys.version_info[:2] != (3, 11))"
+                    RESULT_VARIABLE failed OUTPUT_QUIET ERROR_QUIET)
+    if(NOT failed)
+      set(VORLINKIT_PYTEST_PYTHON ${candidate} CACHE FILEPATH "A Python 3.11 that has pytest" FORCE)
+      break()
+    endif()
+  endforeach()
+  if(NOT VORLINKIT_PYTEST_PYTHON)
+    message(FATAL_ERROR "The tests need a Python 3.11 with pytest (Debian package python3-pytest)")
+  endif()
+endif()
+
+# vorlinkit_add_pytest(NAME FOLDER): one ctest test that runs the folder with the built module and the
+# companion package on its path.
+function(vorlinkit_add_pytest name folder)
+  get_filename_component(folder ${folder} ABSOLUTE)
+  add_test(NAME ${name}
+           COMMAND ${VORLINKIT_PYTEST_PYTHON} -m pytest -q -p no:cacheprovider ${folder}
+           WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+  set_tests_properties(${name} PROPERTIES
+    ENVIRONMENT "PYTHONPATH=${CMAKE_BINARY_DIR}/python;PYTHONDONTWRITEBYTECODE=1;VORLINKIT_BUILD_DIR=${CMAKE_BINARY_DIR}")
+endfunction()

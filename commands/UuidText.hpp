@@ -1,0 +1,11 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace vorlinkit::commands {
+
+/// The text form of 16 bytes in wire order: upper-case hexadecimal in groups of 8-4-4-4-12.
+std::string uuid_text(const std::byte* bytes);
+
+} // namespace vorlinkit::commands
