@@ -1,0 +1,274 @@
+"""One client's connection: reads requests, has them answered, and sends everything in one orderly stream."""
+
+from __future__ import annotations
+
+import asyncio
+import socket
+import struct
+from collections.abc import Iterator, Sequence
+from dataclasses import dataclass, replace
+from typing import Final
+
+from . import frames
+from .events import EventLog
+from .frames import MajorError, RequestFrame
+from .machine import Machine, Reply
+from .misbehaviour import Answer, Ending
+from .render import to_json
+from .scenario import ConnectionRule, Scenario
+from .subscriptions import Client
+
+BLOCK: Final = 64 * 1024
+LONGEST_VALUES: Final = 2000
+
+
+@dataclass(frozen=True)
+class Outgoing:
+    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if it does."""
+
+    parts: Sequence[bytes]
+    frames: int = 0
+    chunk: int | None = None
+    together: bool = False
+    ending: Ending | None = None
+    answered: int | None = None
+
+
+class ClientConnection:
+    """Owned by the server, which runs it as one task; everything happens on the event loop.
+
+    The request loop decides what is sent; one writer task sends it, so that frames never mix, also while an answer
+    leaves byte by byte.
+    """
+
+    def __init__(
+        self,
+        number: int,
+        reader: asyncio.StreamReader,
+        writer: asyncio.StreamWriter,
+        machine: Machine,
+        scenario: Scenario,
+        events: EventLog,
+    ) -> None:
+        self.client = Client(number, self._deliver)
+        self._reader = reader
+        self._writer = writer
+        self._machine = machine
+        self._scenario = scenario
+        self._events = events
+        self._outbox: asyncio.Queue[Outgoing] = asyncio.Queue()
+        self._held_back: list[bytes] | None = None
+        self._sent = 0
+        self._shut = False
+        self._rules: Sequence[ConnectionRule] = scenario.for_connection(number)
+        self._silent = any(rule.silent for rule in self._rules)
+        self._drop_after = min((rule.drop_after for rule in self._rules if rule.drop_after is not None), default=None)
+
+    @property
+    def number(self) -> int:
+        return self.client.number
+
+    async def run(self) -> None:
+        """Serve the client until either side ends the connection."""
+        peer = self._writer.get_extra_info("peername")
+        self._events("accepted", connection=self.number, peer=f"{peer[0]}:{peer[1]}" if peer else "")
+        # Back-pressure from the first byte on: what was sent is with the operating system, not in a buffer here.
+        self._writer.transport.set_write_buffer_limits(0)
+        drop = next((rule.drop_on_accept for rule in self._rules if rule.drop_on_accept), "")
+        if drop:
+            self._events("misbehaved", connection=self.number, rule=f"drop_on_accept={drop}")
+            self._end("reset" if drop == "reset" else "close")
+            self._events("closed", connection=self.number, by="simulator")
+            return
+        self._machine.enter(self.client)
+        writing = asyncio.create_task(self._write_all())
+        by = "simulator"
+        try:
+            while (frame := await self._read()) is not None:
+                await self._serve(frame)
+        except (asyncio.IncompleteReadError, ConnectionError):
+            by = "simulator" if self._writer.is_closing() else "client"
+        finally:
+            writing.cancel()
+            self._machine.leave(self.client)
+            self._writer.close()
+            self._events("closed", connection=self.number, by=by)
+
+    def send_unsolicited(self, made: Sequence[bytes]) -> None:
+        """Send notifications that no request asked for."""
+        self._put(Outgoing(made, frames=len(made)))
+
+    def make_notifications(self, command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
+        """Notification frames for a burst: of a payload of ``size`` bytes that begin with a running number, or whole
+        and plausible when no size is given."""
+        known = self._machine.catalogue
+        if isinstance(command, str):
+            command = known.named(command).id
+        if command is None:
+            command = next((one.command.id for one in self.client.subscriptions), 0)
+        if size is not None:
+            filler = bytes(max(0, size - 4))
+            return [
+                frames.notification(command, (at.to_bytes(4, "big") + filler)[:size] if size >= 4 else filler[:size])
+                for at in range(count)
+            ]
+        definition = self._machine.command_with_id(command)
+        one = self._machine.notification(definition) if definition is not None else frames.notification(command)
+        return [one] * count
+
+    def end(self, how: Ending) -> None:
+        """End the connection behind what is waiting to be sent."""
+        self._put(Outgoing((), ending=how))
+
+    async def flushed(self) -> None:
+        """Returns when everything that was to be sent has been."""
+        await self._outbox.join()
+
+    # --- receiving ------------------------------------------------------------------------------------------------
+
+    async def _read(self) -> RequestFrame | None:
+        start = await self._reader.readexactly(frames.START_SIZE)
+        size = frames.header_size(start[3])
+        if start[:2] != frames.PROTOCOL or size is None:
+            # Where the next frame begins cannot be known any more, so the connection ends.
+            self._events("not-a-frame", connection=self.number, start=start.hex())
+            if start[:2] == frames.PROTOCOL:
+                refusal = frames.response(0, major_error=MajorError.UnsupportedHeaderType)
+                self._put(Outgoing([refusal], frames=1))
+                await self.flushed()
+            return None
+        header = start + await self._reader.readexactly(size - frames.START_SIZE)
+        return frames.parse(header, await self._reader.readexactly(frames.announced_length(header)))
+
+    async def _serve(self, frame: RequestFrame) -> None:
+        self._held_back = []
+        reply = self._machine.answer(self.client, frame)
+        self._tell_request(frame, reply)
+        answer = replace(reply.answer, make_notifications=self._notifications_of(reply))
+        for rule in self._scenario.for_request(frame.command_id, self.number):
+            self._events("misbehaved", connection=self.number, command=frame.command_id, rule=rule.text)
+            answer = rule.apply(answer)
+        self._machine.follow_up(self.client, reply)
+        answer = replace(answer, behind=(*self._held_back, *answer.behind))
+        self._held_back = None
+        if answer.delay > 0:
+            await asyncio.sleep(answer.delay)
+        self._send_answer(answer, frame.command_id)
+
+    def _notifications_of(self, reply: Reply):  # type: ignore[no-untyped-def]
+        def make(command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
+            own = reply.command is not None and reply.command.notification is not None
+            if command is None and own and size is None and reply.command is not None:
+                return [self._machine.notification(reply.command, reply.request, reply.response)] * count
+            return self.make_notifications(reply.answer.command_id if command is None and own else command, count, size)
+
+        return make
+
+    def _tell_request(self, frame: RequestFrame, reply: Reply) -> None:
+        if not self._events.enabled:
+            return
+        command = reply.command
+        values = ""
+        if command is not None and command.request is not None and reply.request:
+            values = to_json(command, command.request.fields, reply.request)[:LONGEST_VALUES]
+        self._events(
+            "request",
+            connection=self.number,
+            command=frame.command_id,
+            name=command.name if command is not None else "",
+            values=values,
+        )
+
+    # --- sending --------------------------------------------------------------------------------------------------
+
+    def _deliver(self, frame: bytes) -> None:
+        # What an own request causes comes behind its answer; everything else leaves at once.
+        if self._held_back is not None:
+            self._held_back.append(frame)
+        else:
+            self._put(Outgoing([frame], frames=1))
+
+    def _send_answer(self, answer: Answer, asked: int) -> None:
+        response = answer.response()
+        how, moment = answer.ending if answer.ending is not None else (None, None)
+        if answer.silent or moment == "instead":
+            self._put(Outgoing(answer.behind, frames=len(answer.behind), chunk=answer.chunk, ending=how))
+            return
+        if moment == "middle":
+            self._put(Outgoing([*answer.ahead, response[: len(response) // 2]], chunk=answer.chunk, ending=how))
+            return
+        parts = [*answer.ahead, *([response] * answer.copies), *answer.behind]
+        self._put(
+            Outgoing(
+                parts, frames=len(parts), chunk=answer.chunk, together=answer.together, ending=how, answered=asked
+            )
+        )
+
+    def _put(self, outgoing: Outgoing) -> None:
+        if not self._silent:
+            self._outbox.put_nowait(outgoing)
+
+    async def _write_all(self) -> None:
+        while True:
+            outgoing = await self._outbox.get()
+            try:
+                await self._write(outgoing)
+            except ConnectionError:
+                pass
+            finally:
+                self._outbox.task_done()
+
+    async def _write(self, outgoing: Outgoing) -> None:
+        if self._shut or self._writer.is_closing():
+            return
+        for block in _blocks(outgoing, self._frames_left()):
+            self._writer.write(block)
+            await self._writer.drain()
+        self._sent += outgoing.frames
+        if outgoing.answered is not None:
+            self._events("answered", connection=self.number, command=outgoing.answered)
+        elif outgoing.frames:
+            self._events("notified", connection=self.number, count=outgoing.frames)
+        if outgoing.ending is not None:
+            self._end(outgoing.ending)
+        elif self._drop_after is not None and self._sent >= self._drop_after:
+            self._events("misbehaved", connection=self.number, rule=f"drop_after={self._drop_after}")
+            self._end("close")
+
+    def _frames_left(self) -> int | None:
+        return None if self._drop_after is None else max(0, self._drop_after - self._sent)
+
+    def _end(self, how: Ending) -> None:
+        if how == "half-close":
+            self._shut = True
+            self._writer.write_eof()
+        elif how == "reset":
+            sock = self._writer.get_extra_info("socket")
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self._writer.transport.abort()
+        else:
+            self._writer.close()
+        if how == "half-close":
+            self._events("half-closed", connection=self.number)
+
+
+def _blocks(outgoing: Outgoing, frames_left: int | None) -> Iterator[bytes]:
+    """The writes that send it: one per frame, or one for all, or many small frames to a block, or pieces."""
+    parts = outgoing.parts if frames_left is None else outgoing.parts[:frames_left]
+    if outgoing.chunk is not None:
+        whole = b"".join(parts)
+        yield from (whole[at : at + outgoing.chunk] for at in range(0, len(whole), outgoing.chunk))
+        return
+    if outgoing.together:
+        yield b"".join(parts)
+        return
+    if len(parts) < 100:
+        yield from parts
+        return
+    block = bytearray()
+    for part in parts:
+        block += part
+        if len(block) >= BLOCK:
+            yield bytes(block)
+            block.clear()
+    yield bytes(block)

@@ -1,0 +1,293 @@
+"""The simulated machine: what it is asked becomes what it answers, without a socket in sight.
+
+A request goes through the gate (header, client id, control), is decoded, answered by the room that knows the
+command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one thread,
+the event loop's.
+"""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Callable, Mapping, Sequence
+from dataclasses import dataclass, field
+from typing import Final, Protocol
+
+from vorlinkit.catalogue import Catalogue, Command
+
+from . import frames
+from .clock import Clock
+from .coder import PayloadError, decode, encode
+from .frames import MajorError, MinorError, RequestFrame
+from .memory import Memory
+from .misbehaviour import Answer
+from .plausible import Plausible
+from .records import Known, Record, Value, number
+from .subscriptions import (
+    Client,
+    Subscription,
+    matching,
+    subscribe,
+    subscribing_level,
+    unsubscribe,
+)
+
+Handler = Callable[[Client, Record], Known]
+"""What a room does with a request: it returns what it knows of the response, by key."""
+
+COMMAND_ERROR: Final = "CommandError"
+
+
+class Room(Protocol):
+    """A part of the machine that keeps state of its own and answers the commands it knows by name."""
+
+    def handlers(self) -> Mapping[str, Handler]:
+        """The commands that the room answers."""
+
+
+@dataclass(frozen=True)
+class MachineOptions:
+    """How strict the machine is and how it notifies."""
+
+    strict_control: bool = False
+    strict_client_id: bool = False
+    notify_at_once: bool = True
+    prefer: tuple[str, ...] = ()
+    blob_size: int = 64
+
+
+@dataclass
+class Reply:
+    """A request carried out: the answer's parts before anything goes wrong with them."""
+
+    answer: Answer
+    command: Command | None = None
+    request: Record = field(default_factory=dict)
+    response: Record = field(default_factory=dict)
+
+
+class Machine:
+    """State and answers of the simulated machine."""
+
+    def __init__(self, catalogue: Catalogue, options: MachineOptions, clock: Clock) -> None:
+        from .rooms import furnish  # the rooms need the machine's types
+
+        self.catalogue = catalogue
+        self.options = options
+        self.clock = clock
+        self.clients: list[Client] = []
+        self.plausible = Plausible(clock.now, options.blob_size)
+        self._memory = Memory(catalogue)
+        self._by_id = {command.id: command for command in reversed(catalogue.commands)}
+        self._by_id.update({catalogue.named(name).id: catalogue.named(name) for name in options.prefer})
+        self._handlers: dict[str, Handler] = {}
+        self._own_notifications: set[str] = set()
+        self._leaving: list[Callable[[Client], None]] = []
+        self._stopping: list[Callable[[], None]] = []
+        self._movers: list[Callable[[], bool]] = []
+        self.motion_wanted: Callable[[], None] = lambda: None
+        self.holder: Client | None = None
+        for room in furnish(self):
+            self._handlers.update(room.handlers())
+
+    # --- what rooms use -------------------------------------------------------------------------------------------
+
+    def on_leaving(self, action: Callable[[Client], None]) -> None:
+        """Have ``action`` called for every client that leaves."""
+        self._leaving.append(action)
+
+    def on_stopping(self, action: Callable[[], None]) -> None:
+        """Have ``action`` called once before the machine stops."""
+        self._stopping.append(action)
+
+    def every_motor_interval(self, move: Callable[[], bool]) -> None:
+        """Have ``move`` called at every motor interval while something moves; it says whether more is to come."""
+        self._movers.append(move)
+
+    def wake_motors(self) -> None:
+        """Something has to move."""
+        self.motion_wanted()
+
+    def notifies_itself(self, *names: str) -> None:
+        """The room sends these commands' notifications when something happens, never just for being subscribed."""
+        self._own_notifications.update(names)
+
+    def changed(self, name: str, address: Known | None = None, **extra: Value) -> None:
+        """Tell everyone who subscribed to this object; ``extra`` are values for the notification alone."""
+        for client, subscription in matching(self.clients, name, address or {}):
+            self._report(client, subscription, extra)
+
+    def tell(self, client: Client, name: str, values: Known) -> None:
+        """Send one notification of this command to one client; nothing if the catalogue has no such notification."""
+        for command in self.catalogue.commands:
+            if command.name == name and command.notification is not None:
+                client.deliver(self.notification(command, values))
+
+    # --- what the connections use ---------------------------------------------------------------------------------
+
+    def command_with_id(self, command_id: int) -> Command | None:
+        return self._by_id.get(command_id)
+
+    def enter(self, client: Client) -> None:
+        """A client has connected."""
+        self.clients.append(client)
+
+    def leave(self, client: Client) -> None:
+        """A client is gone: what it held and wanted is released."""
+        if client in self.clients:
+            self.clients.remove(client)
+        client.subscriptions.clear()
+        for action in self._leaving:
+            action(client)
+
+    def stop(self) -> None:
+        """The machine is about to stop: whoever subscribed to its status is told."""
+        for action in self._stopping:
+            action()
+
+    def move(self) -> bool:
+        """Let one motor interval pass; says whether anything is still on its way."""
+        return any([mover() for mover in self._movers])
+
+    def report_all(self) -> int:
+        """Repeat every subscription's notification as things stand now; says how many were sent."""
+        sent = 0
+        for client in self.clients:
+            for subscription in list(client.subscriptions):
+                if subscription.command.name not in self._own_notifications:
+                    self._report(client, subscription, {})
+                    sent += 1
+        return sent
+
+    def answer(self, client: Client, frame: RequestFrame) -> Reply:
+        """Carry out one request."""
+        command = self.command_with_id(frame.command_id)
+        major = self._gate(client, frame, command)
+        minor = 0 if frame.version == frames.VERSION else int(MinorError.UnknownRequestVersion)
+        request: Record = {}
+        if not major and command is not None and command.request is not None:
+            try:
+                request, left_over = decode(command.request.fields, frame.payload)
+                major = int(MajorError.DataLengthMismatch) if left_over else 0
+            except PayloadError:
+                major = int(MajorError.DataLengthMismatch)
+        elif not major and frame.payload:
+            major = int(MajorError.DataLengthMismatch)
+        if major or command is None:
+            return Reply(Answer(frame.command_id, major_error=major, minor_error=minor), command)
+        if command.response is None:
+            return Reply(Answer(command.id, minor_error=minor), command, request)
+        response = self._respond(client, command, request)
+        answer = Answer(
+            command_id=command.id,
+            payload=encode(command.response.fields, response),
+            minor_error=minor,
+            has_command_error=next(iter(response), "") == COMMAND_ERROR,
+        )
+        return Reply(answer, command, request, response)
+
+    def follow_up(self, client: Client, reply: Reply) -> None:
+        """What comes behind an answer: the subscription it made, and the notification that goes with it."""
+        command = reply.command
+        if command is None or command.notification is None or reply.answer.major_error:
+            return
+        level = subscribing_level(reply.request)
+        if level == 0:
+            unsubscribe(client, command, reply.request)
+        if level == 0 or number(reply.response, COMMAND_ERROR) != 0:
+            return
+        if level is not None:
+            subscribe(client, command, reply.request)
+        if self.options.notify_at_once and command.name not in self._own_notifications:
+            client.deliver(self.notification(command, reply.request, reply.response))
+
+    def notification(self, command: Command, *known: Known) -> bytes:
+        """A whole notification frame of a command, completed from what is known."""
+        fields = command.notification.fields if command.notification is not None else ()
+        return frames.notification(command.id, encode(fields, self.plausible.complete(fields, *known)))
+
+    # --- how it is done -------------------------------------------------------------------------------------------
+
+    def _gate(self, client: Client, frame: RequestFrame, command: Command | None) -> int:
+        """The protocol errors of a request, before its payload is looked at."""
+        if frame.message_type != frames.REQUEST:
+            return MajorError.UnexpectedHeaderType
+        flags = MajorError(0)
+        if frame.header_length != frames.REQUEST_HEADER.size - frames.START_SIZE:
+            flags |= MajorError.HeaderLengthIncorrect
+        if frame.access_key != frames.ACCESS_KEY:
+            flags |= MajorError.AccessKeyIncorrect
+        if command is None:
+            flags |= MajorError.UnsupportedCommandId
+        if frame.client_id != client.id and frame.client_id != 0:
+            flags |= MajorError.IncorrectClientId
+        elif frame.client_id == 0 and self.options.strict_client_id and not _is_open_to_all(command):
+            flags |= MajorError.ClientIdRequired
+        if command is not None and self.options.strict_control and needs_control(command):
+            if self.holder is not client:
+                flags |= MajorError.ExclusiveControlRequired
+                flags |= MajorError.ControlBlocked if self.holder is not None else MajorError(0)
+        return flags
+
+    def _respond(self, client: Client, command: Command, request: Record) -> Record:
+        known = self._known(client, command, request)
+        if number(known, COMMAND_ERROR) == 0 and command.name not in self._handlers:
+            for name, address in self._memory.remember(command, request):
+                self.changed(name, address)
+        return self._completed(command, known, request)
+
+    def _completed(self, command: Command, *known: Known) -> Record:
+        response = self.plausible.complete(command.response.fields if command.response is not None else (), *known)
+        self._memory.overlay(command, response)
+        return response
+
+    def _known(self, client: Client, command: Command, request: Record) -> Known:
+        handler = self._handlers.get(command.name)
+        return handler(client, request) if handler is not None else self._memory.recall(command, request)
+
+    def _report(self, client: Client, subscription: Subscription, extra: Known) -> None:
+        """Send a subscriber how things stand now: what the same request would be answered with."""
+        command, request = subscription.command, subscription.request
+        # Only a question may be asked again; what changes the machine is not done twice for the sake of a report.
+        known = self._known(client, command, request) if _QUESTION.match(command.name) else self._memory.recall(
+            command, request
+        )
+        response = self._completed(command, known, request)
+        client.deliver(self.notification(command, extra, known, request, response))
+
+
+_QUESTION: Final = re.compile(r"(Get|Is|Read)[A-Z]")
+_OPEN_TO_ALL: Final = ("GetClientId", "NoOpCommand", "GetSupportedCommands", "IsCommandSupported", "GetHeaderVersions")
+_CHANGING: Final = (
+    "Abort Add Calibrate Create Delete Disable Enable Force Ignore LoadCell Modify Protect Recall Remove Rename "
+    "RequestProcess RequestTest Reset Restore Resume Save Send Set Start Stop Terminate Unprotect Update Upload User "
+    "Write"
+).split()
+_NEVER_NEEDING_CONTROL: Final = (
+    "ForcedGetExclusiveControl",
+    "ForcedGetExclusiveControlWithUser",
+    "StartRemoteAccess",
+    "StopRemoteAccess",
+)
+
+
+def _is_open_to_all(command: Command | None) -> bool:
+    return command is None or command.name in _OPEN_TO_ALL
+
+
+def needs_control(command: Command) -> bool:
+    """Whether the simulator asks for exclusive control under --strict-control: commands that change the machine.
+
+    Which commands a real machine guards is the machine's own; this goes by their names.
+    """
+    return command.name not in _NEVER_NEEDING_CONTROL and command.name.startswith(tuple(_CHANGING))
+
+
+def honest_words(catalogue: Catalogue) -> Sequence[str]:
+    """The honest words about the catalogue that the simulator starts with."""
+    standings = catalogue.standings()
+    return (
+        "This is a simulator, not a machine: no answer below comes from a real one.",
+        f"Of {sum(standings.values())} payload layouts {standings.get('confirmed', 0)} are confirmed, "
+        f"{standings.get('site-confirmed', 0)} were confirmed at a site and {standings.get('assumed', 0)} are assumed.",
+        "Only confirmed layouts are certain; an assumed one may differ from your machine's. Values are made up.",
+    )

@@ -1,0 +1,330 @@
+"""What an answer of the simulator is, and every way in which it can be made to go wrong.
+
+An Answer is a plan: nothing has been sent yet. A misbehaviour is a small object that changes the plan; the
+connection then carries it out. So what goes wrong is decided in one place and can be tested without a socket.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Mapping, Sequence
+from dataclasses import dataclass, field, replace
+from typing import Any, Final, Literal, Protocol
+
+from . import frames
+from .frames import MajorError, MinorError
+
+Ending = Literal["half-close", "reset", "close"]
+Moment = Literal["instead", "middle", "after"]
+
+NotificationMaker = Callable[[int | str | None, int, int | None], Sequence[bytes]]
+"""Makes notification frames: of which command (None: the one that is answered), how many, of which payload size."""
+
+
+@dataclass(frozen=True)
+class Answer:
+    """What a request is going to be answered with, and how it is going to leave."""
+
+    command_id: int
+    payload: bytes = b""
+    major_error: int = 0
+    minor_error: int = 0
+    announced: int | None = None
+    delay: float = 0.0
+    copies: int = 1
+    chunk: int | None = None
+    together: bool = False
+    ahead: tuple[bytes, ...] = ()
+    behind: tuple[bytes, ...] = ()
+    frame: bytes | None = None
+    ending: tuple[Ending, Moment] | None = None
+    silent: bool = False
+    has_command_error: bool = False
+    make_notifications: NotificationMaker = field(default=lambda command, count, size: (), repr=False)
+
+    def response(self) -> bytes:
+        """The response frame as it leaves, once."""
+        if self.frame is not None:
+            return self.frame
+        return frames.response(self.command_id, self.payload, self.major_error, self.minor_error, self.announced)
+
+
+class Misbehaviour(Protocol):
+    """One way to go wrong."""
+
+    def apply(self, answer: Answer) -> Answer:
+        """The plan, changed."""
+
+
+class ScenarioError(Exception):
+    """A rule cannot be understood; the text says which and why."""
+
+
+@dataclass(frozen=True)
+class Delay:
+    """The answer comes this many milliseconds late; notifications go on meanwhile."""
+
+    milliseconds: float
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, delay=answer.delay + self.milliseconds / 1000)
+
+
+@dataclass(frozen=True)
+class NoAnswer:
+    """The request is read and carried out, and never answered."""
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, silent=True)
+
+
+@dataclass(frozen=True)
+class WrongCommandId:
+    """The answer carries another command id."""
+
+    command_id: int | None
+
+    def apply(self, answer: Answer) -> Answer:
+        other = (answer.command_id + 1) & 0xFFFF if self.command_id is None else self.command_id
+        return replace(answer, command_id=other)
+
+
+@dataclass(frozen=True)
+class Duplicate:
+    """The answer is sent this many times more."""
+
+    extra: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, copies=answer.copies + self.extra)
+
+
+@dataclass(frozen=True)
+class SetMajorError:
+    """The answer refuses the request at the protocol level."""
+
+    flags: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, major_error=answer.major_error | self.flags)
+
+
+@dataclass(frozen=True)
+class SetMinorError:
+    """The answer carries protocol warnings."""
+
+    flags: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, minor_error=answer.minor_error | self.flags)
+
+
+@dataclass(frozen=True)
+class SetCommandError:
+    """The answer carries these command error bits; nothing happens to an answer that has no CommandError."""
+
+    bits: int
+
+    def apply(self, answer: Answer) -> Answer:
+        if not answer.has_command_error:
+            return answer
+        return replace(answer, payload=self.bits.to_bytes(2, "big") + answer.payload[2:])
+
+
+@dataclass(frozen=True)
+class Split:
+    """Everything leaves in pieces of this many bytes, each in a write of its own."""
+
+    size: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, chunk=self.size)
+
+
+@dataclass(frozen=True)
+class Glued:
+    """This many notifications and the answer leave in one write."""
+
+    notifications: int
+
+    def apply(self, answer: Answer) -> Answer:
+        made = tuple(answer.make_notifications(None, self.notifications, None))
+        return replace(answer, ahead=answer.ahead + made, together=True)
+
+
+@dataclass(frozen=True)
+class Junk:
+    """Bytes that are no frame come ahead of the answer."""
+
+    content: bytes
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, ahead=(*answer.ahead, self.content))
+
+
+@dataclass(frozen=True)
+class ShortPayload:
+    """The payload lacks its last bytes; the length in the header fits what is sent."""
+
+    missing: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, payload=answer.payload[: max(0, len(answer.payload) - self.missing)])
+
+
+@dataclass(frozen=True)
+class AnnouncedLength:
+    """The header announces more bytes than ever come."""
+
+    extra: int
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, announced=min(len(answer.payload) + self.extra, 0xFFFFFFFF))
+
+
+@dataclass(frozen=True)
+class Corrupt:
+    """One part of the answer's header is wrong."""
+
+    part: str
+
+    def apply(self, answer: Answer) -> Answer:
+        frame = bytearray(answer.response())
+        if self.part == "protocol":
+            frame[0:2] = b"XX"
+        elif self.part == "version":
+            frame[2] = frames.VERSION + 1
+        elif self.part == "type":
+            frame[3] = 9
+        else:
+            frame[5] ^= 0xFF
+        return replace(answer, frame=bytes(frame))
+
+
+@dataclass(frozen=True)
+class End:
+    """The connection ends: sending side shut, closed, or reset; instead of, amid or after the answer."""
+
+    how: Ending
+    moment: Moment
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, ending=(self.how, self.moment))
+
+
+@dataclass(frozen=True)
+class Burst:
+    """This many notifications that nobody asked for come behind the answer, of a command and a payload size."""
+
+    count: int
+    command: int | str | None
+    size: int | None
+
+    def apply(self, answer: Answer) -> Answer:
+        made = tuple(answer.make_notifications(self.command, self.count, self.size))
+        return replace(answer, behind=answer.behind + made)
+
+
+CORRUPT_PARTS: Final = ("protocol", "version", "type", "header_length")
+ACTIONS: Final = (
+    "delay",
+    "no_answer",
+    "wrong_command_id",
+    "duplicate",
+    "major_error",
+    "minor_error",
+    "command_error",
+    "split",
+    "glued",
+    "junk",
+    "short_payload",
+    "announce",
+    "corrupt",
+    "half_close",
+    "close",
+    "reset",
+    "burst",
+)
+"""The names of the misbehaviours in a rule, in the order in which they change an answer."""
+
+
+def build(action: str, value: object, rule: Mapping[str, Any]) -> Misbehaviour:
+    """The misbehaviour that a rule names; ``rule`` holds what else the rule says."""
+    if action == "delay":
+        return Delay(_number(action, value, 0))
+    if action == "no_answer":
+        _yes(action, value)
+        return NoAnswer()
+    if action == "wrong_command_id":
+        return WrongCommandId(None if value is True else _number(action, value, 0))
+    if action == "duplicate":
+        return Duplicate(1 if value is True else _number(action, value, 1))
+    if action == "major_error":
+        return SetMajorError(_flags(action, value, MajorError))
+    if action == "minor_error":
+        return SetMinorError(_flags(action, value, MinorError))
+    if action == "command_error":
+        return SetCommandError(_number(action, value, 0) & 0xFFFF)
+    if action == "split":
+        return Split(1 if value is True else _number(action, value, 1))
+    if action == "glued":
+        return Glued(1 if value is True else _number(action, value, 1))
+    if action == "junk":
+        return Junk(_junk(value))
+    if action == "short_payload":
+        return ShortPayload(1 if value is True else _number(action, value, 1))
+    if action == "announce":
+        return AnnouncedLength(1000 if value is True else _number(action, value, 1))
+    if action == "corrupt":
+        if value not in CORRUPT_PARTS:
+            raise ScenarioError(f"corrupt is one of {', '.join(CORRUPT_PARTS)}, not {value!r}")
+        return Corrupt(str(value))
+    if action == "burst":
+        size = rule.get("size")
+        return Burst(_number(action, value, 0), rule.get("of"), None if size is None else _number("size", size, 0))
+    return End(_ENDINGS[action], _moment(action, value))
+
+
+_ENDINGS: Final[Mapping[str, Ending]] = {"half_close": "half-close", "close": "close", "reset": "reset"}
+
+
+def _yes(action: str, value: object) -> None:
+    if value is not True:
+        raise ScenarioError(f"{action} is true or left out, not {value!r}")
+
+
+def _number(action: str, value: object, least: int) -> int:
+    if isinstance(value, bool) or not isinstance(value, int) or value < least:
+        raise ScenarioError(f"{action} is a whole number from {least}, not {value!r}")
+    return value
+
+
+def _flags(action: str, value: object, kind: type[MajorError] | type[MinorError]) -> int:
+    names = value if isinstance(value, list) else [value]
+    flags = 0
+    for name in names:
+        if isinstance(name, str) and name in kind.__members__:
+            flags |= kind[name]
+        else:
+            flags |= _number(f"{action} (a number or one of {', '.join(kind.__members__)})", name, 1)
+    return flags
+
+
+def _junk(value: object) -> bytes:
+    if value is True:
+        return b"this is no frame"
+    if isinstance(value, str):
+        try:
+            return bytes.fromhex(value)
+        except ValueError:
+            raise ScenarioError(f"junk is a number of bytes or hexadecimal digits, not {value!r}") from None
+    return (b"no frame " * (_number("junk", value, 1) // 9 + 1))[: _number("junk", value, 1)]
+
+
+def _moment(action: str, value: object) -> Moment:
+    if value is True or value == "instead":
+        return "instead"
+    if value == "middle":
+        return "middle"
+    if value == "after":
+        return "after"
+    raise ScenarioError(f'{action} is "instead", "middle" or "after" (the answer), not {value!r}')

@@ -1,0 +1,108 @@
+"""The simulator's command line."""
+
+from __future__ import annotations
+
+import argparse
+from collections.abc import Sequence
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Final
+
+from .machine import MachineOptions
+
+DEFAULT_PORT: Final = 50713
+
+_EPILOGUE: Final = """\
+What the simulator checks of a request, and the flags of majorError that it answers with:
+  header length not 14             HeaderLengthIncorrect    access key not 5A C3 1E 87   AccessKeyIncorrect
+  not a request                    UnexpectedHeaderType     unknown kind of frame        UnsupportedHeaderType
+  command not in the catalogue     UnsupportedCommandId     payload not of the layout    DataLengthMismatch
+  client id of another client      IncorrectClientId        (client id 0 is taken from everyone)
+  with --strict-client-id          ClientIdRequired         when the client id is 0
+  with --strict-control            ExclusiveControlRequired when a command would change the machine
+A version other than 1 is answered with the warning UnknownRequestVersion.
+
+Rules for misbehaviour, in words of key=value; docs/simulator.md lists them all:
+  --rule "command=11 request=2 delay=500"        the 2nd GetMachineInfo is answered 500 ms late
+  --rule "command=GetServerTime no_answer"       never answered
+  --rule "connection=1 drop_after=3"             the first connection ends after three frames
+"""
+
+
+@dataclass(frozen=True)
+class Options:
+    """Everything that the command line says."""
+
+    host: str
+    port: int
+    catalogue: Path | None
+    scenario: Path | None
+    rules: tuple[str, ...]
+    machine: MachineOptions
+    notify_every: int
+    motor_interval: int
+    clock: int | None
+    events: bool
+    control: bool
+
+
+def parse(arguments: Sequence[str] | None = None) -> Options:
+    """Read the command line; exits with a message on a mistake."""
+    given = _parser().parse_args(arguments)
+    return Options(
+        host=given.host,
+        port=given.port,
+        catalogue=given.catalogue,
+        scenario=given.scenario,
+        rules=tuple(given.rule),
+        machine=MachineOptions(
+            strict_control=given.strict_control,
+            strict_client_id=given.strict_client_id,
+            notify_at_once=not given.notify_on_change_only,
+            prefer=tuple(given.prefer),
+            blob_size=given.blob_size,
+        ),
+        notify_every=given.notify_every,
+        motor_interval=given.motor_interval,
+        clock=given.clock,
+        events=given.events or given.control,
+        control=given.control,
+    )
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(
+        prog="python3 -m vorlinkit.simulator",
+        description="A simulated sorting machine that speaks VORLIN, to develop against when no machine is at hand.",
+        epilog=_EPILOGUE,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    add = parser.add_argument
+    add("--host", default="127.0.0.1", help="address to listen on (default: this computer alone)")
+    add("--port", type=_port, default=DEFAULT_PORT, help=f"port to listen on, 0 for a free one (default {DEFAULT_PORT})")
+    add("--catalogue", type=Path, metavar="FILE", help="catalogue.json to take the layouts from")
+    add("--scenario", type=Path, metavar="FILE", help="rules for misbehaviour, as TOML or JSON")
+    add("--rule", action="append", default=[], metavar="RULE", help="one rule for misbehaviour; may be repeated")
+    add("--strict-control", action="store_true", help="ask for exclusive control where a command changes the machine")
+    add("--strict-client-id", action="store_true", help="refuse requests of clients that have not asked for an id")
+    add("--notify-every", type=_count, default=0, metavar="MS", help="repeat every subscribed notification")
+    add("--notify-on-change-only", action="store_true", help="no notification just for having subscribed")
+    add("--motor-interval", type=_count, default=50, metavar="MS", help="time between two motor steps (default 50)")
+    add("--clock", type=_count, metavar="SECONDS", help="have the machine's clock stand still at this time")
+    add("--blob-size", type=_count, default=64, metavar="BYTES", help="size of captured frames (default 64)")
+    add("--prefer", action="append", default=[], metavar="COMMAND", help="of two commands with one id, answer as this")
+    add("--events", action="store_true", help="tell what happens, one JSON object per line")
+    add("--control", action="store_true", help="take lines from standard input that drive it (implies --events)")
+    return parser
+
+
+def _port(text: str) -> int:
+    if text.isdigit() and int(text) <= 65535:
+        return int(text)
+    raise argparse.ArgumentTypeError(f"{text!r} is not a port (0 to 65535)")
+
+
+def _count(text: str) -> int:
+    if text.isdigit():
+        return int(text)
+    raise argparse.ArgumentTypeError(f"{text!r} is not a whole number from 0")

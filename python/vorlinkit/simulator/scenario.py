@@ -1,0 +1,184 @@
+"""When the simulator misbehaves: rules from a scenario file (TOML or JSON) or from ``--rule``."""
+
+from __future__ import annotations
+
+import json
+import re
+import tomllib
+from collections.abc import Mapping, Sequence
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any, Final
+
+from vorlinkit.catalogue import Catalogue
+
+from .misbehaviour import ACTIONS, Answer, Misbehaviour, ScenarioError, build
+
+_WHEN: Final = ("command", "request", "from", "to", "connection")
+_BESIDE: Final = ("size", "of")
+_CONNECTION_ACTIONS: Final = ("silent", "drop_on_accept", "drop_after")
+
+
+@dataclass
+class Rule:
+    """One rule: when it applies and what then goes wrong.
+
+    Requests are counted per rule: the requests that match its command (and connection), from the start of the
+    simulator on, so that a rule behaves the same in every run. ``first`` and ``last`` bound the count.
+    """
+
+    text: str
+    command_id: int | None = None
+    connection: int | None = None
+    first: int = 1
+    last: int | None = None
+    actions: tuple[Misbehaviour, ...] = ()
+    _met: int = field(default=0, repr=False)
+
+    def meets(self, command_id: int, connection: int) -> bool:
+        """Count this request, and say whether the rule is for it."""
+        if self.command_id not in (None, command_id) or self.connection not in (None, connection):
+            return False
+        self._met += 1
+        return self._met >= self.first and (self.last is None or self._met <= self.last)
+
+    def apply(self, answer: Answer) -> Answer:
+        for action in self.actions:
+            answer = action.apply(answer)
+        return answer
+
+
+@dataclass(frozen=True)
+class ConnectionRule:
+    """What happens to a whole connection: never answered, dropped at once, or dropped after n frames."""
+
+    text: str
+    connection: int | None = None
+    silent: bool = False
+    drop_on_accept: str = ""
+    drop_after: int | None = None
+
+
+@dataclass
+class Scenario:
+    """All rules in force."""
+
+    rules: list[Rule] = field(default_factory=list)
+    connection_rules: list[ConnectionRule] = field(default_factory=list)
+
+    def add(self, table: Mapping[str, Any], catalogue: Catalogue) -> None:
+        """Add one rule; raises ScenarioError with a text that says what is wrong with it."""
+        text = " ".join(f"{key}={_plain(value)}" for key, value in table.items())
+        try:
+            if any(key in _CONNECTION_ACTIONS for key in table):
+                self.connection_rules.append(_connection_rule(text, table))
+            else:
+                self.rules.append(_rule(text, table, catalogue))
+        except ScenarioError as error:
+            raise ScenarioError(f"rule ({text}): {error}") from None
+
+    def for_connection(self, number: int) -> Sequence[ConnectionRule]:
+        return [rule for rule in self.connection_rules if rule.connection in (None, number)]
+
+    def for_request(self, command_id: int, connection: int) -> Sequence[Rule]:
+        """The rules for this request. Every rule counts it, whether or not another one applies, too."""
+        return [rule for rule in self.rules if rule.meets(command_id, connection)]
+
+
+def read_file(path: Path) -> Sequence[Mapping[str, Any]]:
+    """The rules of a scenario file: the tables ``[[rule]]`` of TOML, or the list ``rule`` of JSON."""
+    try:
+        data = path.read_bytes()
+    except OSError as error:
+        raise ScenarioError(f"the scenario {path} cannot be read: {error.strerror}") from error
+    try:
+        text = data.decode("utf-8")
+        content = json.loads(text) if path.suffix == ".json" else tomllib.loads(text)
+    except ValueError as error:
+        raise ScenarioError(f"the scenario {path} is not {'JSON' if path.suffix == '.json' else 'TOML'}: {error}") from error
+    rules = content.get("rule") if isinstance(content, dict) else None
+    if not isinstance(rules, list) or not all(isinstance(rule, dict) for rule in rules):
+        raise ScenarioError(f"the scenario {path} has no rules; write them as [[rule]] tables")
+    unknown = sorted(set(content) - {"rule"})
+    if unknown:
+        raise ScenarioError(f"the scenario {path} has an unknown entry {unknown[0]!r}; only [[rule]] tables are known")
+    return rules
+
+
+def parse_text(text: str) -> Mapping[str, Any]:
+    """A rule as words, ``command=11 request=2 delay=500``; a word without a value means true."""
+    table: dict[str, Any] = {}
+    for word in text.split():
+        key, equals, value = word.partition("=")
+        table[key] = _value(value) if equals else True
+    return table
+
+
+def _value(text: str) -> object:
+    if text in ("true", "false"):
+        return text == "true"
+    if re.fullmatch(r"\d+|0x[0-9A-Fa-f]+", text):
+        return int(text, 0)
+    return [_value(part) for part in text.split(",")] if "," in text else text
+
+
+def _plain(value: object) -> str:
+    if isinstance(value, list):
+        return ",".join(str(one) for one in value)
+    return str(value).lower() if isinstance(value, bool) else str(value)
+
+
+def _rule(text: str, table: Mapping[str, Any], catalogue: Catalogue) -> Rule:
+    _known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
+    actions = tuple(build(name, table[name], table) for name in ACTIONS if table.get(name, False) is not False)
+    if not actions:
+        raise ScenarioError(f"it does nothing; say one of {', '.join((*ACTIONS, *_CONNECTION_ACTIONS))}")
+    first, last = _bounds(table)
+    return Rule(text, _command_id(table.get("command"), catalogue), _count(table, "connection"), first, last, actions)
+
+
+def _connection_rule(text: str, table: Mapping[str, Any]) -> ConnectionRule:
+    _known_words(table, ("connection", *_CONNECTION_ACTIONS))
+    drop = table.get("drop_on_accept", "")
+    if drop not in ("", "close", "reset"):
+        raise ScenarioError(f'drop_on_accept is "close" or "reset", not {drop!r}')
+    return ConnectionRule(
+        text=text,
+        connection=_count(table, "connection"),
+        silent=table.get("silent", False) is True,
+        drop_on_accept=drop,
+        drop_after=_count(table, "drop_after"),
+    )
+
+
+def _known_words(table: Mapping[str, Any], words: Sequence[str]) -> None:
+    unknown = [key for key in table if key not in words]
+    if unknown:
+        raise ScenarioError(f"{unknown[0]!r} is not known here; the words are {', '.join(words)}")
+
+
+def _bounds(table: Mapping[str, Any]) -> tuple[int, int | None]:
+    nth = _count(table, "request")
+    if nth is not None:
+        if "from" in table or "to" in table:
+            raise ScenarioError("say either request, or from and to")
+        return nth, nth
+    return _count(table, "from") or 1, _count(table, "to")
+
+
+def _count(table: Mapping[str, Any], key: str) -> int | None:
+    value = table.get(key)
+    if value is not None and (isinstance(value, bool) or not isinstance(value, int) or value < 1):
+        raise ScenarioError(f"{key} is a whole number from 1, not {value!r}")
+    return value
+
+
+def _command_id(value: object, catalogue: Catalogue) -> int | None:
+    if value is None:
+        return None
+    if isinstance(value, int) and not isinstance(value, bool) and 0 <= value <= 0xFFFF:
+        return value
+    try:
+        return catalogue.named(str(value)).id
+    except KeyError:
+        raise ScenarioError(f"there is no command {value!r}; give its name or its id") from None

@@ -1,0 +1,77 @@
+"""Who wants to be told of what."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterator
+from dataclasses import dataclass, field
+
+from vorlinkit.catalogue import Command
+
+from .records import Known, Record
+
+SUBSCRIBING_KEYS = ("NotificationLevel", "NotificationsRequired")
+
+
+@dataclass
+class Client:
+    """One connected client, as the machine knows it.
+
+    ``id`` is 0 until the client asks for one. ``deliver`` takes a whole notification frame; it never blocks.
+    """
+
+    number: int
+    deliver: Callable[[bytes], None]
+    id: int = 0
+    registered_for_control: bool = False
+    subscriptions: list[Subscription] = field(default_factory=list)
+
+
+@dataclass
+class Subscription:
+    """A client's wish to be told of one object; ``request`` is the request that made it."""
+
+    command: Command
+    request: Record
+
+    @property
+    def address(self) -> Record:
+        """What the request says beside the subscribing byte: the object it is about."""
+        return {key: value for key, value in self.request.items() if key not in SUBSCRIBING_KEYS}
+
+    def is_about(self, address: Known) -> bool:
+        """Whether a change of this object concerns the subscriber: nothing that both name may differ."""
+        own = self.address
+        return all(own[key] == value for key, value in address.items() if key in own)
+
+
+def subscribing_level(request: Record) -> int | None:
+    """The subscribing byte of a request; None when its layout has none."""
+    for key in SUBSCRIBING_KEYS:
+        value = request.get(key)
+        if isinstance(value, int):
+            return value
+    return None
+
+
+def subscribe(client: Client, command: Command, request: Record) -> Subscription:
+    """Remember the wish; asking again about the same object replaces the earlier wish."""
+    unsubscribe(client, command, request)
+    subscription = Subscription(command, request)
+    client.subscriptions.append(subscription)
+    return subscription
+
+
+def unsubscribe(client: Client, command: Command, request: Record) -> None:
+    """Forget the wish about this object."""
+    address = Subscription(command, request).address
+    client.subscriptions = [
+        one for one in client.subscriptions if one.command.name != command.name or one.address != address
+    ]
+
+
+def matching(clients: list[Client], name: str, address: Known) -> Iterator[tuple[Client, Subscription]]:
+    """Everyone to be told that this object changed."""
+    for client in clients:
+        for subscription in list(client.subscriptions):
+            if subscription.command.name == name and subscription.is_about(address):
+                yield client, subscription
