@@ -10,7 +10,7 @@ import json
 import os
 from collections import Counter
 from collections.abc import Iterator, Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Final, Literal, Union
 
@@ -117,7 +117,7 @@ class Command:
     snake: str
     family: str
     title: str
-    messages: Mapping[MessageKind, Message]
+    messages: Mapping[MessageKind, Message] = field(repr=False)
     errors: tuple[CodedValue, ...] | None
     errors_standing: str
     coded: Mapping[str, tuple[CodedValue, ...]]
@@ -153,7 +153,7 @@ class LayoutStatus:
 class Catalogue:
     """All commands, in the order of the catalogue."""
 
-    commands: tuple[Command, ...]
+    commands: tuple[Command, ...] = field(repr=False)
     path: str
 
     def with_id(self, command_id: int) -> tuple[Command, ...]:

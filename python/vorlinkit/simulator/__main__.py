@@ -50,12 +50,17 @@ async def _serve(options: Options) -> int:
 
 
 def _stop_on_signals(server: SimulatorServer) -> None:
+    """Stop in good order on SIGINT and SIGTERM. The handlers outlive the loop, so a second signal does no harm."""
     loop = asyncio.get_running_loop()
-    for number in (signal.SIGINT, signal.SIGTERM):
+
+    def stop(*_: object) -> None:
         try:
-            loop.add_signal_handler(number, server.stop)
-        except NotImplementedError:  # a platform whose event loop takes no signals
-            signal.signal(number, lambda *_: loop.call_soon_threadsafe(server.stop))
+            loop.call_soon_threadsafe(server.stop)
+        except RuntimeError:
+            pass  # it has stopped already
+
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, stop)
 
 
 def _take_control(server: SimulatorServer) -> None:

@@ -166,7 +166,7 @@ def _choose(field: VariantField, reader: _Reader, scopes: Sequence[Record]) -> A
         assert isinstance(first, ScalarField)
         value = reader.peek_number(first.kind)
     else:
-        holder = next((scope for scope in reversed(scopes) if field.on in scope), {})
+        holder: Record = next((scope for scope in reversed(scopes) if field.on in scope), {})
         value = _number_in(holder, field.on)
     for alternative in field.alternatives:
         if value in alternative.when:

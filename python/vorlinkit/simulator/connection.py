@@ -13,7 +13,7 @@ from . import frames
 from .events import EventLog
 from .frames import MajorError, RequestFrame
 from .machine import Machine, Reply
-from .misbehaviour import Answer, Ending
+from .misbehaviour import Answer, Ending, NotificationMaker
 from .render import to_json
 from .scenario import ConnectionRule, Scenario
 from .subscriptions import Client
@@ -155,7 +155,7 @@ class ClientConnection:
             await asyncio.sleep(answer.delay)
         self._send_answer(answer, frame.command_id)
 
-    def _notifications_of(self, reply: Reply):  # type: ignore[no-untyped-def]
+    def _notifications_of(self, reply: Reply) -> NotificationMaker:
         def make(command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
             own = reply.command is not None and reply.command.notification is not None
             if command is None and own and size is None and reply.command is not None:

@@ -203,7 +203,7 @@ class Machine:
     def notification(self, command: Command, *known: Known) -> bytes:
         """A whole notification frame of a command, completed from what is known."""
         fields = command.notification.fields if command.notification is not None else ()
-        return frames.notification(command.id, encode(fields, self.plausible.complete(fields, *known)))
+        return frames.notification(command.id, encode(fields, self.plausible.complete(fields, *known, _first_codes(command))))
 
     # --- how it is done -------------------------------------------------------------------------------------------
 
@@ -236,7 +236,8 @@ class Machine:
         return self._completed(command, known, request)
 
     def _completed(self, command: Command, *known: Known) -> Record:
-        response = self.plausible.complete(command.response.fields if command.response is not None else (), *known)
+        fields = command.response.fields if command.response is not None else ()
+        response = self.plausible.complete(fields, *known, _first_codes(command))
         self._memory.overlay(command, response)
         return response
 
@@ -280,6 +281,11 @@ def needs_control(command: Command) -> bool:
     Which commands a real machine guards is the machine's own; this goes by their names.
     """
     return command.name not in _NEVER_NEEDING_CONTROL and command.name.startswith(tuple(_CHANGING))
+
+
+def _first_codes(command: Command) -> Record:
+    """A value with a meaning for each coded field."""
+    return {key: rows[0].code for key, rows in command.coded.items() if rows}
 
 
 def honest_words(catalogue: Catalogue) -> Sequence[str]:

@@ -10,7 +10,7 @@ from __future__ import annotations
 import re
 import zlib
 from collections.abc import Callable, Mapping, Sequence
-from typing import Final
+from typing import Final, TypeVar
 
 from vorlinkit.catalogue import (
     NUMBER_WIDTHS,
@@ -25,14 +25,21 @@ from vorlinkit.catalogue import (
 from .coder import uuid_text
 from .records import Known, Record, Value, Variant
 
+Held = TypeVar("Held")
+
 LIST_LENGTHS: Final = (2, 2, 1)
 """How many entries a list gets at the outermost level, one level in, and deeper."""
 
 _TIMES: Final = re.compile(r"(Timestamp|Time|StartPoint|EndPoint|Date)$")
+_UUID: Final = re.compile(r"[0-9A-Fa-f]{8}(-[0-9A-Fa-f]{4}){3}-[0-9A-Fa-f]{12}$")
 _ZEROES: Final = re.compile(r"^(CommandError|Reserved\d*)$|ErrorCode$|^ListAction$")
 _ORDINALS: Final = re.compile(r"(ID|Id|Number|Index|Position|Division|Side|Module|Row|Column|Type|Stage)$")
-_SWITCHES: Final = re.compile(r"^(Is|Has|Enable|Use)|(State|Status|Enabled|Available|Supported|Required|Active)$")
-_PERCENTAGES: Final = re.compile(r"(Level|Rate|Percent|Percentage|PercentageComplete|Brightness|Coverage)$")
+_SWITCHES: Final = re.compile(
+    r"^(Is|Has|Can|Enable|Use|Ignore)(?=[A-Z])|^Enable$|(State|Status|Enabled|Available|Supported|Required|Active)$|"
+    r"(Protected|Modified|Only|Visible|Settable|Valid|Present|Writable|Preference|Mask\d*)$"
+)
+_PERCENTAGES: Final = re.compile(r"^Percent|(Level|Rate|Percent|Percentage|Complete|Brightness|Coverage|Scope)$")
+_BOUNDS: Final = ((re.compile(r"^(Min|Lower|First)(?=[A-Z])"), 0), (re.compile(r"^(Max|Upper|Last)(?=[A-Z])"), 100))
 
 _TEXTS: Final[Sequence[tuple[re.Pattern[str], str]]] = tuple(
     (re.compile(pattern), text)
@@ -88,13 +95,12 @@ class Plausible:
         for field in fields:
             if not isinstance(field, (ListField, BlobField)):
                 continue
-            value = _first(known, field.key, list if isinstance(field, ListField) else bytes)
-            if value is not None:
-                length = len(value)  # type: ignore[arg-type]
-            elif isinstance(field, BlobField):
-                length = self._blob_size
+            if isinstance(field, BlobField):
+                blob = _first(known, field.key, bytes)
+                length = self._blob_size if blob is None else len(blob)
             else:
-                length = LIST_LENGTHS[min(depth, len(LIST_LENGTHS) - 1)]
+                given = _first(known, field.key, list)
+                length = LIST_LENGTHS[min(depth, len(LIST_LENGTHS) - 1)] if given is None else len(given)
             lengths[field.count] = min(length, (1 << 8 * widths.get(field.count, 1)) - 1)
         return lengths
 
@@ -104,14 +110,14 @@ class Plausible:
         if count is not None:
             return count
         if field.kind == "uuid":
-            value = _first(known, field.key, str)
-            return value if value is not None else uuid_text(_digest(field.key, index) * 4)
+            uuid = _first(known, field.key, str)
+            return uuid if uuid is not None and _UUID.match(uuid) else uuid_text(_digest(field.key, index) * 4)
         if field.kind == "string":
-            value = _first(known, field.key, str)
-            return value if value is not None else _plausible_text(field.key, index)
+            text = _first(known, field.key, str)
+            return text if text is not None else _plausible_text(field.key, index)
         limit = 1 << 8 * NUMBER_WIDTHS[field.kind]
         value = _first(known, field.key, int)
-        if isinstance(value, int) and 0 <= value < limit and (choices is None or value in choices):
+        if value is not None and 0 <= value < limit and (choices is None or value in choices):
             return value
         if choices is not None:
             return choices[index % len(choices)]
@@ -123,6 +129,9 @@ class Plausible:
             return 0
         if field.kind == "u64" and _TIMES.search(key):
             return self._clock()
+        for pattern, bound in _BOUNDS:
+            if pattern.search(key):
+                return bound
         if _SWITCHES.search(key):
             return 1
         if _ORDINALS.search(key):
@@ -133,13 +142,12 @@ class Plausible:
 
     def _blob(self, field: BlobField, known: Sequence[Known], count: int) -> bytes:
         value = _first(known, field.key, bytes)
-        if isinstance(value, bytes):
+        if value is not None:
             return value[:count]
         return (bytes(range(256)) * (count // 256 + 1))[:count]
 
     def _list(self, field: ListField, known: Sequence[Known], count: int, depth: int) -> list[Record]:
-        given = _first(known, field.key, list)
-        parts: list[Record] = given if isinstance(given, list) else []
+        parts: list[Record] = _first(known, field.key, list) or []
         selectors = _inherited(field.items, known)
         return [
             self._record(field.items, ([parts[at]] if at < len(parts) else []) + selectors, at, depth + 1)
@@ -148,16 +156,16 @@ class Plausible:
 
     def _variant(self, field: VariantField, known: Sequence[Known], index: int, depth: int) -> Variant:
         given = _first(known, field.attribute, Variant)
-        chosen = _chosen(field, known, given if isinstance(given, Variant) else None, index)
-        sources: list[Known] = [given.fields] if isinstance(given, Variant) and given.name == chosen.name else []
+        chosen = _chosen(field, known, given, index)
+        sources: list[Known] = [given.fields] if given is not None and given.name == chosen.name else []
         if field.inside:
             wanted = _first(known, field.on, int)
-            when = wanted if wanted in chosen.when else chosen.when[0]
-            sources.insert(0, {field.on: when})  # type: ignore[dict-item]
+            when = wanted if wanted is not None and wanted in chosen.when else chosen.when[0]
+            sources.insert(0, {field.on: when})
         return Variant(chosen.name, self._record(chosen.fields, sources, index, depth))
 
 
-def _first(known: Sequence[Known], key: str, kind: type) -> Value | None:
+def _first(known: Sequence[Known], key: str, kind: type[Held]) -> Held | None:
     for source in known:
         value = source.get(key)
         if isinstance(value, kind):

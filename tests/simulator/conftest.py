@@ -1,0 +1,65 @@
+"""What the simulator's tests share: a catalogue, running simulators, and a client of bare bytes."""
+
+from __future__ import annotations
+
+import subprocess
+import sys
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+
+try:
+    import vorlinkit  # from the build, which is on PYTHONPATH under ctest
+except ImportError:
+    sys.path.insert(0, str(ROOT / "python"))
+
+from peer import Peer
+from vorlinkit import catalogue as catalogues
+from vorlinkit.simulator import SimulatorProcess
+
+
+@pytest.fixture(scope="session")
+def catalogue_path(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The build's catalogue, or one made on the spot when the tests run without a build."""
+    if catalogues.DEFAULT_PATH.exists():
+        return catalogues.DEFAULT_PATH
+    path = tmp_path_factory.mktemp("catalogue") / "catalogue.json"
+    subprocess.run([sys.executable, "-m", "generator", "--json", str(path)], cwd=ROOT, check=True)
+    return path
+
+
+@pytest.fixture(scope="session")
+def catalogue(catalogue_path: Path) -> catalogues.Catalogue:
+    return catalogues.load(catalogue_path)
+
+
+class Bench:
+    """Starts simulators and clients, and stops them all at the end of a test."""
+
+    def __init__(self, stack: ExitStack, catalogue: catalogues.Catalogue) -> None:
+        self._stack = stack
+        self.catalogue = catalogue
+
+    def simulator(self, *options: str, rules: tuple[str, ...] = ()) -> SimulatorProcess:
+        return self._stack.enter_context(
+            SimulatorProcess(*options, rules=rules, catalogue=self.catalogue.path)
+        )
+
+    def peer(self, simulator: SimulatorProcess, identified: bool = True) -> Peer:
+        peer = self._stack.enter_context(Peer(simulator.host, simulator.port, self.catalogue))
+        if identified:
+            peer.identify()
+        return peer
+
+
+@pytest.fixture
+def bench(catalogue: catalogues.Catalogue) -> Iterator[Bench]:
+    with ExitStack() as stack:
+        yield Bench(stack, catalogue)
+
+
+Make = Callable[..., Bench]

@@ -1,0 +1,284 @@
+"""Every misbehaviour, as a client of bare bytes meets it."""
+
+from __future__ import annotations
+
+import json
+import socket
+from pathlib import Path
+
+import pytest
+from conftest import Bench
+
+from vorlinkit.catalogue import Catalogue
+from vorlinkit.simulator import SimulatorFailed, SimulatorProcess, frames
+from vorlinkit.simulator.frames import MajorError, MinorError
+from vorlinkit.simulator.misbehaviour import ACTIONS, Answer, ScenarioError, build
+from vorlinkit.simulator.scenario import Scenario, parse_text, read_file
+
+INFO = 11
+
+
+def test_second_request_is_late_and_notifications_go_on(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=GetMachineInfo request=2 delay=600000",))
+    peer = bench.peer(simulator)
+    assert peer.ask("GetMachineInfo")["SerialNumber"] == "SIM-0001"
+    peer.send("GetMachineInfo")
+    simulator.wait_for("misbehaved", command=INFO)
+    simulator.control("notify GetServerStatus RestartStatus=2 DetailedStatus=soon")
+    assert peer.notification("GetServerStatus") == {"RestartStatus": 2, "DetailedStatus": "soon"}
+
+
+def test_delayed_answer_comes_in_the_end(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 delay=1",)))
+    assert peer.ask("GetMachineInfo")["ModuleCount"] == 2
+
+
+def test_no_answer_then_the_next_request_is_served(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=11 no_answer",))
+    peer = bench.peer(simulator)
+    peer.send("GetMachineInfo")
+    simulator.wait_for("request", command=INFO)
+    peer.send("GetServerTime")
+    assert peer.frame().command_id == 10
+
+
+@pytest.mark.parametrize(("rule", "command_id"), [("wrong_command_id", 12), ("wrong_command_id=7", 7)])
+def test_wrong_command_id(bench: Bench, rule: str, command_id: int) -> None:
+    peer = bench.peer(bench.simulator(rules=(f"command=11 {rule}",)))
+    assert peer.exchange("GetMachineInfo").command_id == command_id
+
+
+def test_duplicates(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 duplicate=2",)))
+    peer.send("GetMachineInfo")
+    assert len({peer.frame() for _ in range(3)}) == 1
+    assert peer.exchange("GetServerTime").command_id == 10
+
+
+@pytest.mark.parametrize(
+    ("rule", "major", "minor"),
+    [
+        ("major_error=0x21", 0x21, 0),
+        ("major_error=ControlBlocked,AccessKeyIncorrect", 0xC0, 0),
+        ("minor_error=UnknownRequestVersion", 0, 1),
+    ],
+)
+def test_protocol_errors_and_warnings(bench: Bench, rule: str, major: int, minor: int) -> None:
+    frame = bench.peer(bench.simulator(rules=(f"command=11 {rule}",))).exchange("GetMachineInfo")
+    assert (frame.major_error, frame.minor_error) == (major, minor)
+
+
+def test_command_error_bits(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)), identified=False)
+    assert peer.ask("FlushLog", LogName="System") == {"CommandError": 3}
+    assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
+
+
+def test_split_at_every_byte_arrives_whole(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("split",)))
+    assert peer.ask("GetMachineInfo")["MachineType"] == "VorlinKit simulator"
+    assert len(peer.ask("GetSupportedCommands")["listOfCommands"]) == 206  # type: ignore[arg-type]
+
+
+def test_glued_frames_come_in_one_piece(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=GetMotorPosition glued=3",))
+    peer = bench.peer(simulator)
+    peer.send("GetMotorPosition", AutomatedDeviceID="AD1", AttachedMotorNumber=1, NotificationLevel=0)
+    simulator.wait_for("answered")
+    kinds = [peer.frame().type for _ in range(4)]
+    assert kinds == [frames.NOTIFICATION] * 3 + [frames.RESPONSE]
+
+
+@pytest.mark.parametrize(
+    ("value", "junk"), [(7, b"no fram"), (12, b"no frame no "), ("5858", b"XX"), (True, b"this is no frame")]
+)
+def test_kinds_of_junk(value: object, junk: bytes) -> None:
+    assert build("junk", value, {}).apply(Answer(INFO)).ahead == (junk,)
+
+
+def test_junk_comes_ahead(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 junk=7",)))
+    peer.send("GetMachineInfo")
+    assert peer.exactly(7) == b"no fram"
+    assert peer.frame().command_id == INFO
+
+
+def test_short_payload(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=11 request=2 short_payload=3",))
+    peer = bench.peer(simulator)
+    whole = peer.exchange("GetMachineInfo").payload
+    assert peer.exchange("GetMachineInfo").payload == whole[:-3]
+
+
+def test_announced_length_never_comes(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 announce=5", "command=11 close=after")))
+    peer.send("GetMachineInfo")
+    with pytest.raises(EOFError):
+        peer.frame()
+
+
+@pytest.mark.parametrize(
+    ("part", "at", "value"), [("protocol", 0, ord("X")), ("version", 2, 2), ("type", 3, 9), ("header_length", 5, 239)]
+)
+def test_corrupt_headers(bench: Bench, part: str, at: int, value: int) -> None:
+    peer = bench.peer(bench.simulator(rules=(f"command=11 corrupt={part}",)))
+    peer.send("GetMachineInfo")
+    assert peer.exactly(20)[at] == value
+
+
+@pytest.mark.parametrize("how", ["half_close", "close", "reset"])
+@pytest.mark.parametrize("moment", ["instead", "middle", "after"])
+def test_endings(bench: Bench, how: str, moment: str) -> None:
+    simulator = bench.simulator(rules=(f"command=11 {how}={moment}",))
+    peer = bench.peer(simulator)
+    peer.send("GetMachineInfo")
+    whole = 20 + 35
+    received = b""
+    try:
+        received = peer.until_end()
+        assert how != "reset"
+    except ConnectionResetError:
+        assert how == "reset"
+    if how != "reset":
+        assert len(received) == {"instead": 0, "middle": whole // 2, "after": whole}[moment]
+    if how == "half_close":
+        peer.send("GetServerTime")
+        assert simulator.wait_for("request", command=10)
+    else:
+        simulator.wait_for("closed", connection=1, by="simulator")
+
+
+def test_silence_after_accept(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("connection=1 silent",))
+    silent = bench.peer(simulator, identified=False)
+    silent.send("GetMachineInfo")
+    simulator.wait_for("request", command=INFO)
+    assert bench.peer(simulator).client_id == 1
+    silent.socket.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        silent.socket.recv(1)
+
+
+@pytest.mark.parametrize("how", ["close", "reset"])
+def test_drop_on_accept(bench: Bench, how: str) -> None:
+    simulator = bench.simulator(rules=(f"connection=1 drop_on_accept={how}",))
+    peer = bench.peer(simulator, identified=False)
+    simulator.wait_for("closed", connection=1)
+    if how == "close":
+        assert peer.until_end() == b""
+    else:
+        with pytest.raises(ConnectionResetError):
+            peer.until_end()
+    assert bench.peer(simulator).client_id == 1
+
+
+def test_drop_after_frames(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("connection=1 drop_after=3",))
+    peer = bench.peer(simulator)
+    peer.exchange("GetMachineInfo")
+    peer.exchange("GetServerTime")
+    assert peer.until_end() == b""
+    assert bench.peer(simulator).ask("GetMachineInfo")
+
+
+def test_bursts(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 burst=1000 of=GetMotorPosition size=10",)))
+    peer.exchange("GetMachineInfo")
+    made = [peer.frame() for _ in range(1000)]
+    assert {frame.command_id for frame in made} == {158}
+    assert [int.from_bytes(frame.payload[:4], "big") for frame in made] == list(range(1000))
+    assert {len(frame.payload) for frame in made} == {10}
+
+
+def test_one_big_notification(bench: Bench) -> None:
+    simulator = bench.simulator()
+    peer = bench.peer(simulator)
+    simulator.control(f"notify GetMotorPosition size={1 << 24}")
+    assert len(peer.frame().payload) == 1 << 24
+
+
+def test_rules_come_and_go_while_it_runs(bench: Bench) -> None:
+    simulator = bench.simulator()
+    peer = bench.peer(simulator)
+    simulator.control("rule command=11 major_error=0x20")
+    assert peer.exchange("GetMachineInfo").major_error == MajorError.ExclusiveControlRequired
+    simulator.control("clear-rules")
+    assert peer.exchange("GetMachineInfo").major_error == 0
+    with pytest.raises(SimulatorFailed, match="no command 'GetNothing'"):
+        simulator.control("rule command=GetNothing delay=5")
+    simulator.control("reset connection=1")
+    with pytest.raises(ConnectionResetError):
+        peer.until_end()
+
+
+@pytest.mark.parametrize("suffix", [".toml", ".json"])
+def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
+    rules = [{"command": "GetMachineInfo", "from": 2, "to": 3, "minor_error": ["ControlBlocked"]}]
+    toml = '[[rule]]\ncommand = "GetMachineInfo"\nfrom = 2\nto = 3\nminor_error = ["ControlBlocked"]\n'
+    path = tmp_path / f"scenario{suffix}"
+    path.write_text(toml if suffix == ".toml" else json.dumps({"rule": rules}))
+    peer = bench.peer(bench.simulator("--scenario", str(path)))
+    warnings = [peer.exchange("GetMachineInfo").minor_error for _ in range(4)]
+    assert warnings == [0, MinorError.ControlBlocked, MinorError.ControlBlocked, 0]
+
+
+@pytest.mark.parametrize(
+    ("rule", "complaint"),
+    [
+        ("command=11", "it does nothing"),
+        ("command=11 dealy=5", "'dealy' is not known here"),
+        ("command=999999 no_answer", "there is no command 999999"),
+        ("request=0 no_answer", "request is a whole number from 1"),
+        ("request=1 from=2 no_answer", "say either request, or from and to"),
+        ("delay=soon", "delay is a whole number from 0"),
+        ("major_error=Nonsense", "major_error"),
+        ("corrupt=everything", "corrupt is one of"),
+        ("reset=later", '"instead", "middle" or "after"'),
+        ("junk=xyz", "hexadecimal"),
+        ("no_answer=5", "no_answer is true"),
+        ("silent delay=5", "'delay' is not known here"),
+        ("drop_on_accept=gently", "drop_on_accept"),
+    ],
+)
+def test_mistakes_in_rules_are_named(catalogue: Catalogue, rule: str, complaint: str) -> None:
+    with pytest.raises(ScenarioError, match=complaint) as caught:
+        Scenario().add(parse_text(rule), catalogue)
+    assert str(caught.value).startswith(f"rule ({rule.split()[0].split('=')[0]}")
+
+
+@pytest.mark.parametrize(
+    ("text", "complaint"),
+    [("x = [", "is not TOML"), ("x = 1", "has no rules"), ("y = 1\n[[rule]]\nsplit = true", "unknown entry 'y'")],
+)
+def test_mistakes_in_files_are_named(tmp_path: Path, text: str, complaint: str) -> None:
+    path = tmp_path / "scenario.toml"
+    path.write_text(text)
+    with pytest.raises(ScenarioError, match=complaint):
+        read_file(path)
+
+
+def test_every_action_is_built_from_its_name() -> None:
+    values: dict[str, object] = {"corrupt": "type", "delay": 1, "major_error": 1, "minor_error": 1}
+    values |= {"command_error": 1, "burst": 1}
+    for action in ACTIONS:
+        assert build(action, values.get(action, True), {}).apply(Answer(INFO, b"abc")) is not None
+
+
+def test_a_stream_of_nonsense_ends_the_connection(bench: Bench) -> None:
+    simulator = bench.simulator()
+    peer = bench.peer(simulator)
+    peer.socket.sendall(b"GET / HTTP/1.1\r\n\r\n")
+    simulator.wait_for("not-a-frame")
+    try:
+        assert peer.until_end() == b""
+    except ConnectionResetError:
+        pass  # what it had not read yet makes the end of the connection a reset
+    simulator.wait_for("closed", connection=1)
+
+
+def test_port_in_use_is_said_in_plain_words(catalogue: Catalogue) -> None:
+    with socket.create_server(("127.0.0.1", 0)) as taken:
+        port = taken.getsockname()[1]
+        with pytest.raises(SimulatorFailed, match=f"Port {port} on 127.0.0.1 is already in use"):
+            with SimulatorProcess("--port", str(port), catalogue=catalogue.path):
+                pass
