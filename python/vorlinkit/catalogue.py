@@ -1,4 +1,5 @@
-"""The commands of the protocol as plain data: ids, payload layouts, texts of the codes, and how sure each layout is.
+"""The commands of the protocol as plain data: ids, payload layouts, texts of the codes, and how sure each
+layout is.
 
 The data is ``catalogue.json``, which the build writes beside this file. It comes from the same definitions as
 the C++ and Python types, overlays included, so what ``layout_status()`` reports is what was built.
@@ -183,8 +184,8 @@ class Catalogue:
 def load(path: str | os.PathLike[str] | None = None) -> Catalogue:
     """Read a catalogue file.
 
-    Without ``path`` it is the file named by the environment variable VORLINKIT_CATALOGUE, else the one that the
-    build wrote beside this module. Raises CatalogueError with a text that says what to do.
+    Without ``path`` it is the file named by the environment variable VORLINKIT_CATALOGUE, else the one that
+    the build wrote beside this module. Raises CatalogueError with a text that says what to do.
     """
     place = Path(path or os.environ.get(PATH_VARIABLE) or DEFAULT_PATH)
     try:
@@ -197,7 +198,9 @@ def load(path: str | os.PathLike[str] | None = None) -> Catalogue:
         data = json.loads(text)
         return Catalogue(commands=tuple(_command(entry) for entry in data["commands"]), path=str(place))
     except (ValueError, KeyError, TypeError, AttributeError) as error:
-        raise CatalogueError(f"{place} is not a catalogue of this version ({error!r}). Build it again.") from error
+        raise CatalogueError(
+            f"{place} is not a catalogue of this version ({error!r}). Build it again."
+        ) from error
 
 
 def layout_status(catalogue: Catalogue | None = None) -> Mapping[str, LayoutStatus]:
@@ -228,7 +231,9 @@ def _command(entry: Mapping[str, Any]) -> Command:
         snake=entry["snake"],
         family=entry.get("family", ""),
         title=entry.get("title", ""),
-        messages={kind: _message(entry["messages"][kind]) for kind in MESSAGE_KINDS if kind in entry["messages"]},
+        messages={
+            kind: _message(entry["messages"][kind]) for kind in MESSAGE_KINDS if kind in entry["messages"]
+        },
         errors=None if errors is None else _codes(errors),
         errors_standing=entry.get("errors_standing", ""),
         coded={key: _codes(rows) for key, rows in (entry.get("coded") or {}).items()},
@@ -256,10 +261,17 @@ def _fields(entries: list[Mapping[str, Any]]) -> tuple[Field, ...]:
 def _field(entry: Mapping[str, Any]) -> Field:
     kind = entry["kind"]
     if kind == "list":
-        return ListField(entry["key"], entry["attribute"], entry["count"], entry["type"], _fields(entry["items"]))
+        return ListField(
+            entry["key"], entry["attribute"], entry["count"], entry["type"], _fields(entry["items"])
+        )
     if kind == "blob":
         return BlobField(
-            entry["key"], entry["attribute"], entry["count"], entry["type"], entry["item"], entry["item_attribute"]
+            entry["key"],
+            entry["attribute"],
+            entry["count"],
+            entry["type"],
+            entry["item"],
+            entry["item_attribute"],
         )
     if kind == "variant":
         alternatives = tuple(

@@ -64,7 +64,10 @@ def test_descriptions(catalogue: Catalogue) -> None:
     motor = catalogue.named("SetMotorPosition").errors
     assert motor is not None
     assert describe_bits(motor, 2) == "Closed Loop Control Active; Motor Position limited by Device; "
-    assert describe_enum(catalogue.named("GetServerStatus").coded["RestartStatus"], 3) == "Unknown value (0x0003)"
+    assert (
+        describe_enum(catalogue.named("GetServerStatus").coded["RestartStatus"], 3)
+        == "Unknown value (0x0003)"
+    )
 
 
 def test_uuid_text() -> None:
@@ -82,7 +85,9 @@ def scalars(field: ScalarField) -> st.SearchStrategy[int | str]:
 def made(draw: st.DrawFn, fields: Sequence[Field], forced: Record) -> Record:
     """Any record of a layout: counts fit their lists, and discriminators their alternatives."""
     forced = dict(forced)
-    lengths = {one.count: draw(st.integers(0, 3)) for one in fields if isinstance(one, (ListField, BlobField))}
+    lengths = {
+        one.count: draw(st.integers(0, 3)) for one in fields if isinstance(one, (ListField, BlobField))
+    }
     for field in fields:
         if not isinstance(field, (ScalarField, BlobField)):
             _force_discriminators(draw, field, forced)
@@ -112,7 +117,9 @@ def _force_discriminators(draw: st.DrawFn, field: Field, forced: Record) -> None
             _force_discriminators(draw, inner, forced)
     elif not isinstance(field, (ScalarField, BlobField)):
         if not field.inside and field.on not in forced:
-            forced[field.on] = draw(st.sampled_from([when for one in field.alternatives for when in one.when]))
+            forced[field.on] = draw(
+                st.sampled_from([when for one in field.alternatives for when in one.when])
+            )
 
 
 @settings(max_examples=400, deadline=None, suppress_health_check=list(HealthCheck))

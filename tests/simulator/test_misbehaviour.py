@@ -7,8 +7,8 @@ import socket
 from pathlib import Path
 
 import pytest
-from conftest import Bench
 
+from conftest import Bench
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator import SimulatorFailed, SimulatorProcess, frames
 from vorlinkit.simulator.frames import MajorError, MinorError
@@ -118,7 +118,8 @@ def test_announced_length_never_comes(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize(
-    ("part", "at", "value"), [("protocol", 0, ord("X")), ("version", 2, 2), ("type", 3, 9), ("header_length", 5, 239)]
+    ("part", "at", "value"),
+    [("protocol", 0, ord("X")), ("version", 2, 2), ("type", 3, 9), ("header_length", 5, 239)],
 )
 def test_corrupt_headers(bench: Bench, part: str, at: int, value: int) -> None:
     peer = bench.peer(bench.simulator(rules=(f"command=11 corrupt={part}",)))
@@ -248,7 +249,11 @@ def test_mistakes_in_rules_are_named(catalogue: Catalogue, rule: str, complaint:
 
 @pytest.mark.parametrize(
     ("text", "complaint"),
-    [("x = [", "is not TOML"), ("x = 1", "has no rules"), ("y = 1\n[[rule]]\nsplit = true", "unknown entry 'y'")],
+    [
+        ("x = [", "is not TOML"),
+        ("x = 1", "has no rules"),
+        ("y = 1\n[[rule]]\nsplit = true", "unknown entry 'y'"),
+    ],
 )
 def test_mistakes_in_files_are_named(tmp_path: Path, text: str, complaint: str) -> None:
     path = tmp_path / "scenario.toml"

@@ -7,8 +7,8 @@ import signal
 from typing import cast
 
 import pytest
-from conftest import Bench
 
+from conftest import Bench
 from vorlinkit.simulator import frames
 from vorlinkit.simulator.frames import MajorError
 from vorlinkit.simulator.records import Record
@@ -98,7 +98,9 @@ def test_clock(bench: Bench) -> None:
 
 def test_identity(bench: Bench) -> None:
     peer = bench.peer(bench.simulator())
-    ids = [item["CommandID"] for item in cast("list[Record]", peer.ask("GetSupportedCommands")["listOfCommands"])]
+    ids = [
+        item["CommandID"] for item in cast("list[Record]", peer.ask("GetSupportedCommands")["listOfCommands"])
+    ]
     assert ids == sorted({command.id for command in bench.catalogue.commands})
     assert peer.ask("IsCommandSupported", CommandID=215) == {"IsSupported": 1}
     assert peer.ask("IsCommandSupported", CommandID=94) == {"IsSupported": 0}
@@ -109,7 +111,10 @@ def test_identity(bench: Bench) -> None:
 def test_logs_and_remote_access(bench: Bench) -> None:
     peer = bench.peer(bench.simulator())
     assert [peer.ask("FlushLog", LogName=name)["CommandError"] for name in ("Audit", "Nothing")] == [0, 1]
-    assert [peer.ask("SelectLogFlushBehaviour", FlushBehaviour=one)["CommandError"] for one in (2, 9)] == [0, 1]
+    assert [peer.ask("SelectLogFlushBehaviour", FlushBehaviour=one)["CommandError"] for one in (2, 9)] == [
+        0,
+        1,
+    ]
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 2}
     status = peer.ask("GetRemoteAccessStatus", NotificationLevel=1)
     assert status == peer.notification("GetRemoteAccessStatus") == {"Status": 0, "Token": ""}
@@ -164,10 +169,14 @@ def test_classes_defects_and_sensitivities_hold_what_was_set(bench: Bench) -> No
 
     stone: Record = {"Defect": "Stone", "Division": "D2"}
     watcher.ask("GetDefectInfo", **stone, NotificationLevel=1)
-    assert peer.ask("SetDefectRemovalLevel", Defect="Glass", Division="D2", RemovalLevel=9)["CommandError"] == 0
+    assert (
+        peer.ask("SetDefectRemovalLevel", Defect="Glass", Division="D2", RemovalLevel=9)["CommandError"] == 0
+    )
     assert peer.ask("SetDefectState", **stone, State=0)["CommandError"] == 0
     assert watcher.notification("GetDefectInfo") == {**stone, "State": 0, "CurrentRemovalLevel": 3}
-    assert peer.ask("SetAdditionalDefectInfo", **stone, Name="Note", Information="wet")["Information"] == "wet"
+    assert (
+        peer.ask("SetAdditionalDefectInfo", **stone, Name="Note", Information="wet")["Information"] == "wet"
+    )
     assert peer.ask("GetAdditionalDefectInfo", **stone, Name="Note")["Information"] == "wet"
     assert peer.ask("GetAdditionalDefectInfo", **stone, Name="None")["CommandError"] == 2
 

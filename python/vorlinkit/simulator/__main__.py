@@ -50,7 +50,9 @@ async def _serve(options: Options) -> int:
 
 
 def _stop_on_signals(server: SimulatorServer) -> None:
-    """Stop in good order on SIGINT and SIGTERM. The handlers outlive the loop, so a second signal does no harm."""
+    """Stop in good order on SIGINT and SIGTERM. The handlers outlive the loop, so a second signal does no
+    harm.
+    """
     loop = asyncio.get_running_loop()
 
     def stop(*_: object) -> None:

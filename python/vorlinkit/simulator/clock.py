@@ -1,4 +1,6 @@
-"""The machine's clock: whole seconds since 1970, which clients may set. The unit is the simulator's own choice."""
+"""The machine's clock: whole seconds since 1970, which clients may set. The unit is the simulator's own
+choice.
+"""
 
 from __future__ import annotations
 

@@ -1,7 +1,7 @@
 """Payload bytes to records and back, read off the layouts of the catalogue.
 
-This is the machine's side of the wire, written on its own: it shares no code with the client library, so that the
-two can check each other.
+This is the machine's side of the wire, written on its own: it shares no code with the client library, so that
+the two can check each other.
 """
 
 from __future__ import annotations
@@ -41,7 +41,9 @@ def decode(fields: Sequence[Field], payload: bytes) -> tuple[Record, int]:
 
 def _encode_record(fields: Sequence[Field], record: Record, out: bytearray) -> None:
     lengths = {
-        field.count: len(_sized(record, field.key)) for field in fields if isinstance(field, (ListField, BlobField))
+        field.count: len(_sized(record, field.key))
+        for field in fields
+        if isinstance(field, (ListField, BlobField))
     }
     for field in fields:
         if isinstance(field, ScalarField):
@@ -148,7 +150,9 @@ def _decode_record(fields: Sequence[Field], reader: _Reader, outer: list[Record]
             record[field.key] = [_decode_record(field.items, reader, scopes) for _ in range(count)]
         else:
             alternative = _choose(field, reader, scopes)
-            record[field.attribute] = Variant(alternative.name, _decode_record(alternative.fields, reader, scopes))
+            record[field.attribute] = Variant(
+                alternative.name, _decode_record(alternative.fields, reader, scopes)
+            )
     return record
 
 

@@ -37,8 +37,8 @@ class Outgoing:
 class ClientConnection:
     """Owned by the server, which runs it as one task; everything happens on the event loop.
 
-    The request loop decides what is sent; one writer task sends it, so that frames never mix, also while an answer
-    leaves byte by byte.
+    The request loop decides what is sent; one writer task sends it, so that frames never mix, also while an
+    answer leaves byte by byte.
     """
 
     def __init__(
@@ -62,7 +62,9 @@ class ClientConnection:
         self._shut = False
         self._rules: Sequence[ConnectionRule] = scenario.for_connection(number)
         self._silent = any(rule.silent for rule in self._rules)
-        self._drop_after = min((rule.drop_after for rule in self._rules if rule.drop_after is not None), default=None)
+        self._drop_after = min(
+            (rule.drop_after for rule in self._rules if rule.drop_after is not None), default=None
+        )
 
     @property
     def number(self) -> int:
@@ -99,8 +101,9 @@ class ClientConnection:
         self._put(Outgoing(made, frames=len(made)))
 
     def make_notifications(self, command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
-        """Notification frames for a burst: of a payload of ``size`` bytes that begin with a running number, or whole
-        and plausible when no size is given."""
+        """Notification frames for a burst: of a payload of ``size`` bytes that begin with a running number,
+        or whole and plausible when no size is given.
+        """
         known = self._machine.catalogue
         if isinstance(command, str):
             command = known.named(command).id
@@ -109,11 +112,15 @@ class ClientConnection:
         if size is not None:
             filler = bytes(max(0, size - 4))
             return [
-                frames.notification(command, (at.to_bytes(4, "big") + filler)[:size] if size >= 4 else filler[:size])
+                frames.notification(
+                    command, (at.to_bytes(4, "big") + filler)[:size] if size >= 4 else filler[:size]
+                )
                 for at in range(count)
             ]
         definition = self._machine.command_with_id(command)
-        one = self._machine.notification(definition) if definition is not None else frames.notification(command)
+        one = (
+            self._machine.notification(definition) if definition is not None else frames.notification(command)
+        )
         return [one] * count
 
     def end(self, how: Ending) -> None:
@@ -160,7 +167,9 @@ class ClientConnection:
             own = reply.command is not None and reply.command.notification is not None
             if command is None and own and size is None and reply.command is not None:
                 return [self._machine.notification(reply.command, reply.request, reply.response)] * count
-            return self.make_notifications(reply.answer.command_id if command is None and own else command, count, size)
+            return self.make_notifications(
+                reply.answer.command_id if command is None and own else command, count, size
+            )
 
         return make
 
@@ -195,12 +204,19 @@ class ClientConnection:
             self._put(Outgoing(answer.behind, frames=len(answer.behind), chunk=answer.chunk, ending=how))
             return
         if moment == "middle":
-            self._put(Outgoing([*answer.ahead, response[: len(response) // 2]], chunk=answer.chunk, ending=how))
+            self._put(
+                Outgoing([*answer.ahead, response[: len(response) // 2]], chunk=answer.chunk, ending=how)
+            )
             return
         parts = [*answer.ahead, *([response] * answer.copies), *answer.behind]
         self._put(
             Outgoing(
-                parts, frames=len(parts), chunk=answer.chunk, together=answer.together, ending=how, answered=asked
+                parts,
+                frames=len(parts),
+                chunk=answer.chunk,
+                together=answer.together,
+                ending=how,
+                answered=asked,
             )
         )
 

@@ -92,27 +92,38 @@ def parse(header: bytes, payload: bytes) -> RequestFrame:
     )
 
 
-def request(command_id: int, payload: bytes = b"", client_id: int = 0, access_key: bytes = ACCESS_KEY) -> bytes:
+def request(
+    command_id: int, payload: bytes = b"", client_id: int = 0, access_key: bytes = ACCESS_KEY
+) -> bytes:
     """A whole request frame, as a client sends it."""
     length = REQUEST_HEADER.size - START_SIZE
     return (
-        REQUEST_HEADER.pack(PROTOCOL, VERSION, REQUEST, length, command_id, client_id, 0, access_key, len(payload))
+        REQUEST_HEADER.pack(
+            PROTOCOL, VERSION, REQUEST, length, command_id, client_id, 0, access_key, len(payload)
+        )
         + payload
     )
 
 
 def response(
-    command_id: int, payload: bytes = b"", major_error: int = 0, minor_error: int = 0, announced: int | None = None
+    command_id: int,
+    payload: bytes = b"",
+    major_error: int = 0,
+    minor_error: int = 0,
+    announced: int | None = None,
 ) -> bytes:
     """A whole response frame; ``announced`` overrides the length in the header."""
     length = RESPONSE_HEADER.size - START_SIZE
     size = len(payload) if announced is None else announced
     return (
-        RESPONSE_HEADER.pack(PROTOCOL, VERSION, RESPONSE, length, command_id, major_error, minor_error, size) + payload
+        RESPONSE_HEADER.pack(PROTOCOL, VERSION, RESPONSE, length, command_id, major_error, minor_error, size)
+        + payload
     )
 
 
 def notification(command_id: int, payload: bytes = b"") -> bytes:
     """A whole notification frame."""
     length = NOTIFICATION_HEADER.size - START_SIZE
-    return NOTIFICATION_HEADER.pack(PROTOCOL, VERSION, NOTIFICATION, length, command_id, len(payload)) + payload
+    return (
+        NOTIFICATION_HEADER.pack(PROTOCOL, VERSION, NOTIFICATION, length, command_id, len(payload)) + payload
+    )

@@ -1,8 +1,8 @@
 """The simulated machine: what it is asked becomes what it answers, without a socket in sight.
 
 A request goes through the gate (header, client id, control), is decoded, answered by the room that knows the
-command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one thread,
-the event loop's.
+command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one
+thread, the event loop's.
 """
 
 from __future__ import annotations
@@ -100,7 +100,9 @@ class Machine:
         self._stopping.append(action)
 
     def every_motor_interval(self, move: Callable[[], bool]) -> None:
-        """Have ``move`` called at every motor interval while something moves; it says whether more is to come."""
+        """Have ``move`` called at every motor interval while something moves; it says whether more is to
+        come.
+        """
         self._movers.append(move)
 
     def wake_motors(self) -> None:
@@ -108,7 +110,9 @@ class Machine:
         self.motion_wanted()
 
     def notifies_itself(self, *names: str) -> None:
-        """The room sends these commands' notifications when something happens, never just for being subscribed."""
+        """The room sends these commands' notifications when something happens, never just for being
+        subscribed.
+        """
         self._own_notifications.update(names)
 
     def changed(self, name: str, address: Known | None = None, **extra: Value) -> None:
@@ -117,7 +121,9 @@ class Machine:
             self._report(client, subscription, extra)
 
     def tell(self, client: Client, name: str, values: Known) -> None:
-        """Send one notification of this command to one client; nothing if the catalogue has no such notification."""
+        """Send one notification of this command to one client; nothing if the catalogue has no such
+        notification.
+        """
         for command in self.catalogue.commands:
             if command.name == name and command.notification is not None:
                 client.deliver(self.notification(command, values))
@@ -203,7 +209,9 @@ class Machine:
     def notification(self, command: Command, *known: Known) -> bytes:
         """A whole notification frame of a command, completed from what is known."""
         fields = command.notification.fields if command.notification is not None else ()
-        return frames.notification(command.id, encode(fields, self.plausible.complete(fields, *known, _first_codes(command))))
+        return frames.notification(
+            command.id, encode(fields, self.plausible.complete(fields, *known, _first_codes(command)))
+        )
 
     # --- how it is done -------------------------------------------------------------------------------------------
 
@@ -249,15 +257,23 @@ class Machine:
         """Send a subscriber how things stand now: what the same request would be answered with."""
         command, request = subscription.command, subscription.request
         # Only a question may be asked again; what changes the machine is not done twice for the sake of a report.
-        known = self._known(client, command, request) if _QUESTION.match(command.name) else self._memory.recall(
-            command, request
+        known = (
+            self._known(client, command, request)
+            if _QUESTION.match(command.name)
+            else self._memory.recall(command, request)
         )
         response = self._completed(command, known, request)
         client.deliver(self.notification(command, extra, known, request, response))
 
 
 _QUESTION: Final = re.compile(r"(Get|Is|Read)[A-Z]")
-_OPEN_TO_ALL: Final = ("GetClientId", "NoOpCommand", "GetSupportedCommands", "IsCommandSupported", "GetHeaderVersions")
+_OPEN_TO_ALL: Final = (
+    "GetClientId",
+    "NoOpCommand",
+    "GetSupportedCommands",
+    "IsCommandSupported",
+    "GetHeaderVersions",
+)
 _CHANGING: Final = (
     "Abort Add Calibrate Create Delete Disable Enable Force Ignore LoadCell Modify Protect Recall Remove Rename "
     "RequestProcess RequestTest Reset Restore Resume Save Send Set Start Stop Terminate Unprotect Update Upload User "
@@ -276,7 +292,8 @@ def _is_open_to_all(command: Command | None) -> bool:
 
 
 def needs_control(command: Command) -> bool:
-    """Whether the simulator asks for exclusive control under --strict-control: commands that change the machine.
+    """Whether the simulator asks for exclusive control under --strict-control: commands that change the
+    machine.
 
     Which commands a real machine guards is the machine's own; this goes by their names.
     """

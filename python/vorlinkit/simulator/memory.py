@@ -1,8 +1,8 @@
 """What setters leave behind for getters, for every command that no room of the machine knows by heart.
 
-``SetFeedRate`` names a feed configurer and a rate, ``GetFeedRate`` asks for a configurer and answers with a rate:
-the setter's fields that the getter's request has too are the address, those that its response has are the values.
-So the pairs are read off the layouts, and an overlay that corrects a layout corrects its pair.
+``SetFeedRate`` names a feed configurer and a rate, ``GetFeedRate`` asks for a configurer and answers with a
+rate: the setter's fields that the getter's request has too are the address, those that its response has are
+the values. So the pairs are read off the layouts, and an overlay that corrects a layout corrects its pair.
 """
 
 from __future__ import annotations
@@ -53,7 +53,11 @@ class Memory:
         self._held: dict[tuple[str, tuple[tuple[str, Value], ...]], Record] = {}
         self._families: dict[tuple[str, tuple[tuple[str, Value], ...]], Record] = {}
         for command in catalogue.commands:
-            links = [link for getter in _getters_of(command, getters) if (link := _link(command, getter)) is not None]
+            links = [
+                link
+                for getter in _getters_of(command, getters)
+                if (link := _link(command, getter)) is not None
+            ]
             if links:
                 self._links[command.name] = links
         self._addresses: dict[str, list[tuple[str, ...]]] = {}
@@ -88,7 +92,9 @@ class Memory:
         return found
 
     def overlay(self, command: Command, record: Record) -> None:
-        """Show what was set in the lists of an answer, too: in the entries that name the object by the same keys."""
+        """Show what was set in the lists of an answer, too: in the entries that name the object by the same
+        keys.
+        """
         for value in record.values():
             if not isinstance(value, list):
                 continue
@@ -113,7 +119,9 @@ def _getters_of(command: Command, getters: Mapping[str, Sequence[Command]]) -> l
     if command.request is None:
         return []
     if command.name in PAIRS:
-        return [getter for name in PAIRS[command.name] for getter in getters.get(name, ()) if getter.name == name]
+        return [
+            getter for name in PAIRS[command.name] for getter in getters.get(name, ()) if getter.name == name
+        ]
     match = _SETTER.match(command.name)
     if match is None:
         return []
@@ -147,7 +155,9 @@ def _values_of_itself(setter: Command, getter: Command) -> set[str]:
 def _targets(key: str, answered: Mapping[str, str]) -> tuple[str, ...]:
     """The answer's fields that a setter's field shows in: itself, and the value now in force."""
     base = re.sub(r"^(New|Set|Requested|Desired|Target)(?=[A-Z])", "", key)
-    return tuple(name for name in (key, base, f"Current{base}", f"Actual{base}", f"Set{base}") if name in answered)
+    return tuple(
+        name for name in (key, base, f"Current{base}", f"Actual{base}", f"Set{base}") if name in answered
+    )
 
 
 def _scalars(fields: Sequence[Field]) -> list[ScalarField]:

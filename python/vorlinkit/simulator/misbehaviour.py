@@ -17,7 +17,9 @@ Ending = Literal["half-close", "reset", "close"]
 Moment = Literal["instead", "middle", "after"]
 
 NotificationMaker = Callable[[int | str | None, int, int | None], Sequence[bytes]]
-"""Makes notification frames: of which command (None: the one that is answered), how many, of which payload size."""
+"""Makes notification frames: of which command (None: the one that is answered), how many, of which payload
+size.
+"""
 
 
 @dataclass(frozen=True)
@@ -45,7 +47,9 @@ class Answer:
         """The response frame as it leaves, once."""
         if self.frame is not None:
             return self.frame
-        return frames.response(self.command_id, self.payload, self.major_error, self.minor_error, self.announced)
+        return frames.response(
+            self.command_id, self.payload, self.major_error, self.minor_error, self.announced
+        )
 
 
 class Misbehaviour(Protocol):
@@ -280,7 +284,9 @@ def build(action: str, value: object, rule: Mapping[str, Any]) -> Misbehaviour:
         return Corrupt(str(value))
     if action == "burst":
         size = rule.get("size")
-        return Burst(_number(action, value, 0), rule.get("of"), None if size is None else _number("size", size, 0))
+        return Burst(
+            _number(action, value, 0), rule.get("of"), None if size is None else _number("size", size, 0)
+        )
     return End(_ENDINGS[action], _moment(action, value))
 
 

@@ -79,20 +79,55 @@ def _parser() -> argparse.ArgumentParser:
     )
     add = parser.add_argument
     add("--host", default="127.0.0.1", help="address to listen on (default: this computer alone)")
-    add("--port", type=_port, default=DEFAULT_PORT, help=f"port to listen on, 0 for a free one (default {DEFAULT_PORT})")
+    add(
+        "--port",
+        type=_port,
+        default=DEFAULT_PORT,
+        help=f"port to listen on, 0 for a free one (default {DEFAULT_PORT})",
+    )
     add("--catalogue", type=Path, metavar="FILE", help="catalogue.json to take the layouts from")
     add("--scenario", type=Path, metavar="FILE", help="rules for misbehaviour, as TOML or JSON")
-    add("--rule", action="append", default=[], metavar="RULE", help="one rule for misbehaviour; may be repeated")
-    add("--strict-control", action="store_true", help="ask for exclusive control where a command changes the machine")
-    add("--strict-client-id", action="store_true", help="refuse requests of clients that have not asked for an id")
+    add(
+        "--rule",
+        action="append",
+        default=[],
+        metavar="RULE",
+        help="one rule for misbehaviour; may be repeated",
+    )
+    add(
+        "--strict-control",
+        action="store_true",
+        help="ask for exclusive control where a command changes the machine",
+    )
+    add(
+        "--strict-client-id",
+        action="store_true",
+        help="refuse requests of clients that have not asked for an id",
+    )
     add("--notify-every", type=_count, default=0, metavar="MS", help="repeat every subscribed notification")
     add("--notify-on-change-only", action="store_true", help="no notification just for having subscribed")
-    add("--motor-interval", type=_count, default=50, metavar="MS", help="time between two motor steps (default 50)")
+    add(
+        "--motor-interval",
+        type=_count,
+        default=50,
+        metavar="MS",
+        help="time between two motor steps (default 50)",
+    )
     add("--clock", type=_count, metavar="SECONDS", help="have the machine's clock stand still at this time")
     add("--blob-size", type=_count, default=64, metavar="BYTES", help="size of captured frames (default 64)")
-    add("--prefer", action="append", default=[], metavar="COMMAND", help="of two commands with one id, answer as this")
+    add(
+        "--prefer",
+        action="append",
+        default=[],
+        metavar="COMMAND",
+        help="of two commands with one id, answer as this",
+    )
     add("--events", action="store_true", help="tell what happens, one JSON object per line")
-    add("--control", action="store_true", help="take lines from standard input that drive it (implies --events)")
+    add(
+        "--control",
+        action="store_true",
+        help="take lines from standard input that drive it (implies --events)",
+    )
     return parser
 
 

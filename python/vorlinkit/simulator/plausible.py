@@ -1,8 +1,8 @@
 """Plausible, repeatable values for whatever a layout asks for.
 
-A room of the machine says what it knows; everything else of an answer is made up here from the name, the kind and
-the place of each field. The same question always gets the same answer, and an answer always keeps its own promises:
-counts match their lists, a discriminator names the alternative that follows.
+A room of the machine says what it knows; everything else of an answer is made up here from the name, the kind
+and the place of each field. The same question always gets the same answer, and an answer always keeps its own
+promises: counts match their lists, a discriminator names the alternative that follows.
 """
 
 from __future__ import annotations
@@ -38,8 +38,13 @@ _SWITCHES: Final = re.compile(
     r"^(Is|Has|Can|Enable|Use|Ignore)(?=[A-Z])|^Enable$|(State|Status|Enabled|Available|Supported|Required|Active)$|"
     r"(Protected|Modified|Only|Visible|Settable|Valid|Present|Writable|Preference|Mask\d*)$"
 )
-_PERCENTAGES: Final = re.compile(r"^Percent|(Level|Rate|Percent|Percentage|Complete|Brightness|Coverage|Scope)$")
-_BOUNDS: Final = ((re.compile(r"^(Min|Lower|First)(?=[A-Z])"), 0), (re.compile(r"^(Max|Upper|Last)(?=[A-Z])"), 100))
+_PERCENTAGES: Final = re.compile(
+    r"^Percent|(Level|Rate|Percent|Percentage|Complete|Brightness|Coverage|Scope)$"
+)
+_BOUNDS: Final = (
+    (re.compile(r"^(Min|Lower|First)(?=[A-Z])"), 0),
+    (re.compile(r"^(Max|Upper|Last)(?=[A-Z])"), 100),
+)
 
 _TEXTS: Final[Sequence[tuple[re.Pattern[str], str]]] = tuple(
     (re.compile(pattern), text)
@@ -77,7 +82,9 @@ class Plausible:
         record: Record = {}
         for field in fields:
             if isinstance(field, ScalarField):
-                record[field.key] = self._scalar(field, known, index, counts.get(field.key), selectors.get(field.key))
+                record[field.key] = self._scalar(
+                    field, known, index, counts.get(field.key), selectors.get(field.key)
+                )
                 if field.key in selectors:
                     known = [{field.key: record[field.key]}, *known]
             elif isinstance(field, BlobField):
@@ -90,7 +97,9 @@ class Plausible:
 
     def _lengths(self, fields: Sequence[Field], known: Sequence[Known], depth: int) -> Mapping[str, int]:
         """The count of every list and blob of a record, by the key of its count field."""
-        widths = {field.key: NUMBER_WIDTHS.get(field.kind, 1) for field in fields if isinstance(field, ScalarField)}
+        widths = {
+            field.key: NUMBER_WIDTHS.get(field.kind, 1) for field in fields if isinstance(field, ScalarField)
+        }
         lengths: dict[str, int] = {}
         for field in fields:
             if not isinstance(field, (ListField, BlobField)):
@@ -105,13 +114,20 @@ class Plausible:
         return lengths
 
     def _scalar(
-        self, field: ScalarField, known: Sequence[Known], index: int, count: int | None, choices: Sequence[int] | None
+        self,
+        field: ScalarField,
+        known: Sequence[Known],
+        index: int,
+        count: int | None,
+        choices: Sequence[int] | None,
     ) -> Value:
         if count is not None:
             return count
         if field.kind == "uuid":
             uuid = _first(known, field.key, str)
-            return uuid if uuid is not None and _UUID.match(uuid) else uuid_text(_digest(field.key, index) * 4)
+            return (
+                uuid if uuid is not None and _UUID.match(uuid) else uuid_text(_digest(field.key, index) * 4)
+            )
         if field.kind == "string":
             text = _first(known, field.key, str)
             return text if text is not None else _plausible_text(field.key, index)

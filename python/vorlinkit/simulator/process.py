@@ -34,8 +34,9 @@ class SimulatorProcess:
             ...connect to simulator.host, simulator.port...
             simulator.wait_for("request", command=11)
 
-    Every event that the simulator tells is kept in ``events``. ``wait_for`` waits for one; ``control`` sends a line
-    that drives it (a rule, a notification, the end of a connection). Safe to use from one thread at a time.
+    Every event that the simulator tells is kept in ``events``. ``wait_for`` waits for one; ``control`` sends
+    a line that drives it (a rule, a notification, the end of a connection). Safe to use from one thread at a
+    time.
     """
 
     def __init__(
@@ -112,7 +113,9 @@ class SimulatorProcess:
             self._take_line(deadline, f"to tell {wanted}")
 
     def control(self, line: str) -> None:
-        """Drive the simulator, for instance ``notify GetMotorPosition count=10``; returns when it was carried out."""
+        """Drive the simulator, for instance ``notify GetMotorPosition count=10``; returns when it was carried
+        out.
+        """
         process = self._process
         if process is None or process.stdin is None:
             raise SimulatorFailed("the simulator was not started")

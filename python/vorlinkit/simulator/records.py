@@ -1,8 +1,8 @@
 """How the simulator holds a payload: a dict from protocol key to value, in the order of the layout.
 
-Numbers are ints, strings are str (UTF-8 with surrogateescape, so that no byte is lost), a uuid is its text of 36
-characters, a blob is bytes, a list is a list of records. A variant has no key of its own on the wire; it is held
-under the attribute name of its field.
+Numbers are ints, strings are str (UTF-8 with surrogateescape, so that no byte is lost), a uuid is its text of
+36 characters, a blob is bytes, a list is a list of records. A variant has no key of its own on the wire; it
+is held under the attribute name of its field.
 """
 
 from __future__ import annotations

@@ -46,11 +46,15 @@ def _entries(command: Command, fields: Sequence[Field], record: Record) -> list[
         elif isinstance(field, BlobField):
             blob = record[field.key]
             assert isinstance(blob, bytes)
-            entries.append(f'"{field.key}": [' + ", ".join(f'{{"{field.item}": {byte}}}' for byte in blob) + "]")
+            entries.append(
+                f'"{field.key}": [' + ", ".join(f'{{"{field.item}": {byte}}}' for byte in blob) + "]"
+            )
         elif isinstance(field, ListField):
             items = record[field.key]
             assert isinstance(items, list)
-            entries.append(f'"{field.key}": [' + ", ".join(to_json(command, field.items, one) for one in items) + "]")
+            entries.append(
+                f'"{field.key}": [' + ", ".join(to_json(command, field.items, one) for one in items) + "]"
+            )
         else:
             variant = record[field.attribute]
             assert isinstance(variant, Variant)

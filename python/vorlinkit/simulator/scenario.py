@@ -95,13 +95,17 @@ def read_file(path: Path) -> Sequence[Mapping[str, Any]]:
         text = data.decode("utf-8")
         content = json.loads(text) if path.suffix == ".json" else tomllib.loads(text)
     except ValueError as error:
-        raise ScenarioError(f"the scenario {path} is not {'JSON' if path.suffix == '.json' else 'TOML'}: {error}") from error
+        raise ScenarioError(
+            f"the scenario {path} is not {'JSON' if path.suffix == '.json' else 'TOML'}: {error}"
+        ) from error
     rules = content.get("rule") if isinstance(content, dict) else None
     if not isinstance(rules, list) or not all(isinstance(rule, dict) for rule in rules):
         raise ScenarioError(f"the scenario {path} has no rules; write them as [[rule]] tables")
     unknown = sorted(set(content) - {"rule"})
     if unknown:
-        raise ScenarioError(f"the scenario {path} has an unknown entry {unknown[0]!r}; only [[rule]] tables are known")
+        raise ScenarioError(
+            f"the scenario {path} has an unknown entry {unknown[0]!r}; only [[rule]] tables are known"
+        )
     return rules
 
 
@@ -130,11 +134,15 @@ def _plain(value: object) -> str:
 
 def _rule(text: str, table: Mapping[str, Any], catalogue: Catalogue) -> Rule:
     _known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
-    actions = tuple(build(name, table[name], table) for name in ACTIONS if table.get(name, False) is not False)
+    actions = tuple(
+        build(name, table[name], table) for name in ACTIONS if table.get(name, False) is not False
+    )
     if not actions:
         raise ScenarioError(f"it does nothing; say one of {', '.join((*ACTIONS, *_CONNECTION_ACTIONS))}")
     first, last = _bounds(table)
-    return Rule(text, _command_id(table.get("command"), catalogue), _count(table, "connection"), first, last, actions)
+    return Rule(
+        text, _command_id(table.get("command"), catalogue), _count(table, "connection"), first, last, actions
+    )
 
 
 def _connection_rule(text: str, table: Mapping[str, Any]) -> ConnectionRule:

@@ -63,7 +63,7 @@ class SimulatorServer:
         flushing = [connection.flushed() for connection in self._connections.values()]
         try:
             await asyncio.wait_for(asyncio.gather(*flushing), STOP_PATIENCE)
-        except asyncio.TimeoutError:
+        except TimeoutError:
             self._events("unflushed")
         if self._server is not None:
             self._server.close()

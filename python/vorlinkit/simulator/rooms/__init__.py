@@ -1,7 +1,7 @@
 """The parts of the machine that keep state of their own; every other command is answered from its layout.
 
-A room says what it knows of a response, by key. What a layout asks for beyond that is made up, and what it does not
-ask for is left out, so a corrected layout needs no change here.
+A room says what it knows of a response, by key. What a layout asks for beyond that is made up, and what it
+does not ask for is left out, so a corrected layout needs no change here.
 """
 
 from __future__ import annotations

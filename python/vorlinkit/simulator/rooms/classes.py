@@ -76,7 +76,9 @@ class ClassesRoom:
         if found is None:
             return {"CommandError": UNKNOWN_CLASS}
         state, destination = number(request, "State"), number(request, "Destination")
-        error = (0 if state in STATES else INVALID_STATE) | (0 if destination in DESTINATIONS else INVALID_DESTINATION)
+        error = (0 if state in STATES else INVALID_STATE) | (
+            0 if destination in DESTINATIONS else INVALID_DESTINATION
+        )
         if error:
             return {"CommandError": error}
         found.state, found.destination = state, destination

@@ -24,8 +24,8 @@ INVALID_USER_NAME: Final = 0x0004
 class ControlRoom:
     """Who has control, and who is told.
 
-    A client that loses control to another one is told by the notification of the command with which it took it;
-    clients that registered (command 5) are told of every change but their own.
+    A client that loses control to another one is told by the notification of the command with which it took
+    it; clients that registered (command 5) are told of every change but their own.
     """
 
     def __init__(self, machine: Machine) -> None:
@@ -43,7 +43,9 @@ class ControlRoom:
     def handlers(self) -> Mapping[str, Handler]:
         return {
             "GetExclusiveControl": lambda client, request: self._get(client, "GetExclusiveControl"),
-            "ForcedGetExclusiveControl": lambda client, request: self._force(client, "ForcedGetExclusiveControl"),
+            "ForcedGetExclusiveControl": lambda client, request: self._force(
+                client, "ForcedGetExclusiveControl"
+            ),
             "GetExclusiveControlWithUser": self._get_with_user,
             "ForcedGetExclusiveControlWithUser": self._force_with_user,
             "ReleaseExclusiveControl": self._release,
@@ -92,7 +94,9 @@ class ControlRoom:
     def _tell_registered(self, but: Client) -> None:
         for client in self._machine.clients:
             if client.registered_for_control and client is not but:
-                self._machine.tell(client, "RegisterForExclusiveControlNotifications", self._status_for(client))
+                self._machine.tell(
+                    client, "RegisterForExclusiveControlNotifications", self._status_for(client)
+                )
 
     def _status_for(self, client: Client) -> Record:
         holder = self._machine.holder

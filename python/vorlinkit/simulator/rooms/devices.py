@@ -107,7 +107,9 @@ class DevicesRoom:
     def _get_devices(self, client: Client, request: Record) -> Known:
         wanted = number(request, "DeviceType")
         found = [device for device in self.devices if wanted in (0, device.type)]
-        items: list[Record] = [{"AutomatedDeviceID": one.id, "AutomatedDeviceType": one.type} for one in found]
+        items: list[Record] = [
+            {"AutomatedDeviceID": one.id, "AutomatedDeviceType": one.type} for one in found
+        ]
         return {"CommandError": 0 if found else 0x0001, "listOfAutomatedDevices": items}
 
     def _get_motors(self, client: Client, request: Record) -> Known:
@@ -163,7 +165,10 @@ class DevicesRoom:
         _, motor = self._find(request)
         if motor is None:
             return {"CommandError": INVALID_DEVICE, "MotorCurrent": 0}
-        return {"CommandError": 0, "MotorCurrent": IDLE_CURRENT if motor.actual == motor.target else MOVING_CURRENT}
+        return {
+            "CommandError": 0,
+            "MotorCurrent": IDLE_CURRENT if motor.actual == motor.target else MOVING_CURRENT,
+        }
 
     def _get_temperature(self, client: Client, request: Record) -> Known:
         device, _ = self._find(request)
