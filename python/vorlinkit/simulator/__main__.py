@@ -17,6 +17,8 @@ from .options import Options, parse
 from .scenario import parse_text, read_file
 from .server import ListenError, SimulatorServer, open_scenario
 
+STOPPING_SIGNALS = (signal.SIGINT, signal.SIGTERM)
+
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Run the simulator; returns the exit code."""
@@ -46,13 +48,13 @@ async def _serve(options: Options) -> int:
     if options.control:
         _take_control(server)
     await server.run()
+    for number in STOPPING_SIGNALS:
+        signal.signal(number, signal.SIG_IGN)  # the interpreter would end by them while it shuts down
     return 0
 
 
 def _stop_on_signals(server: SimulatorServer) -> None:
-    """Stop in good order on SIGINT and SIGTERM. The handlers outlive the loop, so a second signal does no
-    harm.
-    """
+    """Stop in good order on SIGINT and SIGTERM; a second signal changes nothing any more."""
     loop = asyncio.get_running_loop()
 
     def stop(*_: object) -> None:
@@ -61,7 +63,7 @@ def _stop_on_signals(server: SimulatorServer) -> None:
         except RuntimeError:
             pass  # it has stopped already
 
-    for number in (signal.SIGINT, signal.SIGTERM):
+    for number in STOPPING_SIGNALS:
         signal.signal(number, stop)
 
 
