@@ -32,8 +32,10 @@ public:
   void leave(Pass pass) noexcept;
 
   bool closed() const noexcept { return (state_.load(std::memory_order_acquire) & CLOSED) != 0; }
+  /// Counts the forks that led to this process.
+  std::uint32_t generation() const noexcept { return generationOf(state_.load(std::memory_order_acquire)); }
   /// Whether the process is still the one in which the pass was given.
-  bool current(Pass pass) const noexcept { return generationOf(state_.load()) == pass.generation; }
+  bool current(Pass pass) const noexcept { return generation() == pass.generation; }
 
   /// Shuts the gate for ever. Called with the interpreter lock held.
   void close() noexcept { state_.fetch_or(CLOSED); }

@@ -53,7 +53,8 @@ template <class Register> void registerUnlocked(Register&& inCore) {
 
 } // namespace
 
-PySession::PySession(const SessionConfig& config, std::shared_ptr<IVorlinLogger> logger) {
+PySession::PySession(const SessionConfig& config, std::shared_ptr<IVorlinLogger> logger)
+    : generation_(FinalisationGate::instance().generation()) {
   if (FinalisationGate::instance().closed()) throw std::runtime_error("The interpreter is exiting");
   core_ = std::make_unique<VorlinSession>(config, std::move(logger));
   core_->set_chunk_hooks(&InterpreterLock::beginChunk, &InterpreterLock::endChunk);
@@ -67,8 +68,12 @@ PySession::~PySession() {
   core_.reset();
 }
 
+VorlinSession* PySession::usableCore() const noexcept {
+  return generation_ == FinalisationGate::instance().generation() ? core_.get() : nullptr;
+}
+
 py::tuple PySession::connect() {
-  auto* const core = core_.get();
+  auto* const core = usableCore();
   if (!core) return connectFailed(NOT_AWAITABLE);
   if (core->is_io_thread()) return connectFailed(fromCallback("connect"));
   std::optional<std::expected<void, Error>> result;
@@ -85,18 +90,24 @@ py::tuple PySession::connect() {
 }
 
 void PySession::disconnect() {
-  auto* const core = core_.get();
+  auto* const core = usableCore();
   if (!core) return;
   const InterpreterRelease unlocked;
   if (unlocked) core->disconnect();
 }
 
-bool PySession::isConnected() const noexcept { return core_ && core_->is_connected(); }
+bool PySession::isConnected() const noexcept {
+  const auto* const core = usableCore();
+  return core && core->is_connected();
+}
 
-std::uint8_t PySession::clientId() const noexcept { return core_ ? core_->client_id() : std::uint8_t{0}; }
+std::uint8_t PySession::clientId() const noexcept {
+  const auto* const core = usableCore();
+  return core ? core->client_id() : std::uint8_t{0};
+}
 
 py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes>& payload) {
-  auto* const core = core_.get();
+  auto* const core = usableCore();
   if (!core) return sendFailed(NOT_AWAITABLE);
   if (core->is_io_thread()) return sendFailed(fromCallback("send"));
   // The bytes object cannot change and is held by the caller; the core copies it before it returns.
@@ -115,8 +126,9 @@ py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes
 }
 
 void PySession::onConnectionStateChanged(const py::function& callback) {
-  if (!store(stateSlot_, "on_connection_state_changed", callback) || !core_) return;
-  registerUnlocked([core = core_.get(), slot = stateSlot_] {
+  auto* const core = usableCore();
+  if (!store(stateSlot_, "on_connection_state_changed", callback) || !core) return;
+  registerUnlocked([core, slot = stateSlot_] {
     core->on_connection_state_changed([slot](bool connected, const std::string& reason) {
       slot->call([&] { return std::array<py::object, 2>{py::bool_(connected), decodeCoreText(reason)}; });
     });
@@ -125,8 +137,9 @@ void PySession::onConnectionStateChanged(const py::function& callback) {
 
 void PySession::onNotification(std::uint16_t commandId, const py::function& callback) {
   auto& stored = notificationSlots_[commandId];
-  if (!store(stored, "on_notification", callback) || !core_) return;
-  registerUnlocked([core = core_.get(), slot = stored, commandId] {
+  auto* const core = usableCore();
+  if (!store(stored, "on_notification", callback) || !core) return;
+  registerUnlocked([core, slot = stored, commandId] {
     core->on_notification(commandId, [slot](const RawMessage& message) {
       slot->call([&] { return std::array<py::object, 1>{bytesOf(message.payload)}; });
     });
@@ -134,8 +147,9 @@ void PySession::onNotification(std::uint16_t commandId, const py::function& call
 }
 
 void PySession::onFrame(const py::function& callback) {
-  if (!store(frameSlot_, "on_frame", callback) || !core_) return;
-  registerUnlocked([core = core_.get(), slot = frameSlot_] {
+  auto* const core = usableCore();
+  if (!store(frameSlot_, "on_frame", callback) || !core) return;
+  registerUnlocked([core, slot = frameSlot_] {
     core->on_frame([slot](FrameDirection direction, std::span<const std::byte> frame) {
       slot->call([&] { return std::array<py::object, 2>{FrameDirections::of(direction), bytesOf(frame)}; });
     });

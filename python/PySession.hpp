@@ -48,7 +48,12 @@ public:
 private:
   using Slot = std::shared_ptr<PythonCallback>;
 
-  std::unique_ptr<VorlinSession> core_; // null once the interpreter exits
+  /// The core session; null when it must not be called: the interpreter exits, or this is the child of a
+  /// fork, where the locks of an inherited session may be held for ever.
+  VorlinSession* usableCore() const noexcept;
+
+  std::unique_ptr<VorlinSession> core_;
+  const std::uint32_t generation_; // of the process that made the session
   Slot stateSlot_;
   Slot frameSlot_;
   std::map<std::uint16_t, Slot> notificationSlots_;

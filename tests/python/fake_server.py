@@ -1,0 +1,111 @@
+"""A machine of few words: one listening socket, and a function that plays the server's part."""
+
+import contextlib
+import os
+import socket
+import struct
+import subprocess
+import sys
+import threading
+
+import vorlinkit_python as vorlin
+
+REQUEST_HEADER = struct.Struct(">2sBBHHBB4sI")
+RESPONSE_HEADER = struct.Struct(">2sBBHHIII")
+NOTIFICATION_HEADER = struct.Struct(">2sBBHHI")
+
+
+def response(command_id, payload=b"", major_error=0):
+    return RESPONSE_HEADER.pack(b"VR", 1, 2, 16, command_id, major_error, 0, len(payload)) + payload
+
+
+def notification(command_id, payload=b""):
+    return NOTIFICATION_HEADER.pack(b"VR", 1, 3, 8, command_id, len(payload)) + payload
+
+
+def receive_exactly(connection, size):
+    data = b""
+    while len(data) < size:
+        chunk = connection.recv(size - len(data))
+        if not chunk:
+            raise ConnectionError("closed by the client")
+        data += chunk
+    return data
+
+
+def read_request(connection):
+    """The next request as (command id, payload)."""
+    fields = REQUEST_HEADER.unpack(receive_exactly(connection, REQUEST_HEADER.size))
+    return fields[4], receive_exactly(connection, fields[-1])
+
+
+def echo(connection):
+    """Answers every request with its own payload."""
+    while True:
+        connection.sendall(response(*read_request(connection)))
+
+
+def silence(connection):
+    """Takes what comes and answers nothing."""
+    while connection.recv(65536):
+        pass
+
+
+@contextlib.contextmanager
+def serving(play):
+    """The port of a server that calls `play(connection)` in a thread for every client."""
+    listener = socket.create_server(("127.0.0.1", 0))
+    connections = []
+
+    def converse(connection):
+        with contextlib.suppress(OSError):
+            play(connection)
+        connection.close()
+
+    def accept():
+        with contextlib.suppress(OSError):
+            while True:
+                connection, _ = listener.accept()
+                connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                connections.append(connection)
+                threading.Thread(target=converse, args=(connection,), daemon=True).start()
+
+    acceptor = threading.Thread(target=accept, daemon=True)
+    acceptor.start()
+    try:
+        yield listener.getsockname()[1]
+    finally:
+        listener.shutdown(socket.SHUT_RDWR)  # wakes the accept, which would keep the port open
+        listener.close()
+        acceptor.join()
+        for connection in connections:
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+
+
+def config_for(port, **settings):
+    config = vorlin.SessionConfig()
+    config.host = "127.0.0.1"
+    config.port = port
+    config.auto_reconnect = False
+    for name, value in settings.items():
+        setattr(config, name, value)
+    return config
+
+
+@contextlib.contextmanager
+def connected_session(play, logger=None, **settings):
+    with serving(play) as port:
+        session = vorlin.VorlinSession(config_for(port, **settings), logger)
+        assert session.connect() == (True, "")
+        try:
+            yield session
+        finally:
+            session.disconnect()
+
+
+def run_script(script, *arguments, timeout=20):
+    """Runs a script in an interpreter of its own, with the modules of this one."""
+    environment = dict(os.environ, PYTHONPATH=os.pathsep.join([os.path.dirname(__file__), *sys.path]))
+    command = [sys.executable, "-c", script, *map(str, arguments)]
+    return subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout, check=False)

@@ -1,0 +1,361 @@
+"""What a user of one session sees: results, errors, callbacks, the logger."""
+
+import gc
+import queue
+import threading
+import weakref
+
+import pytest
+import vorlinkit_python as vorlin
+from fake_server import config_for, connected_session, echo, notification, read_request, response, serving
+
+WAIT = 5  # seconds an awaited event may take before the test gives up
+
+
+def test_requests_and_answers():
+    with connected_session(echo) as session:
+        assert session.is_connected() is True
+        assert session.send(11) == (b"", "")
+        assert session.send(11, None) == (b"", "")
+        assert session.send(commandId=0xFFFF, payload=b"\x00\xff" * 1000) == (b"\x00\xff" * 1000, "")
+        assert session.client_id() == 0
+        assert session.send(1, b"\x07") == (b"\x07", "")
+        assert session.client_id() == 7
+        session.disconnect()
+        assert session.is_connected() is False
+        assert session.client_id() == 0
+        assert session.send(11) == (None, "Not connected")
+
+
+def test_many_threads_get_their_own_answers():
+    wrong = []
+
+    def ask(session, number):
+        for turn in range(50):
+            payload = b"%d/%d" % (number, turn)
+            if session.send(number, payload) != (payload, ""):
+                wrong.append(payload)
+
+    with connected_session(echo) as session:
+        threads = [threading.Thread(target=ask, args=(session, number)) for number in range(8)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    assert wrong == []
+
+
+def refuse(connection):
+    while True:
+        command_id, _ = read_request(connection)
+        connection.sendall(response(command_id, major_error=1))
+
+
+def hang_up(connection):
+    read_request(connection)
+
+
+def stay_silent(connection):
+    while True:
+        read_request(connection)
+
+
+@pytest.mark.parametrize("play", [refuse, hang_up, stay_silent])
+def test_failures_are_returned_not_raised(play):
+    with connected_session(play, request_timeout=50) as session:
+        payload, error = session.send(11)
+        assert payload is None
+        assert error != ""
+
+
+def test_connect_failure_is_returned():
+    with serving(echo) as port:
+        pass
+    connected, error = vorlin.VorlinSession(config_for(port)).connect()
+    assert connected is False
+    assert error.startswith("Failed to connect: ")
+
+
+@pytest.mark.parametrize(
+    "call",
+    [
+        lambda s: s.send(0x1_0000),
+        lambda s: s.send(-1),
+        lambda s: s.send("11"),
+        lambda s: s.send(11.0),
+        lambda s: s.send(11, bytearray(b"x")),
+        lambda s: s.send(11, memoryview(b"x")),
+        lambda s: s.send(11, "x"),
+        lambda s: s.send(command_id=11),
+        lambda s: s.on_notification(11, None),
+        lambda s: s.on_notification(0x1_0000, print),
+        lambda s: s.on_frame(3),
+        lambda s: s.on_connection_state_changed("print"),
+        lambda s: vorlin.VorlinSession(),
+        lambda s: vorlin.VorlinSession(vorlin.SessionConfig(), "logger"),
+    ],
+)
+def test_wrong_arguments_raise_and_call_nothing(call):
+    requests = []
+
+    def note(connection):
+        while True:
+            requests.append(read_request(connection))
+
+    with connected_session(note) as session:
+        with pytest.raises(TypeError):
+            call(session)
+    assert requests == []
+
+
+def test_signatures_are_in_the_docstrings():
+    session = vorlin.VorlinSession
+    assert session.__init__.__doc__.startswith(
+        "__init__(self: vorlinkit_python.VorlinSession, config: vorlinkit_python.SessionConfig, "
+        "logger: vorlinkit_python.IVorlinLogger = None) -> None"
+    )
+    assert session.send.__doc__.startswith(
+        "send(self: vorlinkit_python.VorlinSession, commandId: int, payload: Optional[bytes] = None) -> tuple"
+    )
+    public = [vorlin.SessionConfig, vorlin.IVorlinLogger, vorlin.FieldCodedValue, vorlin.FieldCodedValues, session]
+    undocumented = [
+        f"{owner.__name__}.{name}"
+        for owner in public
+        for name, member in vars(owner).items()
+        if not name.startswith("_") and not (member.__doc__ or "").partition("\n\n")[2 if callable(member) else 0]
+    ]
+    assert undocumented == []
+
+
+def test_callbacks_report_notifications_frames_and_state():
+    def play(connection):
+        command_id, payload = read_request(connection)
+        connection.sendall(notification(44, b"first") + notification(45, b"nobody listens") + notification(44))
+        connection.sendall(response(command_id, payload))
+
+    events = queue.Queue()
+    with serving(play) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        session.on_connection_state_changed(lambda *change: events.put(change))
+        session.on_notification(44, lambda payload: events.put("replaced"))
+        session.on_notification(commandId=44, callback=events.put)
+        frames = []
+        session.on_frame(lambda direction, frame: frames.append((direction, frame)))
+        assert session.connect() == (True, "")
+        assert events.get(timeout=WAIT) == (True, "")
+        assert session.send(9, b"x") == (b"x", "")
+        assert [events.get(timeout=WAIT) for _ in range(2)] == [b"first", b""]
+        connected, reason = events.get(timeout=WAIT)  # the server has hung up
+        assert connected is False
+        assert isinstance(reason, str) and reason
+    assert [direction for direction, _ in frames] == [vorlin.Tx, vorlin.Rx, vorlin.Rx, vorlin.Rx, vorlin.Rx]
+    assert frames[1][0] is vorlin.FrameDirection.Rx
+    assert frames[-1] == (vorlin.Rx, response(9, b"x"))
+
+
+@pytest.mark.parametrize("where", ["on_notification", "on_frame", "on_connection_state_changed"])
+def test_an_exception_in_a_callback_is_written_to_stderr(where, capsys):
+    def fail(*_):
+        raise ValueError("bad luck")
+
+    def play(connection):
+        command_id, _ = read_request(connection)
+        connection.sendall(notification(44) + notification(44) + response(command_id, b"on it goes"))
+
+    with serving(play) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        register = getattr(session, where)
+        if where == "on_notification":
+            register(44, fail)
+        else:
+            register(fail)
+        assert session.connect() == (True, "")
+        assert session.send(9) == (b"on it goes", "")
+        session.disconnect()
+    lines = [line for line in capsys.readouterr().err.splitlines() if "bad luck" in line]
+    assert lines and all(line == f"Exception in Python {where} callback: ValueError: bad luck" for line in lines)
+    assert where == "on_frame" or len(lines) == 2
+
+
+def test_a_callback_may_use_its_session_and_waits_for_nothing():
+    results = queue.Queue()
+
+    def play(connection):
+        command_id, _ = read_request(connection)
+        connection.sendall(notification(44) + response(command_id))
+        echo(connection)
+
+    def meddle(payload):
+        results.put(session.send(1))
+        results.put(session.connect())
+        session.on_notification(44, meddle)
+        session.on_notification(45, meddle)
+        session.on_frame(lambda *_: None)
+        session.on_connection_state_changed(lambda *change: results.put(change))
+        session.disconnect()
+
+    with connected_session(play) as session:
+        session.on_notification(44, meddle)
+        session.send(9)
+        for nothing in (None, False):
+            value, error = results.get(timeout=WAIT)
+            assert value is nothing
+            assert "callback" in error
+        assert results.get(timeout=WAIT)[0] is False
+        assert session.is_connected() is False
+
+
+def test_a_state_callback_may_replace_itself():
+    events = queue.Queue()
+
+    def first(connected, reason):
+        session.on_connection_state_changed(lambda *change: events.put(("second", *change)))
+        events.put(("first", connected, reason))
+
+    with serving(echo) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        session.on_connection_state_changed(first)
+        assert session.connect() == (True, "")
+        session.disconnect()
+    assert events.get(timeout=WAIT) == ("first", True, "")
+    assert events.get(timeout=WAIT)[:2] == ("second", False)
+
+
+class Listener:
+    def hear(self, *_):
+        pass
+
+
+def test_callables_are_released_when_replaced_and_when_the_session_goes():
+    session = vorlin.VorlinSession(vorlin.SessionConfig())
+    registrations = [session.on_frame, session.on_connection_state_changed, lambda f: session.on_notification(44, f)]
+    for register in registrations:
+        earlier, later = Listener(), Listener()
+        gone = [weakref.ref(earlier), weakref.ref(later)]
+        register(earlier.hear)
+        register(later.hear)
+        del earlier, later
+        assert [reference() is None for reference in gone] == [True, False]
+    del register, registrations, session
+    assert gone[1]() is None
+
+
+class SubclassedSession(vorlin.VorlinSession):
+    pass
+
+
+@pytest.mark.parametrize("kind", [vorlin.VorlinSession, SubclassedSession])
+def test_a_callback_that_refers_to_its_session_is_no_leak(kind):
+    with serving(echo) as port:
+        session = kind(config_for(port))
+        for register in (session.on_frame, session.on_connection_state_changed):
+            register(lambda *_, kept=session: None)
+        session.on_notification(44, lambda *_, kept=session: None)
+        assert session.connect() == (True, "")
+        assert session.send(1, b"\x05") == (b"\x05", "")
+        gone = weakref.ref(session)
+        del session, register
+        gc.collect()
+        assert gone() is None
+
+
+def test_an_unfinished_session_survives_the_collector():
+    half_made = vorlin.VorlinSession.__new__(vorlin.VorlinSession)
+    gc.collect()
+    del half_made
+
+
+def test_a_session_may_end_on_its_own_io_thread():
+    alone = threading.Event()
+    hung_up, gone_on = queue.Queue(), queue.Queue()
+
+    def play(connection):
+        alone.wait(WAIT)
+        connection.sendall(notification(44) + notification(44))
+        hung_up.put(connection.recv(1))
+
+    with serving(play) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        owners = [session]
+        session.on_notification(44, lambda _: owners.clear())
+        assert session.connect() == (True, "")
+        gone = weakref.ref(session, lambda _: gone_on.put(threading.get_ident()))
+        del session
+        alone.set()
+        assert gone_on.get(timeout=WAIT) != threading.get_ident()
+        assert hung_up.get(timeout=WAIT) == b""
+        assert gone() is None
+
+
+class Records(vorlin.IVorlinLogger):
+    def __init__(self):
+        super().__init__()
+        self.seen = []
+
+    def log(self, level, file, line, message):
+        self.seen.append((level, file, line, message))
+
+
+class Mute(vorlin.IVorlinLogger):
+    pass
+
+
+class Failing(vorlin.IVorlinLogger):
+    def log(self, level, file, line, message):
+        raise KeyError(message)
+
+
+def test_a_python_logger_gets_the_records_above_its_threshold():
+    logger = Records()
+    assert logger.get_log_level() is not None and logger.get_log_level() == vorlin.LogLevel.info
+    with connected_session(echo, logger) as session:
+        session.disconnect()
+    connecting, connected = logger.seen[:2]
+    assert connecting[0] is vorlin.LogLevel.info
+    assert connecting[1] == "src/TcpTransport"
+    assert isinstance(connecting[2], int) and connecting[2] > 0
+    assert connecting[3].startswith("Connecting to 127.0.0.1:")
+    assert connected[3] == "Connected successfully"
+    assert any(level == vorlin.LogLevel.warn for level, *_ in logger.seen)
+
+    silent = Records()
+    silent.set_log_level(vorlin.LogLevel.off)
+    with connected_session(echo, silent):
+        pass
+    assert silent.seen == []
+
+
+def test_loggers_that_cannot_log_do_no_harm(capsys):
+    for logger in (Mute(), vorlin.IVorlinLogger(), None):
+        with connected_session(echo, logger):
+            pass
+    with connected_session(echo, Records()) as session:  # nobody else keeps the logger
+        gc.collect()
+        assert session.send(1) == (b"", "")
+    assert capsys.readouterr().err == ""
+    failing = Failing()
+    with connected_session(echo, failing):
+        pass
+    assert "Exception in Python IVorlinLogger.log callback: KeyError: 'Connected successfully'\n" in capsys.readouterr().err
+
+
+def test_notifications_in_bulk_arrive_whole_and_in_order():
+    count = 20_000
+    received = []
+    done = threading.Event()
+
+    def play(connection):
+        read_request(connection)
+        connection.sendall(b"".join(notification(44, b"%06d" % number) for number in range(count)))
+        echo(connection)
+
+    def collect(payload):
+        received.append(payload)
+        if len(received) == count:
+            done.set()
+
+    with connected_session(play) as session:
+        session.on_notification(44, collect)
+        threading.Thread(target=session.send, args=(9,), daemon=True).start()
+        assert done.wait(30)
+    assert received == [b"%06d" % number for number in range(count)]

@@ -1,0 +1,110 @@
+"""Configuration, enumerations and coded values: what they hold and what they refuse."""
+
+import pytest
+import vorlinkit_python as vorlin
+
+DEFAULTS = {
+    "host": "localhost",
+    "port": 50713,
+    "connection_timeout": 3000,
+    "request_timeout": 15000,
+    "request_attempts": 1,
+    "reconnect_delay": 1000,
+    "auto_reconnect": True,
+    "access_keys": (90, 195, 30, 135),
+}
+
+
+def test_defaults():
+    config = vorlin.SessionConfig()
+    assert {name: getattr(config, name) for name in DEFAULTS} == DEFAULTS
+    assert [name for name in vars(vorlin.SessionConfig) if not name.startswith("_")] == list(DEFAULTS)
+
+
+@pytest.mark.parametrize(
+    ("name", "value"),
+    [
+        ("host", "machine-7.plant"),
+        ("port", 0),
+        ("port", 65535),
+        ("connection_timeout", -5),
+        ("request_timeout", 2**31 - 1),
+        ("reconnect_delay", -(2**31)),
+        ("request_attempts", 2**32 - 1),
+        ("auto_reconnect", False),
+        ("access_keys", (1, 2, 3, 255)),
+    ],
+)
+def test_values_that_are_stored(name, value):
+    config = vorlin.SessionConfig()
+    setattr(config, name, value)
+    assert getattr(config, name) == value
+
+
+@pytest.mark.parametrize(
+    ("name", "value"),
+    [
+        ("host", 7),
+        ("port", 65536),
+        ("port", -1),
+        ("connection_timeout", 2**31),
+        ("request_timeout", 1.5),
+        ("reconnect_delay", -(2**31) - 1),
+        ("request_attempts", -1),
+        ("access_keys", [9, 8, 7, 6]),
+        ("access_keys", b"1234"),
+    ],
+)
+def test_values_that_are_refused(name, value):
+    config = vorlin.SessionConfig()
+    with pytest.raises(TypeError):
+        setattr(config, name, value)
+    assert getattr(config, name) == DEFAULTS[name]
+
+
+@pytest.mark.parametrize("keys", [(), (9, 8, 7), (9, 8, 7, 6, 5)])
+def test_access_keys_of_another_length_are_ignored(keys):
+    config = vorlin.SessionConfig()
+    config.access_keys = keys
+    assert config.access_keys == DEFAULTS["access_keys"]
+
+
+@pytest.mark.parametrize("bad", [300, -1, 7.0, "7"])
+def test_a_bad_access_key_keeps_the_elements_before_it(bad):
+    config = vorlin.SessionConfig()
+    with pytest.raises(RuntimeError, match="^Unable to cast Python instance of type "):
+        config.access_keys = (9, 8, bad, 6)
+    assert config.access_keys == (9, 8, 30, 135)
+
+
+@pytest.mark.parametrize(
+    ("enumeration", "members"),
+    [
+        ("LogLevel", ["trace", "debug", "info", "warn", "err", "critical", "off"]),
+        ("CodedValueKind", ["Enum", "Bitfield"]),
+        ("FrameDirection", ["Tx", "Rx"]),
+    ],
+)
+def test_enumerations(enumeration, members):
+    kind = getattr(vorlin, enumeration)
+    assert list(kind.__members__) == members
+    for value, name in enumerate(members):
+        member = getattr(kind, name)
+        assert int(member) == value
+        assert kind(value) == member
+        assert member.name == name
+        assert getattr(vorlin, name) is member
+    with pytest.raises(TypeError):
+        member < member  # noqa: B015
+    with pytest.raises(TypeError):
+        member | member  # noqa: B018
+
+
+def test_coded_values_come_from_the_library_only():
+    for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues):
+        with pytest.raises(TypeError):
+            kind()
+
+
+def test_the_module():
+    assert vorlin.__doc__ == "Wrapper Python para VorlinKit"

@@ -1,0 +1,276 @@
+"""A session and the process it lives in: signals, exit, fork, other interpreters."""
+
+import os
+import signal
+import socket
+import threading
+import time
+
+import pytest
+import vorlinkit_python as vorlin
+from fake_server import (
+    config_for,
+    connected_session,
+    echo,
+    notification,
+    read_request,
+    response,
+    run_script,
+    serving,
+    silence,
+)
+
+# Ends in the middle of everything: notifications into a callback, a logger, requests from daemon threads
+# and from threads that are never answered, and a session that is waiting to re-connect.
+BUSY_SCRIPT = """
+import sys, threading
+import vorlinkit_python as vorlin
+
+class Logger(vorlin.IVorlinLogger):
+    def log(self, level, file, line, message):
+        seen.append(message)
+
+def config(port):
+    config = vorlin.SessionConfig()
+    config.host, config.port, config.reconnect_delay = "127.0.0.1", port, 1
+    return config
+
+def ask(session):
+    while True:
+        session.send(1)
+
+seen = []
+logger = Logger()
+busy, silent, lost = (vorlin.VorlinSession(config(int(port)), logger) for port in sys.argv[1:4])
+enough = threading.Event()
+for session in (busy, silent, lost):
+    session.on_frame(lambda *frame: seen.append(frame))
+    session.on_connection_state_changed(lambda *change: seen.append(change))
+    session.on_notification(44, lambda payload: (seen.append(payload), len(seen) > 100 and enough.set()))
+    session.connect()
+    for _ in range(3):
+        threading.Thread(target=ask, args=(session,), daemon=True).start()
+enough.wait()
+sys.exit(7)
+"""
+
+
+def chatter(connection):
+    while True:
+        command_id, _ = read_request(connection)
+        connection.sendall(notification(44, b"x" * 50) * 5 + response(command_id))
+
+
+@pytest.mark.parametrize("turn", range(5))
+def test_a_script_exits_at_once_and_silently(turn):
+    with serving(chatter) as busy, serving(silence) as silent:
+        with serving(echo) as lost:
+            pass
+        started = time.monotonic()
+        result = run_script(BUSY_SCRIPT, busy, silent, lost)
+    assert (result.returncode, result.stdout, result.stderr) == (7, "", "")
+    assert time.monotonic() - started < 10
+
+
+STUCK_SCRIPT = """
+import sys, threading, time
+import vorlinkit_python as vorlin
+
+config = vorlin.SessionConfig()
+config.host, config.port = "127.0.0.1", int(sys.argv[1])
+session = vorlin.VorlinSession(config)
+stuck, never = threading.Event(), threading.Event()
+session.on_notification(44, lambda payload: (stuck.set(), never.wait()))
+session.connect()
+threading.Thread(target=session.send, args=(1,), daemon=True).start()
+stuck.wait()
+sys.exit(7)
+"""
+
+
+def test_a_callback_that_never_returns_does_not_keep_the_process():
+    with serving(chatter) as port:
+        result = run_script(STUCK_SCRIPT, port)
+    assert result.returncode == 7
+    assert result.stderr == "vorlinkit_python: a callback is still running at exit and is left behind\n"
+
+
+AFTER_EXIT_SCRIPT = """
+import atexit, sys
+
+def last():
+    print(session.send(1), session.connect(), session.is_connected(), session.client_id())
+    session.disconnect()
+    session.on_frame(print)
+    try:
+        vorlin.VorlinSession(config)
+    except RuntimeError as error:
+        print(error)
+
+atexit.register(last)  # registered before the module's own step, so it runs behind it
+import vorlinkit_python as vorlin
+
+config = vorlin.SessionConfig()
+config.host, config.port = "127.0.0.1", int(sys.argv[1])
+session = vorlin.VorlinSession(config)
+session.connect()
+atexit.register(lambda: print(session.send(1, b"still here")))
+"""
+
+
+def test_sessions_work_in_exit_functions_and_fail_softly_behind_them():
+    with serving(echo) as port:
+        result = run_script(AFTER_EXIT_SCRIPT, port)
+    assert (result.returncode, result.stderr) == (0, "")
+    before, after, refused = result.stdout.splitlines()
+    assert before == "(b'still here', '')"
+    assert after.startswith("(None, 'The session can no longer be used") and after.endswith(") False 0")
+    assert refused == "The interpreter is exiting"
+
+
+class Interrupted(Exception):
+    pass
+
+
+def interrupt(*_):
+    raise Interrupted
+
+
+@pytest.mark.parametrize("method", ["send", "connect"])
+def test_a_signal_ends_a_wait(method):
+    earlier = signal.signal(signal.SIGUSR1, interrupt)
+    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGUSR1))
+    try:
+        if method == "send":
+            with connected_session(silence) as session:
+                started = time.monotonic()
+                timer.start()
+                with pytest.raises(Interrupted):
+                    session.send(1)
+        else:
+            # A listener whose backlog is full drops further attempts, so that connect has to wait.
+            with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
+                listener.bind(("127.0.0.1", 0))
+                listener.listen(0)
+                for filler in (first, second):
+                    filler.setblocking(False)
+                    filler.connect_ex(listener.getsockname())
+                session = vorlin.VorlinSession(config_for(listener.getsockname()[1]))
+                started = time.monotonic()
+                timer.start()
+                with pytest.raises(Interrupted):
+                    session.connect()
+        assert time.monotonic() - started < 0.3 + 0.2
+    finally:
+        timer.cancel()
+        signal.signal(signal.SIGUSR1, earlier)
+    # The request that was given up does no harm.
+    assert session.send(1) == (None, "Not connected")
+
+
+FORK_SCRIPT = """
+import gc, os, sys, threading
+import vorlinkit_python as vorlin
+
+config = vorlin.SessionConfig()
+config.host, config.port = "127.0.0.1", int(sys.argv[1])
+session = vorlin.VorlinSession(config)
+session.on_frame(lambda *frame: None)
+assert session.connect() == (True, "")
+
+def ask():
+    while session.send(1)[0] is not None:
+        pass
+
+for _ in range(3):
+    threading.Thread(target=ask, daemon=True).start()
+
+children = []
+for how in ("drop", "keep", "use") * 5:
+    child = os.fork()
+    if child:
+        children.append(child)
+        continue
+    if how == "drop":
+        del session
+        gc.collect()
+    elif how == "use":
+        session.on_frame(print)
+        session.on_notification(1, print)
+        assert session.send(1)[0] is None and session.connect()[0] is False and not session.is_connected()
+        session.disconnect()
+        own = vorlin.VorlinSession(config)
+        own.on_frame(lambda *frame: None)
+        assert own.connect() == (True, "")
+        assert own.send(1, b"child") == (b"child", "")
+    sys.exit(3)
+
+codes = {os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) for child in children}
+assert codes == {3}, codes
+assert session.send(1, b"parent") == (b"parent", "")
+"""
+
+
+def test_a_forked_child_may_drop_keep_or_outlive_an_inherited_session():
+    with serving(echo) as port:
+        result = run_script(FORK_SCRIPT, port)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+SUBINTERPRETER_SCRIPT = """
+import sys
+import _xxsubinterpreters as interpreters
+
+if sys.argv[1] == "first":
+    import vorlinkit_python
+
+code = '''
+try:
+    import vorlinkit_python
+except ImportError as error:
+    print(error)
+'''
+other = interpreters.create()
+interpreters.run_string(other, code)
+interpreters.destroy(other)
+
+import vorlinkit_python
+first = vorlinkit_python
+del sys.modules["vorlinkit_python"]
+import vorlinkit_python
+assert vorlinkit_python is first
+print(vorlinkit_python.VorlinSession(vorlinkit_python.SessionConfig()).send(1))
+"""
+
+
+@pytest.mark.parametrize("main_interpreter", ["first", "last"])
+def test_a_sub_interpreter_is_refused(main_interpreter):
+    result = run_script(SUBINTERPRETER_SCRIPT, main_interpreter)
+    assert result.stderr == ""
+    assert result.stdout.splitlines() == [
+        "vorlinkit_python cannot be imported in a sub-interpreter",
+        "(None, 'Not connected')",
+    ]
+
+
+def test_disconnect_lets_every_waiting_thread_go():
+    waiting = threading.Semaphore(0)
+
+    def note_first(connection):
+        read_request(connection)
+        waiting.release()
+        silence(connection)
+
+    with serving(note_first) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        assert session.connect() == (True, "")
+        answers = []
+        senders = [threading.Thread(target=lambda: answers.append(session.send(1))) for _ in range(20)]
+        for sender in senders:
+            sender.start()
+        assert waiting.acquire(timeout=5)
+        session.disconnect()
+        for sender in senders:
+            sender.join(5)
+    assert len(answers) == 20
+    assert all(payload is None and error for payload, error in answers)
