@@ -99,6 +99,7 @@ FrameAssembler::Frame FrameAssembler::freshFrame() {
 
 void FrameAssembler::recycle(Frame frame) {
   if (spare_ || !frame || frame.use_count() != 1) return;
+  if (frame->capacity() > largeBuffer && smallFramesInARow_ >= smallFramesUntilRelease) return;
   // Another thread may have dropped the last copy but this one: dropping a copy here, too, makes its
   // reads of the frame come before our writes.
   {
@@ -115,12 +116,10 @@ void FrameAssembler::reset() {
 }
 
 void FrameAssembler::forgetLargeBuffers(std::size_t frameSize) {
-  if (frameSize > largeBuffer) {
+  if (frameSize > largeBuffer)
     smallFramesInARow_ = 0;
-  } else if (++smallFramesInARow_ == smallFramesUntilRelease) {
-    if (partial_.empty() && partial_.capacity() > largeBuffer) partial_ = {};
-    if (spare_ && spare_->capacity() > largeBuffer) spare_ = nullptr;
-  }
+  else if (++smallFramesInARow_ == smallFramesUntilRelease && partial_.empty() && partial_.capacity() > largeBuffer)
+    partial_ = {};
 }
 
 } // namespace vorlinkit

@@ -81,4 +81,12 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
 
 #endif
 
+bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept {
+  std::error_code unknown;
+  const auto local = socket.local_endpoint(unknown);
+  if (unknown) return false;
+  const auto remote = socket.remote_endpoint(unknown);
+  return !unknown && local == remote;
+}
+
 } // namespace vorlinkit::platform

@@ -23,4 +23,7 @@ std::thread startThread(std::function<void()> body);
 /// inheritance by programs that are started. What a platform does not have is left out.
 void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept;
 
+/// On loopback a port nobody listens on may be answered by the very socket that asks.
+bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept;
+
 } // namespace vorlinkit::platform

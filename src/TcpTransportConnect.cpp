@@ -69,12 +69,7 @@ asio::awaitable<std::error_code> TcpTransport::connectTo(asio::ip::tcp::endpoint
   co_await socket_.async_connect(endpoint, asio::redirect_error(asio::use_awaitable, failure));
   // The deadline or a close shut the socket while another error was on its way.
   if (failure && !socket_.is_open()) failure = asio::error::operation_aborted;
-  if (failure) co_return failure;
-
-  // On loopback a port nobody listens on may be answered by our own socket.
-  std::error_code unknown;
-  const auto local = socket_.local_endpoint(unknown);
-  if (!unknown && local == socket_.remote_endpoint(unknown) && !unknown) {
+  if (!failure && platform::connectedToItself(socket_)) {
     closeSocket();
     failure = asio::error::connection_refused;
   }

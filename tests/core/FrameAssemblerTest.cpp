@@ -1,0 +1,136 @@
+#include "FrameAssembler.hpp"
+#include "Frames.hpp"
+
+#include <gtest/gtest.h>
+
+#include <span>
+
+namespace vorlinkit::test {
+namespace {
+
+using Step = FrameAssembler::Step;
+
+/// Feeds a stream in the given pieces; every frame is handed back at once, so that buffers are reused.
+struct Cutter {
+  FrameAssembler assembler;
+  std::vector<Bytes> frames;
+  Step last = Step::NeedMore;
+
+  void feed(std::span<const std::byte> chunk) {
+    assembler.feed(chunk);
+    for (;;) {
+      auto cut = assembler.next();
+      last = cut.step;
+      if (cut.step != Step::Frame) return;
+      frames.push_back(*cut.frame);
+      assembler.recycle(std::move(cut.frame));
+    }
+  }
+};
+
+const std::vector<Bytes> dialogue{response(1, bytes({5})), notification(4, {}), request(2, 0, bytes({1, 2})),
+                                  response(9, Bytes(300)), notification(65535, text("done"))};
+
+Bytes stream() {
+  Bytes all;
+  for (const auto& frame : dialogue)
+    all = all + frame;
+  return all;
+}
+
+TEST(FrameAssembler, CutsTheSameFramesWhereverTheStreamIsSplit) {
+  const Bytes all = stream();
+  for (std::size_t one = 0; one <= all.size(); ++one) {
+    for (const std::size_t two : {one, std::min(one + 3, all.size()), all.size()}) {
+      Cutter cutter;
+      const std::span<const std::byte> whole(all);
+      cutter.feed(whole.first(one));
+      cutter.feed(whole.subspan(one, two - one));
+      cutter.feed(whole.subspan(two));
+      ASSERT_EQ(cutter.frames, dialogue) << "split at " << one << " and " << two;
+    }
+  }
+  Cutter byteByByte;
+  for (const std::byte& single : all)
+    byteByByte.feed({&single, 1});
+  EXPECT_EQ(byteByByte.frames, dialogue);
+}
+
+TEST(FrameAssembler, GivesUpTheBufferOnAStreamThatIsNoneOfOurs) {
+  const struct {
+    Bytes stream;
+    Step step;
+  } cases[] = {{text("XX") + bytes({1, 2}) + dialogue[0], Step::BadProtocolId},
+               {text("VX") + bytes({1, 2}), Step::BadProtocolId},
+               {text("VR") + bytes({1, 0}) + dialogue[0], Step::UnknownMessageType},
+               {text("VR") + bytes({7, 4}), Step::UnknownMessageType}};
+  for (const auto& [junk, step] : cases) {
+    for (std::size_t split = 0; split < 4; ++split) {
+      Cutter cutter;
+      cutter.feed(std::span(dialogue[1]));
+      cutter.feed(std::span(junk).first(split));
+      cutter.feed(std::span(junk).subspan(split));
+      EXPECT_EQ(cutter.last, step);
+      cutter.feed(std::span(dialogue[0]));
+      EXPECT_EQ(cutter.frames, (std::vector{dialogue[1], dialogue[0]})) << "what follows is read afresh";
+    }
+  }
+}
+
+TEST(FrameAssembler, WaitsForTheFourthByteBeforeItJudges) {
+  Cutter cutter;
+  const Bytes three = text("XXX");
+  cutter.feed(three);
+  EXPECT_EQ(cutter.last, Step::NeedMore);
+}
+
+TEST(FrameAssembler, AllocatesNothingForALengthThatWasOnlyAnnounced) {
+  Cutter cutter;
+  const Bytes announced = text("VR") + bytes({1, 3, 0, 8, 0, 1, 0xFF, 0xFF, 0xFF, 0xFF});
+  cutter.feed(announced);
+  const Bytes some(1000);
+  cutter.feed(some); // 4 GiB would not pass unnoticed
+  EXPECT_TRUE(cutter.frames.empty());
+  cutter.assembler.reset();
+  cutter.feed(std::span(dialogue[0]));
+  EXPECT_EQ(cutter.frames, std::vector<Bytes>(1, dialogue[0]));
+}
+
+TEST(FrameAssembler, LeavesFramesAloneThatAreHeldElsewhere) {
+  FrameAssembler assembler;
+  assembler.feed(dialogue[0]);
+  auto held = assembler.next().frame;
+  assembler.recycle(held);
+  assembler.next();
+  assembler.feed(dialogue[4]);
+  const auto next = assembler.next().frame;
+  EXPECT_EQ(*held, dialogue[0]);
+  EXPECT_EQ(*next, dialogue[4]);
+}
+
+TEST(FrameAssembler, ReusesLargeBuffersAndLetsThemGo) {
+  FrameAssembler assembler;
+  const Bytes large = notification(1, Bytes(1 << 20));
+  const auto receive = [&](const Bytes& frame, std::size_t piece) {
+    FrameAssembler::Frame got;
+    for (std::size_t at = 0; at < frame.size(); at += piece) {
+      assembler.feed(std::span(frame).subspan(at, std::min(piece, frame.size() - at)));
+      if (auto cut = assembler.next(); cut.frame) got = std::move(cut.frame);
+    }
+    return got;
+  };
+  auto firstFrame = receive(large, 65536);
+  const auto* memory = firstFrame->data();
+  assembler.recycle(std::move(firstFrame));
+  auto secondFrame = receive(large, 65536);
+  EXPECT_EQ(secondFrame->data(), memory) << "the second large frame lies where the first one lay";
+  EXPECT_EQ(*secondFrame, large);
+  assembler.recycle(std::move(secondFrame));
+  for (int small = 0; small < 5000; ++small)
+    assembler.recycle(receive(dialogue[1], 100));
+  const auto after = receive(dialogue[1], 100);
+  EXPECT_LT(after->capacity(), 65536U);
+}
+
+} // namespace
+} // namespace vorlinkit::test

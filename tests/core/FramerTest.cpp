@@ -1,0 +1,282 @@
+#include "Frames.hpp"
+#include "MessageFramer.hpp"
+#include "RecordingLogger.hpp"
+
+#include <vorlinkit/VorlinCodec.hpp>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+
+namespace vorlinkit::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// The transport's place, taken by a list of what was written and one of how writes are to end.
+class FakeChannel final : public ITransportWriteChannel {
+public:
+  asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte> frame) override {
+    written.push_back(std::move(frame));
+    if (onWrite) onWrite();
+    std::expected<void, Error> result;
+    if (!failures.empty()) {
+      result = std::unexpected(failures.front());
+      failures.pop_front();
+    }
+    co_return result;
+  }
+  asio::any_io_executor getExecutor() override { return context.get_executor(); }
+
+  asio::io_context context;
+  std::vector<Bytes> written;
+  std::deque<Error> failures;
+  std::function<void()> onWrite;
+};
+
+struct Framer : testing::Test {
+  FakeChannel channel;
+  std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
+  std::map<std::uint16_t, NotificationHandler> handlers;
+  FrameObserver observer;
+  int clientId = 3;
+  std::unique_ptr<MessageFramer> framer;
+
+  /// A framer with a time-out that never comes unless the test is about it.
+  void make(std::uint32_t attempts = 1, std::chrono::milliseconds timeout = 1h) {
+    framer = std::make_unique<MessageFramer>(
+        timeout, attempts, std::make_shared<VorlinCodec>(), channel,
+        MessageFramer::Callbacks{
+            .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
+            .notificationHandler =
+                [this](std::uint16_t id) {
+                  return handlers.contains(id) ? std::make_shared<const NotificationHandler>(handlers[id]) : nullptr;
+                },
+            .frameObserver = [this] { return observer ? std::make_shared<const FrameObserver>(observer) : nullptr; },
+            .setClientId = [this](std::uint8_t id) { clientId = id; }},
+        logger);
+    framer->start();
+  }
+  void TearDown() override {
+    if (framer) framer->failAll(stoppedError(), true);
+    settle();
+    framer.reset();
+  }
+
+  void settle() {
+    channel.context.restart();
+    channel.context.poll();
+  }
+  std::future<MessageFramer::Outcome> send(std::uint16_t commandId, const Bytes& payload = {}) {
+    auto request = std::make_unique<FutureRequest>(commandId, payload);
+    auto outcome = request->future();
+    framer->submit(std::move(request));
+    settle();
+    return outcome;
+  }
+  void receive(const Bytes& stream) {
+    framer->onBytes(stream);
+    settle();
+  }
+  static bool ready(const std::future<MessageFramer::Outcome>& outcome) {
+    return outcome.wait_for(0s) == std::future_status::ready;
+  }
+  static Error errorOf(std::future<MessageFramer::Outcome>& outcome) {
+    if (!ready(outcome)) return {{}, "still waiting"};
+    const auto result = outcome.get();
+    return result ? Error{{}, "succeeded"} : result.error();
+  }
+  std::vector<std::string> framerRecords() const {
+    auto records = logger->records();
+    for (const auto& record : records)
+      EXPECT_NE(record.find(" src/MessageFramer "), std::string::npos) << record;
+    return records;
+  }
+};
+
+TEST_F(Framer, SendsOneRequestAtATimeAndMatchesByCommandId) {
+  make();
+  auto nine = send(9, bytes({1}));
+  auto eleven = send(11);
+  ASSERT_EQ(channel.written, std::vector<Bytes>(1, request(9, 3, bytes({1})))) << "the second waits for the first";
+  receive(response(7, {}));
+  EXPECT_FALSE(ready(nine));
+  receive(response(9, bytes({42})) + notification(4, {}));
+  const auto result = nine.get();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->payload.size(), 1U);
+  ASSERT_EQ(channel.written.size(), 2U);
+  EXPECT_EQ(channel.written[1], request(11, 3, {}));
+  receive(response(11, {}));
+  EXPECT_TRUE(eleven.get());
+  EXPECT_EQ(framerRecords(),
+            (std::vector<std::string>{
+                "3 src/MessageFramer Received response for commandId=7 but no active pending request found",
+                "3 src/MessageFramer No handler for notification commandId=4"}));
+}
+
+TEST_F(Framer, ReportsMajorAndMinorErrors) {
+  make();
+  auto refused = send(5);
+  receive(response(5, {}, 0x21));
+  EXPECT_EQ(errorOf(refused),
+            (Error{ErrorCode::Protocol, "VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
+                                        "ExclusiveControlRequired (0x00000020)"}));
+  auto warned = send(5);
+  receive(response(5, {}, 0, 1));
+  EXPECT_TRUE(warned.get());
+  EXPECT_EQ(framerRecords().back(),
+            "3 src/MessageFramer VORLIN protocol warning (minorError): UnknownRequestVersion (0x00000001)");
+}
+
+TEST_F(Framer, LearnsTheClientIdFromCommandOne) {
+  make();
+  auto two = send(1);
+  receive(response(1, bytes({0, 7})));
+  EXPECT_EQ(clientId, 3) << "two bytes are no client id";
+  auto one = send(1);
+  receive(response(1, bytes({7})));
+  EXPECT_EQ(clientId, 7);
+  EXPECT_EQ(framerRecords().back(), "2 src/MessageFramer Client ID assigned: 7");
+  auto refused = send(1);
+  receive(response(1, bytes({9}), 2));
+  EXPECT_EQ(clientId, 7);
+}
+
+TEST_F(Framer, RetriesAfterTimeoutsAndCounts) {
+  make(3, 5ms);
+  auto request9 = send(9);
+  auto above = send(300);
+  channel.context.restart();
+  while (!ready(above))
+    channel.context.run_one_for(1s);
+  EXPECT_EQ(errorOf(request9), (Error{ErrorCode::Timeout, "Request timeout for commandId=9 after 3 attempt(s)"}));
+  EXPECT_EQ(channel.written.size(), 6U);
+  EXPECT_EQ(framerRecords(), (std::vector<std::string>{
+                                 "3 src/MessageFramer Request timeout for commandId=9, retrying attempt 2 of 3",
+                                 "3 src/MessageFramer Request timeout for commandId=9, retrying attempt 3 of 3",
+                                 "3 src/MessageFramer Request timeout for commandId=300, retrying attempt 2 of 3",
+                                 "3 src/MessageFramer Request timeout for commandId=300, retrying attempt 3 of 3"}));
+  const auto& counters = framer->counters();
+  EXPECT_EQ(counters.bytesSent, 6 * 18U);
+  EXPECT_EQ(counters.bytesSentOf[9], 3 * 18U);
+  EXPECT_EQ(counters.requestsTimedOut, 2U);
+  EXPECT_EQ(counters.timeoutsOf[9], 1U);
+  EXPECT_EQ(counters.timeoutRetries, 4U);
+  EXPECT_EQ(counters.retriesOf[9], 2U);
+}
+
+TEST_F(Framer, ALateAnswerIsTakenByTheNextRequestOfTheSameCommand) {
+  make(0, 5ms);
+  auto early = send(9);
+  channel.context.restart();
+  while (!ready(early))
+    channel.context.run_one_for(1s);
+  auto next = send(9);
+  receive(response(9, bytes({1})));
+  EXPECT_TRUE(next.get()) << "known and kept: a response carries nothing but its command id";
+}
+
+TEST_F(Framer, ResendsAfterFailedWrites) {
+  make(2);
+  channel.failures = {{ErrorCode::Transport, "Write failed: x"}, {ErrorCode::Transport, "Write failed: y"}};
+  auto failed = send(9);
+  EXPECT_EQ(errorOf(failed), (Error{ErrorCode::Transport, "Write failed: y"}));
+  EXPECT_EQ(framerRecords(),
+            std::vector<std::string>{"3 src/MessageFramer Write failed for commandId=9, retrying attempt 2 of 2"});
+}
+
+TEST_F(Framer, TakesAResponseThatArrivesBeforeTheWriteCompletes) {
+  make();
+  channel.onWrite = [this] { framer->onBytes(response(9, bytes({1})) + response(9, bytes({2}))); };
+  auto quick = send(9);
+  const auto result = quick.get();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->payload[0], std::byte{1}) << "the second response is not stored";
+}
+
+TEST_F(Framer, ANewRequestIsNotEndedByWhatEndedTheLast) {
+  make();
+  auto failing = send(9);
+  channel.onWrite = [this] { framer->failAll({ErrorCode::Transport, "gone"}, false); };
+  framer->failAll({ErrorCode::Transport, "gone"}, false);
+  auto during = send(9);
+  EXPECT_EQ(errorOf(during).message, "gone") << "completed while its write was under way";
+  channel.onWrite = nullptr;
+  auto fine = send(10);
+  EXPECT_FALSE(ready(fine));
+  receive(response(10, {}));
+  EXPECT_TRUE(fine.get());
+}
+
+TEST_F(Framer, NothingThatWasFailedIsEverSent) {
+  make();
+  auto active = send(9);
+  std::vector<std::future<MessageFramer::Outcome>> queued;
+  for (int i = 0; i < 400; ++i)
+    queued.push_back(send(10));
+  framer->failAll({ErrorCode::Transport, "Disconnected: x"}, false);
+  for (auto& outcome : queued)
+    EXPECT_EQ(errorOf(outcome), (Error{ErrorCode::Transport, "Disconnected: x"}));
+  settle();
+  EXPECT_EQ(channel.written.size(), 1U);
+  framer->failAll(stoppedError(), true);
+  auto late = send(11);
+  EXPECT_EQ(errorOf(late), (Error{ErrorCode::Stopped, "MessageFramer stopped"}));
+}
+
+TEST_F(Framer, JunkInTheStreamFailsTheRequestInFlight) {
+  make();
+  auto first = send(9);
+  receive(text("XX") + response(9, {}));
+  EXPECT_EQ(errorOf(first), (Error{ErrorCode::Protocol, "Invalid protocol ID (expected 'VR')"}));
+  auto second = send(9);
+  receive(text("VR") + bytes({1, 9}));
+  EXPECT_EQ(errorOf(second), (Error{ErrorCode::Protocol, "Unknown message type"}));
+  auto third = send(9);
+  Bytes odd = response(9, {});
+  odd[5] = std::byte{17};
+  receive(odd + response(9, bytes({1})));
+  EXPECT_TRUE(third.get()) << "a frame that does not decode is dropped, the next one counts";
+  EXPECT_EQ(framerRecords(), (std::vector<std::string>{"4 src/MessageFramer Invalid protocol ID in RX stream",
+                                                       "4 src/MessageFramer Unknown message type",
+                                                       "4 src/MessageFramer Message decode error: Invalid Response "
+                                                       "header length"}));
+}
+
+TEST_F(Framer, ContainsWhatCallbacksThrow) {
+  make(2);
+  handlers[4] = [](const RawMessage&) { throw std::runtime_error("oops"); };
+  handlers[5] = [](const RawMessage&) { throw 5; };
+  receive(notification(4, {}) + notification(5, {}));
+  observer = [](FrameDirection, std::span<const std::byte>) { throw std::runtime_error("no"); };
+  receive(notification(6, {}));
+  auto refused = send(9);
+  EXPECT_EQ(errorOf(refused), (Error{ErrorCode::Transport, "onFrame callback exception: no"}));
+  observer = [](FrameDirection direction, std::span<const std::byte>) {
+    if (direction == FrameDirection::Tx) throw 7;
+  };
+  auto unknown = send(9);
+  EXPECT_EQ(errorOf(unknown), (Error{ErrorCode::Transport, "onFrame callback exception: unknown"}));
+  EXPECT_TRUE(channel.written.empty());
+  EXPECT_EQ(framerRecords(),
+            (std::vector<std::string>{
+                "4 src/MessageFramer Notification handler exception for commandId=4: oops",
+                "4 src/MessageFramer Notification handler exception for commandId=5: unknown",
+                "4 src/MessageFramer onFrame(Rx) callback exception: no",
+                "3 src/MessageFramer No handler for notification commandId=6",
+                "3 src/MessageFramer onFrame(Tx) callback failed for commandId=9, retrying attempt 2 of 2",
+                "3 src/MessageFramer onFrame(Tx) callback failed for commandId=9, retrying attempt 2 of 2"}));
+}
+
+TEST_F(Framer, SendCanBeAwaitedOnTheExecutor) {
+  make();
+  auto outcome = asio::co_spawn(channel.context, framer->send(9, bytes({1})), asio::use_future);
+  settle();
+  receive(response(9, {}));
+  EXPECT_TRUE(outcome.get());
+}
+
+} // namespace
+} // namespace vorlinkit::test

@@ -1,0 +1,137 @@
+// The end of a session, in every state and on every thread.
+#include "RecordingLogger.hpp"
+#include "ScriptedMachine.hpp"
+#include "VorlinSessionImpl.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace vorlinkit::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+SessionConfig configFor(std::uint16_t port, const char* host = "127.0.0.1") {
+  SessionConfig config;
+  config.host = host;
+  config.port = port;
+  config.reconnect_delay = 1h;
+  return config;
+}
+
+TEST(SessionLife, EndsQuicklyInEveryState) {
+  ScriptedMachine silent({[](Peer& peer) {
+    while (peer.read())
+      continue;
+  }});
+  const std::uint16_t port = silent.port();
+  using Stage = std::function<void(VorlinSession&)>;
+  const std::pair<const char*, Stage> states[] = {
+      {"idle", [](VorlinSession&) {}},
+      {"connecting", [](VorlinSession& session) { session.connect(); }},
+      {"waiting to re-connect", [](VorlinSession& session) { session.connect().get(); }},
+      {"connected", [](VorlinSession& session) { session.connect().get(); }},
+      {"under traffic", [](VorlinSession& session) {
+         session.connect().get();
+         for (int i = 0; i < 1000; ++i)
+           session.send(3);
+       }}};
+  for (const auto& [name, reach] : states) {
+    const bool refused = std::string_view(name) == "waiting to re-connect";
+    for (const bool disconnectFirst : {true, false}) {
+      auto session = std::make_unique<VorlinSession>(configFor(refused ? std::uint16_t{1} : port));
+      reach(*session);
+      auto last = session->send(9);
+      auto started = Clock::now();
+      if (disconnectFirst) session->disconnect();
+      EXPECT_LT(Clock::now() - started, 100ms) << name;
+      started = Clock::now();
+      session.reset();
+      EXPECT_LT(Clock::now() - started, 250ms) << name;
+      ASSERT_EQ(last.wait_for(0s), std::future_status::ready) << name;
+      EXPECT_FALSE(last.get()) << name;
+    }
+  }
+}
+
+TEST(SessionLife, ALookupThatHangsHoldsNobodyUp) {
+  auto session = std::make_unique<VorlinSession>(configFor(1, "no-such-host.invalid"));
+  auto connecting = session->connect();
+  const auto started = Clock::now();
+  session->disconnect();
+  EXPECT_LT(Clock::now() - started, 100ms);
+  EXPECT_FALSE(connecting.get());
+  auto again = session->connect();
+  session.reset();
+  EXPECT_LT(Clock::now() - started, 350ms);
+  EXPECT_FALSE(again.get());
+}
+
+TEST(SessionLife, MayEndInsideItsOwnCallback) {
+  ScriptedMachine machine({[](Peer& peer) {
+    peer.write(notification(4, {}));
+    peer.echo();
+  }});
+  struct Canary {
+    std::promise<void> gone;
+    ~Canary() { gone.set_value(); }
+  };
+  auto canary = std::make_shared<Canary>();
+  auto freed = canary->gone.get_future();
+  auto holder =
+      std::make_shared<std::unique_ptr<VorlinSession>>(std::make_unique<VorlinSession>(configFor(machine.port())));
+  (*holder)->on_notification(4, [holder, canary](const RawMessage&) {
+    (*holder)->disconnect();
+    auto pending = (*holder)->send(5);
+    auto connecting = (*holder)->connect();
+    holder->reset();
+  });
+  canary.reset();
+  auto connected = (*holder)->connect();
+  EXPECT_EQ(freed.wait_for(10s), std::future_status::ready) << "the I/O thread frees what the callback let go of";
+  connected.get();
+}
+
+TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
+  ScriptedMachine machine({[](Peer& peer) {
+    while (peer.read())
+      continue;
+  }});
+  const auto logger = std::make_shared<RecordingLogger>(LogLevel::err);
+  VorlinSessionImpl session(configFor(machine.port()), logger);
+  ASSERT_TRUE(session.connect().get());
+  auto inFlight = session.send(9, {});
+  auto queued = session.send(10, {});
+  asio::post(session.ioContext(), [] { throw std::runtime_error("broken handler"); });
+  EXPECT_FALSE(inFlight.get());
+  EXPECT_FALSE(queued.get());
+  EXPECT_FALSE(session.send(11, {}).get());
+  EXPECT_FALSE(session.connect().get());
+  session.disconnect();
+  EXPECT_EQ(logger->count("4 src/VorlinSessionImpl io_context run exception: broken handler"), 1);
+}
+
+TEST(SessionLife, AForkedChildDropsASessionWithoutWaiting) {
+  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
+  auto session = std::make_unique<VorlinSession>(configFor(machine.port()));
+  ASSERT_TRUE(session->connect().get());
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(5);
+    const bool lost = !session->is_connected() && !session->send(3).get() && !session->connect().get();
+    session->disconnect();
+    session.reset();
+    _exit(lost ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(session->send(3).get()) << "the parent goes on";
+}
+
+} // namespace
+} // namespace vorlinkit::test

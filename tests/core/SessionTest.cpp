@@ -1,0 +1,233 @@
+// The road of one request, over a real socket.
+#include "RecordingLogger.hpp"
+#include "ScriptedMachine.hpp"
+
+#include <vorlinkit/VorlinSession.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+
+namespace vorlinkit::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+SessionConfig configFor(const ScriptedMachine& machine) {
+  SessionConfig config;
+  config.host = "127.0.0.1";
+  config.port = machine.port();
+  config.auto_reconnect = false;
+  return config;
+}
+
+Bytes payloadOf(const std::expected<RawMessage, Error>& result) {
+  if (!result) return text(result.error().message);
+  return {result->payload.begin(), result->payload.end()};
+}
+
+TEST(Session, ConfigurationHasItsDefaults) {
+  const SessionConfig config;
+  EXPECT_EQ(config.host, "localhost");
+  EXPECT_EQ(config.port, 50713);
+  EXPECT_EQ(config.connection_timeout, 3000ms);
+  EXPECT_EQ(config.request_timeout, 15000ms);
+  EXPECT_EQ(config.request_attempts, 1U);
+  EXPECT_EQ(config.reconnect_delay, 1000ms);
+  EXPECT_TRUE(config.auto_reconnect);
+  EXPECT_EQ(config.access_keys, (std::array<std::uint8_t, 4>{0x5A, 0xC3, 0x1E, 0x87}));
+}
+
+TEST(Session, ExchangesRequestsAndNotifications) {
+  ScriptedMachine machine({[](Peer& peer) {
+    while (const auto got = peer.read())
+      peer.write(got->commandId == 1 ? response(1, bytes({5}))
+                                     : notification(4, bytes({1})) + response(got->commandId, got->payload()) +
+                                           notification(4, bytes({2})));
+  }});
+  const auto logger = std::make_shared<RecordingLogger>(LogLevel::info);
+  SessionConfig config = configFor(machine);
+  config.host = "localhost";
+  VorlinSession session(config, logger);
+  EXPECT_EQ(payloadOf(session.send(11).get()), text("Not connected"));
+
+  std::vector<std::pair<FrameDirection, Bytes>> frames;
+  std::promise<void> bothNotified;
+  std::atomic<int> notified = 0;
+  session.on_notification(4, [](const RawMessage&) { FAIL() << "replaced"; });
+  session.on_notification(4, [&](const RawMessage& message) {
+    EXPECT_EQ(message.payload.size(), 1U);
+    if (++notified == 2) bothNotified.set_value();
+  });
+  session.on_frame([&](FrameDirection direction, std::span<const std::byte> frame) {
+    frames.emplace_back(direction, Bytes(frame.begin(), frame.end()));
+  });
+  ASSERT_TRUE(session.connect().get());
+  EXPECT_TRUE(session.is_connected());
+  EXPECT_EQ(payloadOf(session.send(1).get()), bytes({5}));
+  EXPECT_EQ(session.client_id(), 5);
+  EXPECT_EQ(payloadOf(session.send(500, bytes({7, 8})).get()), bytes({7, 8}));
+  bothNotified.get_future().get();
+  session.disconnect();
+  EXPECT_FALSE(session.is_connected());
+  EXPECT_EQ(session.client_id(), 0);
+  EXPECT_EQ(frames[0], std::pair(FrameDirection::Tx, request(1, 0, {})));
+  EXPECT_EQ(frames[2], std::pair(FrameDirection::Tx, request(500, 5, bytes({7, 8}))));
+  EXPECT_EQ(frames.size(), 6U);
+  const auto records = logger->records();
+  ASSERT_EQ(records.size(), 5U);
+  EXPECT_EQ(records[0], "2 src/TcpTransport Connecting to localhost:" + std::to_string(machine.port()));
+  EXPECT_EQ(records[1], "2 src/TcpTransport Connected successfully");
+  EXPECT_EQ(records[2], "2 src/MessageFramer Client ID assigned: 5");
+  EXPECT_THAT(records[3], StartsWith("3 src/TcpTransport Disconnected: "));
+  EXPECT_EQ(records[4], "3 src/VorlinSessionImpl Connection lost, session state reset (clientId=0, pending requests "
+                        "failed)");
+}
+
+TEST(Session, FailsEverythingPendingWhenTheConnectionIsLost) {
+  std::promise<void> go;
+  ScriptedMachine machine({[&](Peer& peer) {
+                             peer.read();
+                             go.get_future().wait();
+                             peer.write(text("VR") +
+                                        bytes({1, 3, 0})); // half a frame, which must not poison the next connection
+                             peer.close();
+                           },
+                           [](Peer& peer) { peer.echo(); }});
+  const auto logger = std::make_shared<RecordingLogger>(LogLevel::info);
+  SessionConfig config = configFor(machine);
+  config.auto_reconnect = true;
+  config.reconnect_delay = 20ms;
+  config.request_attempts = 3;
+  VorlinSession session(config, logger);
+  std::vector<std::string> states;
+  session.on_connection_state_changed(
+      [&](bool connected, const std::string& reason) { states.push_back(connected ? "up" : reason); });
+  ASSERT_TRUE(session.connect().get());
+  std::vector<std::future<std::expected<RawMessage, Error>>> pending;
+  for (int i = 0; i < 1000; ++i)
+    pending.push_back(session.send(9, bytes({1})));
+  go.set_value();
+  for (auto& outcome : pending) {
+    const auto result = outcome.get();
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code, ErrorCode::Transport);
+    EXPECT_THAT(result.error().message, StartsWith("Disconnected: "));
+  }
+  ASSERT_TRUE(logger->await("Connected successfully", 2)) << "re-connects by itself";
+  EXPECT_EQ(payloadOf(session.send(10, bytes({3})).get()), bytes({3}));
+  session.disconnect();
+  EXPECT_EQ(logger->count("Disconnected: "), 2);
+  EXPECT_EQ(logger->count("Connection lost"), 2);
+  EXPECT_EQ(logger->count("Scheduling reconnect in 20ms"), 1);
+  EXPECT_EQ(logger->count("for commandId=10"), 0) << "no ghost of the first connection answers on the second";
+  ASSERT_EQ(states.size(), 4U);
+  EXPECT_EQ(states[2], "up");
+}
+
+TEST(Session, CallbacksMayThrowRegisterAndSend) {
+  ScriptedMachine machine({[](Peer& peer) {
+    peer.write(notification(4, {}));
+    peer.echo();
+  }});
+  const auto logger = std::make_shared<RecordingLogger>(LogLevel::warn);
+  VorlinSession session(configFor(machine), logger);
+  std::promise<std::future<std::expected<RawMessage, Error>>> fromCallback;
+  session.on_connection_state_changed([&](bool, const std::string&) {
+    EXPECT_TRUE(session.is_io_thread());
+    session.on_connection_state_changed([](bool, const std::string&) { throw 1; });
+    session.on_notification(4, [&](const RawMessage&) { fromCallback.set_value(session.send(12, bytes({6}))); });
+    throw std::runtime_error("observer failed");
+  });
+  ASSERT_TRUE(session.connect().get());
+  EXPECT_FALSE(session.is_io_thread());
+  EXPECT_EQ(payloadOf(fromCallback.get_future().get().get()), bytes({6}));
+  session.disconnect();
+  EXPECT_EQ(logger->count("4 src/VorlinSessionImpl on_connection_state_changed callback exception: observer failed"),
+            1);
+  EXPECT_EQ(logger->count("4 src/VorlinSessionImpl on_connection_state_changed callback exception: unknown"), 1);
+}
+
+TEST(Session, ALoggerThatThrowsStopsNothing) {
+  struct Throwing final : IVorlinLogger {
+    void log(LogLevel, const std::source_location&, std::thread::id, std::chrono::system_clock::time_point,
+             std::string_view format, format_args) override {
+      if (format == "logger callback exception: {}") ++told;
+      throw std::runtime_error("disk full");
+    }
+    std::atomic<int> told = 0;
+  };
+  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
+  const auto logger = std::make_shared<Throwing>();
+  VorlinSession session(configFor(machine), logger);
+  ASSERT_TRUE(session.connect().get());
+  EXPECT_EQ(payloadOf(session.send(3, bytes({1})).get()), bytes({1}));
+  EXPECT_EQ(logger->told, 2);
+  logger->set_log_level(LogLevel::off);
+  session.disconnect();
+  EXPECT_EQ(logger->told, 2);
+}
+
+TEST(Session, DeliversLargeAndManyNotificationsInOrder) {
+  constexpr std::uint32_t many = 100'000;
+  const Bytes large(std::size_t{64} << 20, std::byte{0x5A});
+  ScriptedMachine machine({[&](Peer& peer) {
+    Bytes batch;
+    for (std::uint32_t i = 0; i < many; ++i)
+      batch = std::move(batch) + notification(7, bigEndian(i, 4));
+    peer.write(batch);
+    peer.write(notification(8, large));
+    peer.read();
+  }});
+  VorlinSession session(configFor(machine));
+  std::uint32_t expected = 0;
+  std::promise<bool> arrived;
+  session.on_notification(7, [&](const RawMessage& message) {
+    if (bigEndian(expected, 4) == Bytes(message.payload.begin(), message.payload.end())) ++expected;
+  });
+  session.on_notification(8, [&](const RawMessage& message) {
+    arrived.set_value(std::equal(message.payload.begin(), message.payload.end(), large.begin(), large.end()));
+  });
+  ASSERT_TRUE(session.connect().get());
+  EXPECT_TRUE(arrived.get_future().get());
+  EXPECT_EQ(expected, many);
+}
+
+TEST(Session, SixtyFourThreadsSendWhileConnectionsKeepBreaking) {
+  ScriptedMachine machine({[](Peer& peer) {
+    for (int answered = 0; answered < 40; ++answered) {
+      const auto got = peer.read();
+      if (!got) return;
+      peer.write(response(got->commandId, got->payload()));
+    }
+    peer.reset();
+  }});
+  SessionConfig config = configFor(machine);
+  config.auto_reconnect = true;
+  config.reconnect_delay = 1ms;
+  VorlinSession session(config);
+  ASSERT_TRUE(session.connect().get());
+  std::atomic<int> answered = 0;
+  std::atomic<int> wrong = 0;
+  std::vector<std::thread> senders;
+  for (int sender = 0; sender < 64; ++sender)
+    senders.emplace_back([&, sender] {
+      for (int i = 0; answered < 1000; ++i) {
+        const Bytes payload = bytes({sender, i & 0xFF});
+        const auto result = session.send(static_cast<std::uint16_t>(100 + sender), payload).get();
+        if (result) ++answered;
+        if (result ? payloadOf(result) != payload : result.error().code != ErrorCode::Transport) ++wrong;
+      }
+    });
+  for (auto& sender : senders)
+    sender.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_GE(machine.accepted(), 1000 / 40);
+}
+
+} // namespace
+} // namespace vorlinkit::test

@@ -1,0 +1,220 @@
+// Connecting, and everything that can come of it.
+#include "NameLookup.hpp"
+#include "Platform.hpp"
+#include "RecordingLogger.hpp"
+#include "ScriptedMachine.hpp"
+
+#include <vorlinkit/VorlinSession.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+
+namespace vorlinkit::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+using Clock = std::chrono::steady_clock;
+
+/// A port of loopback that takes no connection: its backlog is full, so attempts hang.
+class DeafPort {
+public:
+  DeafPort() : acceptor_(context_) {
+    acceptor_.open(asio::ip::tcp::v4());
+    acceptor_.bind({asio::ip::address_v4::loopback(), 0});
+    acceptor_.listen(0);
+    for (auto& filler : fillers_) {
+      filler = std::make_unique<asio::ip::tcp::socket>(context_);
+      filler->async_connect(acceptor_.local_endpoint(), [](std::error_code) {}); // begun, never looked at
+    }
+  }
+  std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
+
+private:
+  asio::io_context context_;
+  asio::ip::tcp::acceptor acceptor_;
+  std::array<std::unique_ptr<asio::ip::tcp::socket>, 4> fillers_;
+};
+
+std::uint16_t closedPort() {
+  asio::io_context context;
+  return asio::ip::tcp::acceptor(context, {asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
+}
+
+SessionConfig configFor(std::uint16_t port) {
+  SessionConfig config;
+  config.host = "127.0.0.1";
+  config.port = port;
+  config.auto_reconnect = false;
+  return config;
+}
+
+struct States {
+  explicit States(VorlinSession& session) {
+    session.on_connection_state_changed([this](bool connected, const std::string& reason) {
+      const std::lock_guard guard(lock);
+      seen.push_back(connected ? "up" : reason);
+    });
+  }
+  std::vector<std::string> get() {
+    const std::lock_guard guard(lock);
+    return seen;
+  }
+  std::mutex lock;
+  std::vector<std::string> seen;
+};
+
+TEST(Transport, ReportsARefusedConnection) {
+  SessionConfig config = configFor(closedPort());
+  config.auto_reconnect = true;
+  const auto logger = std::make_shared<RecordingLogger>();
+  VorlinSession session(config, logger);
+  States states(session);
+  const auto result = session.connect().get();
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error(), (Error{ErrorCode::Transport, "Failed to connect: Connection refused"}));
+  session.disconnect();
+  EXPECT_THAT(states.get(), ElementsAre("Connection failed: Connection refused"));
+  EXPECT_THAT(logger->records(), ElementsAre(StartsWith("2 src/TcpTransport Connecting to 127.0.0.1:"),
+                                             "4 src/TcpTransport Connection failed: Connection refused",
+                                             "3 src/TcpTransport Scheduling reconnect in 1000ms"));
+}
+
+TEST(Transport, GivesUpAtTheDeadline) {
+  DeafPort deaf;
+  SessionConfig config = configFor(deaf.port());
+  config.connection_timeout = 50ms;
+  VorlinSession session(config);
+  States states(session);
+  const auto started = Clock::now();
+  const auto result = session.connect().get();
+  EXPECT_GE(Clock::now() - started, 50ms);
+  EXPECT_LT(Clock::now() - started, 1s);
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error(), (Error{ErrorCode::Timeout, "Failed to connect: Connection timeout"}));
+  EXPECT_THAT(states.get(), ElementsAre("Connection failed: Connection timeout"));
+}
+
+TEST(Transport, AcceptsTheStrangestDurations) {
+  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
+  for (const auto timeout :
+       {std::chrono::milliseconds::max(), std::chrono::milliseconds(std::numeric_limits<std::int32_t>::max())}) {
+    SessionConfig config = configFor(machine.port());
+    config.connection_timeout = timeout;
+    config.request_timeout = timeout;
+    VorlinSession session(config);
+    ASSERT_TRUE(session.connect().get());
+    EXPECT_TRUE(session.send(2).get());
+  }
+  SessionConfig config = configFor(DeafPort().port());
+  config.connection_timeout = std::chrono::milliseconds::min();
+  EXPECT_FALSE(VorlinSession(config).connect().get());
+}
+
+TEST(Transport, ANewerConnectTakesOver) {
+  DeafPort deaf;
+  SessionConfig config = configFor(deaf.port());
+  config.connection_timeout = 60s;
+  VorlinSession session(config);
+  auto first = session.connect();
+  auto second = session.connect();
+  const auto aborted = first.get();
+  ASSERT_FALSE(aborted);
+  EXPECT_EQ(aborted.error().code, ErrorCode::Transport);
+  EXPECT_EQ(second.wait_for(0s), std::future_status::timeout);
+  session.disconnect();
+  EXPECT_FALSE(second.get());
+}
+
+TEST(Transport, ConnectingAnewWhileConnectedReportsTheLossOnce) {
+  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
+  SessionConfig config = configFor(machine.port());
+  config.auto_reconnect = true;
+  config.reconnect_delay = 5ms;
+  const auto logger = std::make_shared<RecordingLogger>();
+  VorlinSession session(config, logger);
+  States states(session);
+  ASSERT_TRUE(session.connect().get());
+  ASSERT_TRUE(session.connect().get());
+  EXPECT_TRUE(session.send(3).get());
+  EXPECT_THAT(states.get(), ElementsAre("up", StartsWith("Disconnected: "), "up"));
+  EXPECT_EQ(logger->count("Scheduling reconnect in 5ms"), 1);
+  ASSERT_TRUE(session.connect().get()); // gives the re-connect that must not happen twice the time it would take
+  EXPECT_EQ(machine.accepted(), 3);
+}
+
+TEST(Transport, DisconnectEndsReconnecting) {
+  SessionConfig config = configFor(closedPort());
+  config.auto_reconnect = true;
+  config.reconnect_delay = 1ms;
+  const auto logger = std::make_shared<RecordingLogger>();
+  VorlinSession session(config, logger);
+  session.connect().get();
+  ASSERT_TRUE(logger->await("Connection failed", 3));
+  session.disconnect();
+  const auto attempts = logger->count("Connecting to");
+  EXPECT_FALSE(session.connect().get());
+  EXPECT_GE(logger->count("Connecting to"), attempts + 1);
+}
+
+TEST(Transport, EndsAWriteToAPeerThatStoppedReading) {
+  std::promise<void> done;
+  ScriptedMachine machine({[&](Peer&) { done.get_future().wait(); }});
+  SessionConfig config = configFor(machine.port());
+  config.request_timeout = 300ms;
+  VorlinSession session(config);
+  ASSERT_TRUE(session.connect().get());
+  auto stuck = session.send(9, Bytes(std::size_t{64} << 20));
+  const bool ended = stuck.wait_for(20s) == std::future_status::ready;
+  done.set_value();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(stuck.get().error().code, ErrorCode::Transport);
+}
+
+TEST(Platform, TellsASocketThatAnswersItself) {
+  asio::io_context context;
+  asio::ip::tcp::socket itself(context, {asio::ip::address_v4::loopback(), 0});
+  itself.connect(itself.local_endpoint());
+  EXPECT_TRUE(platform::connectedToItself(itself));
+  asio::ip::tcp::acceptor acceptor(context, {asio::ip::address_v4::loopback(), 0});
+  asio::ip::tcp::socket other(context);
+  other.connect(acceptor.local_endpoint());
+  EXPECT_FALSE(platform::connectedToItself(other));
+}
+
+TEST(NameLookup, AnswersAtOnceWhenAbandoned) {
+  asio::io_context context;
+  NameLookup lookup(context.get_executor());
+  auto found = asio::co_spawn(context, lookup.find("no-such-host.invalid", 1), asio::use_future);
+  context.poll();
+  lookup.abandon();
+  context.restart();
+  context.poll();
+  ASSERT_EQ(found.wait_for(10s), std::future_status::ready);
+  EXPECT_TRUE(found.get().failure);
+}
+
+TEST(NameLookup, FindsNamesAndNeedsNoThreadForNumbers) {
+  const struct {
+    const char* host;
+    const char* expected;
+  } cases[] = {{"localhost", "127.0.0.1"}, {"127.0.0.9", "127.0.0.9"}, {"::1", "::1"}};
+  for (const auto& [host, expected] : cases) {
+    asio::io_context context;
+    NameLookup lookup(context.get_executor());
+    auto found = asio::co_spawn(context, lookup.find(host, 80), asio::use_future);
+    context.run();
+    std::vector<std::string> addresses;
+    for (const auto& endpoint : found.get().endpoints)
+      addresses.push_back(endpoint.address().to_string());
+    EXPECT_THAT(addresses, testing::Contains(expected));
+  }
+}
+
+} // namespace
+} // namespace vorlinkit::test
