@@ -18,6 +18,7 @@ from . import frames
 from .clock import Clock
 from .coder import PayloadError, decode, encode
 from .frames import MajorError, MinorError, RequestFrame
+from .course import course
 from .memory import Memory
 from .misbehaviour import Answer
 from .plausible import Plausible
@@ -63,6 +64,7 @@ class Reply:
     command: Command | None = None
     request: Record = field(default_factory=dict)
     response: Record = field(default_factory=dict)
+    known: Known = field(default_factory=dict)
 
 
 class Machine:
@@ -115,10 +117,10 @@ class Machine:
         """
         self._own_notifications.update(names)
 
-    def changed(self, name: str, address: Known | None = None, **extra: Value) -> None:
+    def changed(self, name: str, address: Known | None = None, extra: Known | None = None) -> None:
         """Tell everyone who subscribed to this object; ``extra`` are values for the notification alone."""
         for client, subscription in matching(self.clients, name, address or {}):
-            self._report(client, subscription, extra)
+            self._report(client, subscription, extra or {})
 
     def tell(self, client: Client, name: str, values: Known) -> None:
         """Send one notification of this command to one client; nothing if the catalogue has no such
@@ -182,14 +184,18 @@ class Machine:
             return Reply(Answer(frame.command_id, major_error=major, minor_error=minor), command)
         if command.response is None:
             return Reply(Answer(command.id, minor_error=minor), command, request)
-        response = self._respond(client, command, request)
+        known = self._known(client, command, request)
+        if number(known, COMMAND_ERROR) == 0 and command.name not in self._handlers:
+            self._remember(command, request)
+            known = self._known(client, command, request)
+        response = self._completed(command, known, request)
         answer = Answer(
             command_id=command.id,
             payload=encode(command.response.fields, response),
             minor_error=minor,
             has_command_error=next(iter(response), "") == COMMAND_ERROR,
         )
-        return Reply(answer, command, request, response)
+        return Reply(answer, command, request, response, known)
 
     def follow_up(self, client: Client, reply: Reply) -> None:
         """What comes behind an answer: the subscription it made, and the notification that goes with it."""
@@ -204,7 +210,8 @@ class Machine:
         if level is not None:
             subscribe(client, command, reply.request)
         if self.options.notify_at_once and command.name not in self._own_notifications:
-            client.deliver(self.notification(command, reply.request, reply.response))
+            for stage in course(command):
+                client.deliver(self.notification(command, stage, reply.known, reply.request, reply.response))
 
     def notification(self, command: Command, *known: Known) -> bytes:
         """A whole notification frame of a command, completed from what is known."""
@@ -236,17 +243,14 @@ class Machine:
                 flags |= MajorError.ControlBlocked if self.holder is not None else MajorError(0)
         return flags
 
-    def _respond(self, client: Client, command: Command, request: Record) -> Record:
-        known = self._known(client, command, request)
-        if number(known, COMMAND_ERROR) == 0 and command.name not in self._handlers:
-            for name, address in self._memory.remember(command, request):
-                self.changed(name, address)
-        return self._completed(command, known, request)
+    def _remember(self, command: Command, request: Record) -> None:
+        for name, address in self._memory.remember(command, request):
+            self.changed(name, address)
 
-    def _completed(self, command: Command, *known: Known) -> Record:
+    def _completed(self, command: Command, known: Known, request: Record) -> Record:
         fields = command.response.fields if command.response is not None else ()
-        response = self.plausible.complete(fields, *known, _first_codes(command))
-        self._memory.overlay(command, response)
+        response = self.plausible.complete(fields, known, request, _first_codes(command))
+        self._memory.overlay(command, response, request)
         return response
 
     def _known(self, client: Client, command: Command, request: Record) -> Known:

@@ -23,6 +23,13 @@ _SETTER: Final = re.compile(
 _GETTER: Final = re.compile(r"^(Get|Is|Read)(?=[A-Z])")
 _GETTER_ENDING: Final = re.compile(r"(WithNotifications?)$")
 
+_NAMING: Final = re.compile(r"(ID|Name|Division|Number|Index|UUID)$")
+
+LISTS_THAT_CHANGE: Final[Mapping[str, Sequence[str]]] = {
+    "SetFaultStatus": ("GetFaultsGeneral",),
+}
+"""Setters that change an entry of a list that clients subscribe to."""
+
 PAIRS: Final[Mapping[str, Sequence[str]]] = {
     "IgnoreElectricalInputSignal": ("GetIgnoreElectricalInputValue",),
     "SetInputSignal": ("ReadSignal",),
@@ -78,9 +85,10 @@ class Memory:
             held = self._held.setdefault((link.getter, tuple(address.items())), {})
             for key, targets in link.values.items():
                 held.update(dict.fromkeys(targets, request[key]))
-            if address:
-                self._families.setdefault((command.family, tuple(address.items())), {}).update(held)
             changed.append((link.getter, address))
+        self._remember_for_lists(command, request)
+        for name in LISTS_THAT_CHANGE.get(command.name, ()):
+            changed.append((name, {}))
         return changed
 
     def recall(self, command: Command, request: Known) -> Record:
@@ -91,18 +99,29 @@ class Memory:
             found.update(self._held.get((command.name, address), {}))
         return found
 
-    def overlay(self, command: Command, record: Record) -> None:
-        """Show what was set in the lists of an answer, too: in the entries that name the object by the same
-        keys.
+    def _remember_for_lists(self, command: Command, request: Record) -> None:
+        if command.request is None or not _SETTER.match(command.name):
+            return
+        keys = [field.key for field in _scalars(command.request.fields) if field.key not in SUBSCRIBING_KEYS]
+        address = tuple((key, request[key]) for key in keys if _NAMING.search(key))
+        if address:
+            shown = {name: request[key] for key in keys if not _NAMING.search(key) for name in _shown_as(key)}
+            self._families.setdefault((command.family, address), {}).update(shown)
+
+    def overlay(self, command: Command, record: Record, scope: Known) -> None:
+        """Show what was set in the lists of an answer, too: in the entries of the object that was addressed.
+
+        ``scope`` is what is known around the entries: the request, and the entries that they stand in.
         """
         for value in record.values():
             if not isinstance(value, list):
                 continue
             for item in value:
+                within = {**scope, **item}
                 for (family, address), held in self._families.items():
-                    if family == command.family and all(item.get(key) == wanted for key, wanted in address):
+                    if family == command.family and all(within.get(key) == wanted for key, wanted in address):
                         item.update({key: new for key, new in held.items() if key in item})
-                self.overlay(command, item)
+                self.overlay(command, item, within)
 
 
 def _getters_by_topic(catalogue: Catalogue) -> Mapping[str, Sequence[Command]]:
@@ -125,7 +144,8 @@ def _getters_of(command: Command, getters: Mapping[str, Sequence[Command]]) -> l
     match = _SETTER.match(command.name)
     if match is None:
         return []
-    found = list(getters.get(command.name[match.end() :], ()))
+    topics = (command.name[match.end() :], command.name)
+    found = [getter for topic in topics for getter in getters.get(topic, ()) if getter is not command]
     return [*found, command] if command.notification is not None else found
 
 
@@ -149,15 +169,18 @@ def _values_of_itself(setter: Command, getter: Command) -> set[str]:
     if setter is not getter or setter.request is None:
         return set()
     keys = [field.key for field in _scalars(setter.request.fields)]
-    return {key for key in keys if not re.search(r"(ID|Name|Division|Number)$", key)}
+    return {key for key in keys if not _NAMING.search(key)}
 
 
 def _targets(key: str, answered: Mapping[str, str]) -> tuple[str, ...]:
-    """The answer's fields that a setter's field shows in: itself, and the value now in force."""
+    """The answer's fields that a setter's field shows in."""
+    return tuple(name for name in _shown_as(key) if name in answered)
+
+
+def _shown_as(key: str) -> tuple[str, ...]:
+    """Under which keys an answer may show what a setter set: its own, and that of the value now in force."""
     base = re.sub(r"^(New|Set|Requested|Desired|Target)(?=[A-Z])", "", key)
-    return tuple(
-        name for name in (key, base, f"Current{base}", f"Actual{base}", f"Set{base}") if name in answered
-    )
+    return tuple(dict.fromkeys((key, base, f"Current{base}", f"Actual{base}", f"Set{base}")))
 
 
 def _scalars(fields: Sequence[Field]) -> list[ScalarField]:

@@ -14,8 +14,10 @@ from .control import ControlRoom
 from .defects import DefectsRoom
 from .devices import DevicesRoom
 from .identity import IdentityRoom
+from .modes import ModesRoom
 from .sensitivities import SensitivitiesRoom
 from .server import ServerRoom
+from .statistics import StatisticsRoom
 
 if TYPE_CHECKING:
     from ..machine import Machine, Room
@@ -31,4 +33,6 @@ def furnish(machine: Machine) -> Sequence[Room]:
         ClassesRoom(machine),
         DefectsRoom(machine),
         SensitivitiesRoom(machine),
+        ModesRoom(machine),
+        StatisticsRoom(machine),
     )

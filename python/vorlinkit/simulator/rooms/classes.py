@@ -83,7 +83,9 @@ class ClassesRoom:
             return {"CommandError": error}
         found.state, found.destination = state, destination
         self._report(found)
-        self._machine.changed("GetClassesList", listOfClasses=[_entry(found)], ListAction=CHANGED)
+        self._machine.changed(
+            "GetClassesList", extra={"listOfClasses": [_entry(found)], "ListAction": CHANGED}
+        )
         return {"CommandError": 0}
 
     def _set_level(self, client: Client, request: Record) -> Known:

@@ -33,7 +33,10 @@ class SensitivitiesRoom:
 
     def _get_list(self, client: Client, request: Record) -> Known:
         items: list[Record] = [
-            {**dict(zip(KEY_FIELDS, key)), "SensitivityName": f"Sensitivity {key[0]} of camera {key[2]}"}
+            {
+                **dict(zip(KEY_FIELDS, key, strict=True)),
+                "SensitivityName": f"Sensitivity {key[0]} of camera {key[2]}",
+            }
             for key in self._values
         ]
         return {"CommandError": 0, "listOfSensitivities": items}
@@ -52,7 +55,7 @@ class SensitivitiesRoom:
         if value > HIGHEST_VALUE:
             return {"CommandError": 3}
         self._values[key] = value
-        self._machine.changed("GetSensitivityValue", dict(zip(KEY_FIELDS, key)))
+        self._machine.changed("GetSensitivityValue", dict(zip(KEY_FIELDS, key, strict=True)))
         return {"CommandError": 0}
 
 

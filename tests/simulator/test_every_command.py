@@ -1,0 +1,206 @@
+"""Every command of the catalogue is answered, and every notification comes, each with a payload of its layout."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+
+import pytest
+from conftest import ROOT, Bench
+
+from vorlinkit import catalogue as catalogues
+from vorlinkit.catalogue import Command
+from vorlinkit.simulator import coder, frames
+from vorlinkit.simulator.clock import Clock
+from vorlinkit.simulator.machine import Machine, MachineOptions
+from vorlinkit.simulator.misbehaviour import Answer
+from vorlinkit.simulator.plausible import Plausible
+from vorlinkit.simulator.records import Record, Variant
+from vorlinkit.simulator.subscriptions import Client
+
+ON_EVENT_ONLY = {
+    "GetExclusiveControl",
+    "ForcedGetExclusiveControl",
+    "RegisterForExclusiveControlNotifications",
+    "GetExclusiveControlWithUser",
+    "ForcedGetExclusiveControlWithUser",
+    "GetServerStatus",
+    "RequestModeRecallNotifications",
+}
+NAMES = {"ModeName": "User1", "ExistingModeName": "User1", "ClassName": "Good", "Defect": "Stone"}
+DEVICE = {"AutomatedDeviceID": "AD1", "LogName": "System", "Name": "Description"}
+NUMBERS = {
+    "FlushBehaviour": 1,
+    "State": 1,
+    "Destination": 1,
+    "VoltageMeasurePoint": 1,
+    "ListIndex": 0,
+    "NewValue": 10,
+    "MotorPosition": 500,
+    "DeviceType": 1,
+    "RemovalLevel": 5,
+    "CameraPosition": 1,
+    "Side": 1,
+}
+REFUSED = {"ReleaseExclusiveControl": 2, "StopRemoteAccess": 1}
+"""What a client that has just connected may not do."""
+
+
+class Talk:
+    """A machine with one client, without a socket between them."""
+
+    def __init__(self, catalogue: catalogues.Catalogue, *prefer: str) -> None:
+        self.machine = Machine(catalogue, MachineOptions(prefer=prefer), Clock(1000))
+        self.delivered: list[bytes] = []
+        self.client = Client(1, self.delivered.append)
+        self.machine.enter(self.client)
+        self._requests = Plausible(lambda: 1000)
+
+    def ask(self, command: Command, **values: int | str) -> tuple[Answer, Record]:
+        request = (
+            self._requests.complete(command.request.fields, values) if command.request is not None else {}
+        )
+        payload = coder.encode(command.request.fields, request) if command.request is not None else b""
+        frame = frames.request(command.id, payload, self.client.id)
+        size = frames.REQUEST_HEADER.size
+        reply = self.machine.answer(self.client, frames.parse(frame[:size], frame[size:]))
+        self.machine.follow_up(self.client, reply)
+        assert reply.answer.major_error == 0
+        response: Record = {}
+        if command.response is not None:
+            response, left_over = coder.decode(command.response.fields, reply.answer.payload)
+            assert left_over == 0
+        return reply.answer, response
+
+    def notifications(self, command: Command) -> Iterator[Record]:
+        assert command.notification is not None
+        for frame in self.delivered:
+            payload = frame[frames.NOTIFICATION_HEADER.size :]
+            if int.from_bytes(frame[6:8], "big") == command.id:
+                record, left_over = coder.decode(command.notification.fields, payload)
+                assert left_over == 0
+                yield record
+
+
+def test_every_command_is_answered_and_every_subscription_confirmed(catalogue: catalogues.Catalogue) -> None:
+    for command in catalogue.commands:
+        values = {
+            **NAMES,
+            **DEVICE,
+            **NUMBERS,
+            **({"Division": 0} if command.family == "sensitivities" else {}),
+        }
+        talk = Talk(catalogue, command.name)
+        first, response = talk.ask(command, **values)
+        assert response.get("CommandError", 0) == REFUSED.get(command.name, 0), command.name
+        again, _ = Talk(catalogue, command.name).ask(command, **values)
+        assert first.payload == again.payload, f"{command.name} is answered differently each time"
+        if command.notification is not None and command.name not in ON_EVENT_ONLY:
+            told = list(talk.notifications(command))
+            assert told, f"{command.name}: {response}"
+
+
+def test_the_rest_is_told_when_it_happens(catalogue: catalogues.Catalogue) -> None:
+    for name in ON_EVENT_ONLY:
+        command = catalogue.named(name)
+        talk = Talk(catalogue)
+        talk.ask(command, NotificationLevel=1, UserName="Ann")
+        assert not talk.delivered
+        other = Talk(catalogue)
+        other.machine = talk.machine
+        talk.machine.enter(other.client)
+        other.ask(catalogue.named("ForcedGetExclusiveControl"))
+        other.ask(catalogue.named("RecallMode"), ModeName="Fine")
+        talk.machine.stop()
+        assert list(talk.notifications(command)), name
+
+
+def test_a_task_reports_from_beginning_to_end(catalogue: catalogues.Catalogue) -> None:
+    talk = Talk(catalogue)
+    calibrate = catalogue.named("Calibrate")
+    talk.ask(calibrate, NotificationLevel=1)
+    assert [one["Overview"] for one in talk.notifications(calibrate)] == [1, 2, 4]
+
+
+@pytest.mark.parametrize(
+    ("name", "supported"), [("GetStatistics", "GetSupportedStatistics"), ("GetArchiveStatistics", None)]
+)
+def test_every_kind_of_statistics(catalogue: catalogues.Catalogue, name: str, supported: str | None) -> None:
+    talk = Talk(catalogue)
+    key = "ArchiveStatisticsID" if "Archive" in name else "StatisticsID"
+    _, listed = talk.ask(catalogue.named(supported or "GetSupportedArchiveStatistics"))
+    ids = [row[key] for row in listed["listOfIDs"]]  # type: ignore[union-attr,index,call-overload]
+    seen = set()
+    for number in ids:
+        _, response = talk.ask(catalogue.named(name), **{key: number, "NotificationLevel": 0})
+        points = response.get("listOfDataPoints", [response])
+        (variant,) = {one.name for one in points[0].values() if isinstance(one, Variant)}  # type: ignore[union-attr,index]
+        seen.add(variant)
+    assert len(seen) == len(ids) > 5
+
+
+def test_modes(bench: Bench) -> None:
+    simulator = bench.simulator("--notify-on-change-only")
+    peer, watcher = bench.peer(simulator), bench.peer(simulator)
+    watcher.ask("GetCurrentModeWithNotification", NotificationLevel=1)
+    watcher.ask("GetModeListWithNotification", ModeType=0, NotificationLevel=1)
+    watcher.ask("RequestModeRecallNotifications", NotificationLevel=1)
+
+    peer.ask("CreateNewUserModeFromExisting", ExistingModeName="Fine", NewModeName="Night")
+    added = watcher.notification("GetModeListWithNotification")
+    assert (added["ModeName"], added["ListAction"]) == ("Night", 1)
+    assert peer.ask("RecallMode", ModeName="Night", NotificationLevel=0)["CommandError"] == 0
+    assert watcher.notification("RequestModeRecallNotifications")["ClientID"] == peer.client_id
+    assert watcher.notification("GetCurrentModeWithNotification")["ModeName"] == "Night"
+    assert peer.ask("GetCurrentMode")["ModeName"] == "Night"
+
+    assert peer.ask("DeleteUserMode", ModeName="Night")["CommandError"] == 1
+    peer.ask("ProtectMode", ModeName="User1")
+    assert peer.ask("DeleteUserMode", ModeName="User1")["CommandError"] == 1
+    peer.ask("UnprotectMode", ModeName="User1")
+    assert peer.ask("DeleteUserMode", ModeName="User1")["CommandError"] == 0
+    stored: Record = {"ModeName": "Up", "FormatVersion": 1, "ModeData": b"\x00\xff"}
+    assert peer.ask("UploadUserModeData", **stored, Overwrite=0)["CommandError"] == 0
+    assert peer.ask("UploadUserModeData", **stored, Overwrite=0)["CommandError"] == 1
+    assert peer.ask("GetModeData", ModeName="Up")["ModeData"] == b"\x00\xff"
+    assert peer.ask("GetModeList", ModeType=2)["NumberOfModes"] == 2
+
+
+def test_what_is_set_shows_in_lists(catalogue: catalogues.Catalogue) -> None:
+    talk = Talk(catalogue)
+    faults = catalogue.named("GetFaultsGeneral")
+    _, before = talk.ask(faults, NotificationLevel=0)
+    second = before["listOfFaults"][1]  # type: ignore[index]
+    talk.ask(catalogue.named("SetFaultStatus"), FaultID=second["FaultID"], FaultStatus=7)  # type: ignore[index,call-overload,arg-type]
+    _, after = talk.ask(faults, NotificationLevel=0)
+    assert [one["FaultStatus"] for one in after["listOfFaults"]] == [1, 7]  # type: ignore[union-attr,index,call-overload]
+
+
+def test_both_layouts_of_a_shared_id(catalogue: catalogues.Catalogue) -> None:
+    for name in ("GetModeListWithNotification", "GetModeListWithNotificationGallix"):
+        _, response = Talk(catalogue, name).ask(catalogue.named(name))
+        assert response["NumberOfModes"] == len(response["listOfModes"]) > 0  # type: ignore[arg-type]
+
+
+def test_without_a_catalogue_it_says_how_to_get_one(tmp_path: object) -> None:
+    with pytest.raises(catalogues.CatalogueError, match="cmake --preset release"):
+        catalogues.load(f"{tmp_path}/none.json")
+
+
+def test_layout_status_knows_every_message(catalogue: catalogues.Catalogue) -> None:
+    status = catalogues.layout_status(catalogue)
+    assert len(status) == sum(catalogue.standings().values())
+    assert status["GetMachineInfoResponse"].standing == "confirmed"
+    assert status["GetFeedRateNotification"].standing == "assumed"
+
+
+def test_the_package_stands_on_the_standard_library_alone() -> None:
+    import ast
+    import sys
+
+    for path in (ROOT / "python" / "vorlinkit").rglob("*.py"):
+        for node in ast.walk(ast.parse(path.read_text(encoding="utf-8"))):
+            names = [one.name for one in node.names] if isinstance(node, ast.Import) else []
+            if isinstance(node, ast.ImportFrom) and node.level == 0 and node.module is not None:
+                names.append(node.module)
+            for name in names:
+                assert name.partition(".")[0] in {*sys.stdlib_module_names, "vorlinkit"}, f"{path}: {name}"
