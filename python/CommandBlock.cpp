@@ -1,0 +1,149 @@
+#include "CommandBlock.hpp"
+
+#include "RecordErrors.hpp"
+#include "RecordObject.hpp"
+
+#include <cstring>
+
+namespace py = pybind11;
+
+namespace vorlinkit::python {
+
+namespace {
+
+/// The one argument of a function, by position or by name; null if it was called otherwise.
+PyObject* onlyArgument(const char* name, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  const Py_ssize_t named = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
+  if (count + named != 1) {
+    return nullptr;
+  }
+  if (named == 1 && PyUnicode_CompareWithASCIIString(PyTuple_GET_ITEM(names, 0), name) != 0) {
+    return nullptr;
+  }
+  return arguments[0];
+}
+
+/// The name of the argument, read from the documentation: "function(name: type) -> result".
+std::string argumentName(const char* doc) {
+  const char* opening = std::strchr(doc, '(') + 1;
+  return {opening, std::strchr(opening, ':')};
+}
+
+PyObject* onlyArgument(const char* doc_of_function, const Arguments arguments, Py_ssize_t count, PyObject* names,
+                       PyTypeObject* type) {
+  PyObject* argument = names == nullptr && count == 1
+                           ? arguments[0]
+                           : onlyArgument(argumentName(doc_of_function).c_str(), arguments, count, names);
+  return argument != nullptr && (type == nullptr || PyObject_TypeCheck(argument, type)) ? argument : nullptr;
+}
+
+PyObject* refuse(const char* doc, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  setArgumentError(doc, arguments, count, names);
+  return nullptr;
+}
+
+PyObject* fail(const char* prefix, const Error& error) {
+  const std::string text = prefix + error.message;
+  PyErr_SetString(PyExc_RuntimeError, text.c_str());
+  return nullptr;
+}
+
+PyObject* toText(const std::string& text) {
+  return PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
+}
+
+} // namespace
+
+PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  return guarded([&]() -> PyObject* {
+    PyObject* request = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
+    if (request == nullptr) {
+      return refuse(function.doc, arguments, count, names);
+    }
+    const EncodedPayload payload = function.act(recordOf(*asRecord(request)));
+    if (!payload) {
+      return fail("Encode failed: ", payload.error());
+    }
+    return PyBytes_FromStringAndSize(reinterpret_cast<const char*>(payload->data()),
+                                     static_cast<Py_ssize_t>(payload->size()));
+  });
+}
+
+PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  return guarded([&]() -> PyObject* {
+    PyObject* data = onlyArgument(function.doc, arguments, count, names, nullptr);
+    if (data == nullptr || !PyBytes_Check(data)) {
+      return refuse(function.doc, arguments, count, names);
+    }
+    const std::span payload(PyBytes_AS_STRING(data), static_cast<std::size_t>(PyBytes_GET_SIZE(data)));
+    // Decoded into the memory that the object will own.
+    struct Discard {
+      void operator()(RootAnchor* root) const noexcept { discardRoot(root); }
+    };
+    std::unique_ptr<RootAnchor, Discard> root(allocateRoot(*function.record));
+    const Error error = function.act(std::as_bytes(payload), root->record());
+    if (!error.message.empty()) {
+      return fail("Decode failed: ", error);
+    }
+    RootAnchor* decoded = root.release();
+    decoded->holders = 1;
+    PyObject* object = newView(*function.record, decoded->record(), *decoded);
+    if (object == nullptr) {
+      release(decoded);
+    }
+    return object;
+  });
+}
+
+PyObject* callRender(const Function<Render>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  return guarded([&]() -> PyObject* {
+    PyObject* record = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
+    if (record == nullptr) {
+      return refuse(function.doc, arguments, count, names);
+    }
+    return toText(function.act(recordOf(*asRecord(record))));
+  });
+}
+
+PyObject* callDescribeCode(const Function<DescribeCode>& function, Arguments arguments, Py_ssize_t count,
+                           PyObject* names) {
+  return guarded([&]() -> PyObject* {
+    PyObject* argument = onlyArgument(function.doc, arguments, count, names, nullptr);
+    py::detail::make_caster<std::uint16_t> code;
+    if (argument == nullptr || !code.load(argument, true)) {
+      return refuse(function.doc, arguments, count, names);
+    }
+    return toText(function.act(py::detail::cast_op<std::uint16_t>(code)));
+  });
+}
+
+PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  return guarded([&]() -> PyObject* {
+    if (count != 0 || (names != nullptr && PyTuple_GET_SIZE(names) != 0)) {
+      return refuse(function.doc, arguments, count, names);
+    }
+    return py::cast(function.act()).release().ptr();
+  });
+}
+
+void registerCommandBlocks(py::module_& module) {
+  const auto module_name = module.attr("__name__");
+  for (const CommandBlocks& blocks : commandBlocks()) {
+    for (BlockEntry& entry : blocks.entries) {
+      if (entry.record != nullptr) {
+        registerRecord(module, *entry.record);
+      } else if (entry.function.ml_meth != nullptr) {
+        auto function = py::reinterpret_steal<py::object>(
+            PyCFunction_NewEx(&entry.function, module.ptr(), module_name.ptr()));
+        if (!function) {
+          throw py::error_already_set();
+        }
+        py::setattr(module, entry.name, function);
+      } else {
+        py::setattr(module, entry.name, py::int_(entry.number));
+      }
+    }
+  }
+}
+
+} // namespace vorlinkit::python

@@ -1,0 +1,117 @@
+// What a command gives the module: its id, record classes and functions, as a table that the generated blocks
+// declare.
+#pragma once
+
+#include "RecordType.hpp"
+
+#include <vorlinkit/Error.hpp>
+#include <vorlinkit/commands/FieldCodedValues.hpp>
+
+#include <pybind11/pybind11.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <new>
+#include <span>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace vorlinkit::python {
+
+using EncodedPayload = std::expected<std::vector<std::byte>, Error>;
+
+// The functions of the catalogue with their record type taken away.
+using Encode = EncodedPayload (*)(const void* record);
+using Decode = Error (*)(std::span<const std::byte> payload, void* memory); ///< an empty message: decoded
+using Render = std::string (*)(const void* record);
+using DescribeCode = std::string (*)(std::uint16_t code);
+using ListCodes = commands::FieldCodedValues (*)();
+
+/// One function of the module. The documentation begins with its signature, from which its errors are worded.
+template <class Act> struct Function {
+  const char* name;
+  const char* doc;
+  RecordType* record; ///< that it takes or makes; null where none is involved
+  Act act;
+};
+
+using Arguments = PyObject* const*;
+
+// How the interpreter calls them: arguments in a row, the names of the last ones in a tuple (or null).
+PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names);
+PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_ssize_t count, PyObject* names);
+PyObject* callRender(const Function<Render>& function, Arguments arguments, Py_ssize_t count, PyObject* names);
+PyObject* callDescribeCode(const Function<DescribeCode>& function, Arguments arguments, Py_ssize_t count,
+                           PyObject* names);
+PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments, Py_ssize_t count, PyObject* names);
+
+/// One entry of a command's block: a number, a class or a function.
+struct BlockEntry {
+  const char* name = nullptr;
+  long number = 0;
+  RecordType* record = nullptr;
+  PyMethodDef function{};
+};
+
+/// All commands of a family, entries in the order in which they are registered.
+struct CommandBlocks {
+  const char* family;
+  std::span<BlockEntry> entries;
+};
+
+/// The families of the catalogue; defined by the generator.
+std::span<const CommandBlocks> commandBlocks();
+
+/// Puts the blocks of all commands into the module. Called once, by the initialiser of the module, after
+/// FieldCodedValues has been registered.
+void registerCommandBlocks(pybind11::module_& module);
+
+// What the generated tables are written with.
+
+template <auto encode, class Record> EncodedPayload encodeRecord(const void* record) {
+  return encode(*static_cast<const Record*>(record));
+}
+
+template <auto decode, class Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
+  std::expected<Record, Error> record = decode(payload);
+  if (!record) {
+    return std::move(record.error());
+  }
+  ::new (memory) Record(*std::move(record));
+  return {};
+}
+
+template <auto render, class Record> std::string renderRecord(const void* record) {
+  return render(*static_cast<const Record*>(record));
+}
+
+/// The interpreter hands a function no data of its own, hence one small entry point for each.
+template <const auto& function> PyObject* enter(PyObject*, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  using Act = decltype(function.act);
+  if constexpr (std::is_same_v<Act, Encode>) {
+    return callEncode(function, arguments, count, names);
+  } else if constexpr (std::is_same_v<Act, Decode>) {
+    return callDecode(function, arguments, count, names);
+  } else if constexpr (std::is_same_v<Act, Render>) {
+    return callRender(function, arguments, count, names);
+  } else if constexpr (std::is_same_v<Act, DescribeCode>) {
+    return callDescribeCode(function, arguments, count, names);
+  } else {
+    return callListCodes(function, arguments, count, names);
+  }
+}
+
+constexpr BlockEntry commandId(const char* name, std::uint16_t id) { return {.name = name, .number = id}; }
+
+constexpr BlockEntry recordClass(RecordType& type) { return {.name = type.name, .record = &type}; }
+
+template <const auto& function> BlockEntry moduleFunction() {
+  return {.name = function.name,
+          .function = {function.name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(enter<function>)),
+                       METH_FASTCALL | METH_KEYWORDS, function.doc}};
+}
+
+} // namespace vorlinkit::python
