@@ -62,3 +62,32 @@ function(vorlinkit_generate_commands target output)
     PUBLIC $<BUILD_INTERFACE:${output}/include> $<INSTALL_INTERFACE:include>
     PRIVATE ${output} ${PROJECT_SOURCE_DIR}/commands)
 endfunction()
+
+# vorlinkit_generate_blocks(TARGET OUTPUT STUB CATALOGUE FOLDER SESSION_STUB FILE [OVERLAYS ...] [OPTIONS ...]):
+# adds what the commands give to the extension module TARGET, written below OUTPUT, and writes the typing stub
+# of the whole module, whose hand-written part is SESSION_STUB.
+function(vorlinkit_generate_blocks target output stub)
+  cmake_parse_arguments(arg "" "CATALOGUE;SESSION_STUB" "OVERLAYS;OPTIONS" ${ARGN})
+  vorlinkit_catalogue_inputs(inputs ${arg_CATALOGUE} ${arg_OVERLAYS})
+  vorlinkit_catalogue_families(families ${arg_CATALOGUE} ${arg_OVERLAYS})
+  set(sources ${output}/python/families.blocks.cpp)
+  foreach(family IN LISTS families)
+    list(APPEND sources ${output}/python/${family}.blocks.cpp)
+  endforeach()
+  list(TRANSFORM arg_OVERLAYS PREPEND --overlay= OUTPUT_VARIABLE overlays)
+
+  add_custom_command(
+    OUTPUT ${output}/${target}.stamp
+    BYPRODUCTS ${sources} ${stub}
+    COMMAND ${CMAKE_COMMAND} -E env PYTHONDONTWRITEBYTECODE=1
+            ${Python_EXECUTABLE} -m generator --catalogue ${arg_CATALOGUE} ${overlays} ${arg_OPTIONS}
+            --bindings ${output} --session-stub ${arg_SESSION_STUB} --stub ${stub}
+    COMMAND ${CMAKE_COMMAND} -E touch ${output}/${target}.stamp
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    DEPENDS ${inputs} ${arg_SESSION_STUB}
+    COMMENT "Generating the Python blocks of the commands"
+    VERBATIM)
+  add_custom_target(${target}_generated DEPENDS ${output}/${target}.stamp)
+  add_dependencies(${target} ${target}_generated)
+  target_sources(${target} PRIVATE ${sources})
+endfunction()

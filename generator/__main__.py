@@ -17,12 +17,14 @@ import argparse
 import sys
 from pathlib import Path
 
-from . import emit_cpp, emit_json, load, notation
+from . import emit_bindings, emit_cpp, emit_json, emit_stub, load, notation
 from .model import Catalogue, Finding
 from .report import report
 from .validate import validate
 
-DEFAULT_CATALOGUE = Path(__file__).resolve().parent.parent / "catalogue"
+PROJECT = Path(__file__).resolve().parent.parent
+DEFAULT_CATALOGUE = PROJECT / "catalogue"
+SESSION_STUB = PROJECT / "python" / "session.pyi"
 
 
 def arguments(argv: list[str] | None = None) -> argparse.Namespace:
@@ -39,6 +41,11 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
     parser.add_argument("--check", action="store_true", help="check only, and say how much was read")
     parser.add_argument("--report", action="store_true", help="print totals and standings per family")
     parser.add_argument("--cpp", type=Path, metavar="DIR", help="write the C++ below this folder")
+    parser.add_argument("--bindings", type=Path, metavar="DIR", help="write the blocks of the Python module below this folder")
+    parser.add_argument("--stub", type=Path, metavar="FILE", help="write the typing stub of the Python module")
+    parser.add_argument(
+        "--session-stub", type=Path, metavar="FILE", default=SESSION_STUB, help="the hand-written part of the stub"
+    )
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the catalogue as JSON")
     return parser.parse_args(argv)
 
@@ -74,6 +81,11 @@ def main(argv: list[str] | None = None) -> int:
     if options.cpp:
         for path, text in emit_cpp.emit(catalogue).items():
             write(options.cpp / path, text)
+    if options.bindings:
+        for path, text in emit_bindings.emit(catalogue).items():
+            write(options.bindings / path, text)
+    if options.stub:
+        write(options.stub, emit_stub.emit(catalogue, options.session_stub.read_text(encoding="utf-8")))
     if options.json:
         write(options.json, emit_json.emit(catalogue))
     if options.report:

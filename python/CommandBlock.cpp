@@ -2,8 +2,10 @@
 
 #include "RecordErrors.hpp"
 #include "RecordObject.hpp"
+#include "bindings.hpp"
 
 #include <cstring>
+#include <memory>
 
 namespace py = pybind11;
 
@@ -128,8 +130,8 @@ PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments
 
 void registerCommandBlocks(py::module_& module) {
   const auto module_name = module.attr("__name__");
-  for (const CommandBlocks& blocks : commandBlocks()) {
-    for (BlockEntry& entry : blocks.entries) {
+  for (const std::span<BlockEntry> family : commandBlocks()) {
+    for (BlockEntry& entry : family) {
       if (entry.record != nullptr) {
         registerRecord(module, *entry.record);
       } else if (entry.function.ml_meth != nullptr) {

@@ -7,8 +7,6 @@
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/commands/FieldCodedValues.hpp>
 
-#include <pybind11/pybind11.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <expected>
@@ -56,18 +54,8 @@ struct BlockEntry {
   PyMethodDef function{};
 };
 
-/// All commands of a family, entries in the order in which they are registered.
-struct CommandBlocks {
-  const char* family;
-  std::span<BlockEntry> entries;
-};
-
-/// The families of the catalogue; defined by the generator.
-std::span<const CommandBlocks> commandBlocks();
-
-/// Puts the blocks of all commands into the module. Called once, by the initialiser of the module, after
-/// FieldCodedValues has been registered.
-void registerCommandBlocks(pybind11::module_& module);
+/// The entries of every family of commands, in the order in which they are registered; generated.
+std::vector<std::span<BlockEntry>> commandBlocks();
 
 // What the generated tables are written with.
 

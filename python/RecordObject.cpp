@@ -15,9 +15,10 @@ namespace {
 
 /// Makes the object look at a record of which `anchor` counts it as a holder. To the binding library it is
 /// complete, and none of its business.
-void settle(RecordObject& object, void* record, RecordAnchor& anchor) {
+void settle(RecordObject& object, const RecordType& type, void* record, RecordAnchor& anchor) {
   object.instance.simple_layout = true;
   object.instance.simple_holder_constructed = true;
+  object.instance.simple_value_holder[2] = const_cast<RecordType*>(&type);
   setRecord(object, record);
   object.anchor = &anchor;
 }
@@ -43,7 +44,7 @@ PyObject* newRecord(PyTypeObject* python_type, PyObject*, PyObject*) {
       release(root);
       return nullptr;
     }
-    settle(*asRecord(self), root->record(), *root);
+    settle(*asRecord(self), type, root->record(), *root);
     return self;
   });
 }
@@ -53,7 +54,7 @@ int initRecord(PyObject* self, PyObject* args, PyObject* kwargs) {
   if (PyTuple_GET_SIZE(args) == 0 && (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0)) {
     return 0;
   }
-  return guarded([&] { return setConstructorError(*recordTypeOf(Py_TYPE(self)).python_type, args, kwargs), -1; });
+  return guarded([&] { return setConstructorError(*typeOf(*asRecord(self)).python_type, args, kwargs), -1; });
 }
 
 PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
@@ -61,6 +62,39 @@ PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
     return nullptr;
   }
   Py_RETURN_NONE;
+}
+
+/// Attribute access of record classes, not of their Python subclasses. What is asked for is nearly always a
+/// field, and as long as nobody has changed the class a comparison of names finds it.
+PyObject* getAttribute(PyObject* self, PyObject* name) {
+  const RecordType& type = typeOf(*asRecord(self));
+  if (Py_TYPE(self)->tp_version_tag == type.class_version && type.class_version != 0) {
+    for (std::size_t i = 0; i < type.attribute_count; ++i) {
+      if (type.attribute_names[i] == name) {
+        const PyGetSetDef& attribute = type.attributes[i];
+        return attribute.get(self, attribute.closure);
+      }
+    }
+  }
+  return PyObject_GenericGetAttr(self, name);
+}
+
+/// Set once the class is complete: as a plain slot, since the interpreter would otherwise show it as an
+/// attribute of the class and hand it on to subclasses, which may have attributes of their own.
+void shortenAttributeAccess(RecordType& type) {
+  PyTypeObject& python_type = *type.python_type;
+  while (type.attributes[type.attribute_count].name != nullptr) {
+    ++type.attribute_count;
+  }
+  type.attribute_names = new PyObject*[type.attribute_count]; // as long-lived as the class
+  for (std::size_t i = 0; i < type.attribute_count; ++i) {
+    type.attribute_names[i] = PyUnicode_InternFromString(type.attributes[i].name);
+  }
+  if (type.attribute_count != 0) {
+    _PyType_Lookup(&python_type, type.attribute_names[0]); // has the interpreter give the class a version
+  }
+  type.class_version = python_type.tp_version_tag;
+  python_type.tp_getattro = getAttribute;
 }
 
 void deallocateRecord(PyObject* self) {
@@ -115,7 +149,7 @@ PyObject* newView(const RecordType& type, void* record, RecordAnchor& anchor) no
   }
   PyObject* self = PyObject_Init(reinterpret_cast<PyObject*>(object), type.python_type);
   std::memset(reinterpret_cast<char*>(object) + sizeof(PyObject), 0, sizeof(RecordObject) - sizeof(PyObject));
-  settle(*object, record, anchor);
+  settle(*object, type, record, anchor);
   return self;
 }
 
@@ -142,6 +176,7 @@ void registerRecord(py::module_& module, RecordType& type) {
   RecordClass record_class;
   record_class.initialize(description);
   type.python_type = reinterpret_cast<PyTypeObject*>(record_class.inc_ref().ptr());
+  shortenAttributeAccess(type);
   // The way back from a Python class, inherited by its subclasses; a slot that only buffer classes use.
   py::detail::get_type_info(type.python_type)->get_buffer_data = &type;
 }

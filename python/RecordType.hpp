@@ -1,8 +1,9 @@
 // What the record binding knows about a record of the catalogue: constant tables, declared by the generated
-// blocks and read by the few functions that create, view, read and write records of every type.
+// blocks and read by the few functions that create, view, read and write records of every type. Nothing here
+// needs the binding library, whose headers would be most of the time it takes to compile the blocks.
 #pragma once
 
-#include <pybind11/pybind11.h>
+#include <Python.h>
 
 #include <array>
 #include <cstddef>
@@ -31,6 +32,12 @@ struct RecordType {
   void (*construct)(void* memory); ///< value-initialises
   void (*destroy)(void* record);
   PyTypeObject* python_type = nullptr;
+
+  // For reading attributes of unchanged classes without a look-up: their interned names, in order, and the
+  // version that the interpreter gave the class when it had just these.
+  PyObject** attribute_names = nullptr;
+  std::size_t attribute_count = 0;
+  unsigned int class_version = 0;
 };
 
 /// What can be done with a list field whose item type only the table knows. Its address identifies the type
@@ -204,6 +211,8 @@ template <std::size_t Count> constexpr std::array<PyGetSetDef, Count + 1> attrib
   }
   return attributes;
 }
+
+constexpr std::array<PyGetSetDef, 1> noAttributes() { return {}; }
 
 template <class Record> void constructRecord(void* memory) { ::new (memory) Record{}; }
 
