@@ -236,7 +236,7 @@ class Reader:
         if not isinstance(confirmed, list) or not isinstance(assumed, dict):
             self.complain('write confirmed = ["response"] and assumed.response = "why"')
             confirmed, assumed = [], {}
-        for part in [*confirmed, *assumed]:
+        for part in dict.fromkeys([*confirmed, *assumed]):
             if part not in parts:
                 self.complain(f'standing of "{part}"; it must be one of {", ".join(parts)}')
             elif part not in table:
@@ -277,6 +277,9 @@ class Reader:
             given = {}
         coded = []
         for key, entries in given.items():
+            if key == COMMAND_ERROR:
+                self.complain(f"the rows of {COMMAND_ERROR} are written as errors = [...]", key)
+                continue
             self.path.append(key)
             holder = next((m.role for m in messages if has_key(m.record, key)), "response")
             coded.append(Table(key, "Enum", self.rows(entries), standings[holder]))

@@ -66,7 +66,7 @@ def command_findings(command: Command) -> Iterator[Finding]:
             yield complain("has no field; a message without a payload is not listed at all", message.role)
         for where, text in record_findings(message.record):
             yield complain(text, message.role, where)
-        for where, text in command_error_findings(message):
+        for where, text in message_findings(message):
             yield complain(text, message.role, where)
     for where, text in table_findings(command):
         yield complain(text, *where)
@@ -103,10 +103,11 @@ def record_findings(record: Record, path: str = "") -> Iterator[tuple[str, str]]
 
 
 def scalar_findings(field: Scalar) -> Iterator[str]:
+    if not field.kind:
+        return  # the entry could not be read at all, which has been said
     if not KEY.fullmatch(field.key):
         yield f'"{field.key}" is no key; keys are in upper camel case'
-    # An entry that could not be read at all has been reported with the notation and has no kind.
-    if field.kind and field.kind not in SCALAR_KINDS:
+    if field.kind not in SCALAR_KINDS:
         yield f'unknown kind "{field.kind}"; kinds are {", ".join(SCALAR_KINDS)}'
 
 
@@ -210,8 +211,10 @@ def rendered_keys(record: Record) -> Iterator[str]:
 # -- code tables --------------------------------------------------------------------------------------
 
 
-def command_error_findings(message: Message) -> Iterator[tuple[str, str]]:
+def message_findings(message: Message) -> Iterator[tuple[str, str]]:
     for where, field in places(message.record):
+        if isinstance(field, Scalar) and field.kind == "uuid" and message.role == "request":
+            yield where, "a request carries no uuid; identifiers sent to the machine are strings"
         if isinstance(field, Scalar) and field.key == COMMAND_ERROR:
             if message.role == "request":
                 yield where, "a request carries no command error"
@@ -239,8 +242,6 @@ def table_findings(command: Command) -> Iterator[tuple[tuple[str, str], str]]:
         if table is command.errors:
             if not any(role != "request" for role, _ in fields):
                 yield where, f"rows are given, but neither response nor notification has a {COMMAND_ERROR}"
-        elif table.key == COMMAND_ERROR:
-            yield where, f"the rows of {COMMAND_ERROR} are written as errors = [...]"
         elif not fields:
             yield where, "no field has this key"
         for role, field in fields:
