@@ -7,11 +7,11 @@ from collections.abc import Sequence
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from strategies import records
 
-from vorlinkit.catalogue import NUMBER_WIDTHS, BlobField, Catalogue, Command, Field, ListField, ScalarField
+from vorlinkit.catalogue import Catalogue, Command, Field
 from vorlinkit.simulator.coder import PayloadError, decode, encode, uuid_text
 from vorlinkit.simulator.plausible import Plausible
-from vorlinkit.simulator.records import Record, Variant
 from vorlinkit.simulator.render import describe_bits, describe_enum, to_json
 
 TEXTS = {
@@ -74,60 +74,12 @@ def test_uuid_text() -> None:
     assert uuid_text(bytes(range(16))) == "00010203-0405-0607-0809-0A0B0C0D0E0F"
 
 
-def scalars(field: ScalarField) -> st.SearchStrategy[int | str]:
-    if field.kind == "string":
-        return st.text(st.characters(blacklist_characters="\0", blacklist_categories=("Cs",)), max_size=8)
-    if field.kind == "uuid":
-        return st.binary(min_size=16, max_size=16).map(uuid_text)
-    return st.integers(0, (1 << 8 * NUMBER_WIDTHS[field.kind]) - 1)
-
-
-def made(draw: st.DrawFn, fields: Sequence[Field], forced: Record) -> Record:
-    """Any record of a layout: counts fit their lists, and discriminators their alternatives."""
-    forced = dict(forced)
-    lengths = {
-        one.count: draw(st.integers(0, 3)) for one in fields if isinstance(one, (ListField, BlobField))
-    }
-    for field in fields:
-        if not isinstance(field, (ScalarField, BlobField)):
-            _force_discriminators(draw, field, forced)
-    record: Record = {}
-    for field in fields:
-        if isinstance(field, ScalarField):
-            record[field.key] = lengths.get(field.key, forced.get(field.key, draw(scalars(field))))
-        elif isinstance(field, BlobField):
-            record[field.key] = draw(st.binary(min_size=lengths[field.count], max_size=lengths[field.count]))
-        elif isinstance(field, ListField):
-            record[field.key] = [made(draw, field.items, forced) for _ in range(lengths[field.count])]
-        else:
-            outer = forced.get(field.on)
-            options = [
-                one for one in field.alternatives if field.inside or outer is None or outer in one.when
-            ]
-            chosen = draw(st.sampled_from(options))
-            inner = {**forced, field.on: draw(st.sampled_from(chosen.when))} if field.inside else forced
-            record[field.attribute] = Variant(chosen.name, made(draw, chosen.fields, inner))
-    return record
-
-
-def _force_discriminators(draw: st.DrawFn, field: Field, forced: Record) -> None:
-    """Choose the number that a variant further in is going to look for out here."""
-    if isinstance(field, ListField):
-        for inner in field.items:
-            _force_discriminators(draw, inner, forced)
-    elif not isinstance(field, (ScalarField, BlobField)):
-        if not field.inside and field.on not in forced:
-            forced[field.on] = draw(
-                st.sampled_from([when for one in field.alternatives for when in one.when])
-            )
-
-
 @settings(max_examples=400, deadline=None, suppress_health_check=list(HealthCheck))
 @given(data=st.data())
 def test_every_message_survives_a_round_trip(catalogue: Catalogue, data: st.DataObject) -> None:
     messages = {message.type: message for _, _, message in catalogue.layouts()}
     message = messages[data.draw(st.sampled_from(sorted(messages)), label="message")]
-    record = data.draw(st.composite(made)(message.fields, {}))
+    record = data.draw(records(message.fields))
     payload = encode(message.fields, record)
     assert decode(message.fields, payload) == (record, 0)
 

@@ -5,8 +5,8 @@ from __future__ import annotations
 from collections.abc import Iterator
 
 import pytest
-from conftest import ROOT, Bench
 
+from conftest import ROOT, Bench
 from vorlinkit import catalogue as catalogues
 from vorlinkit.catalogue import Command
 from vorlinkit.simulator import coder, frames

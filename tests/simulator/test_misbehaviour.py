@@ -90,7 +90,8 @@ def test_glued_frames_come_in_one_piece(bench: Bench) -> None:
 
 
 @pytest.mark.parametrize(
-    ("value", "junk"), [(7, b"no fram"), (12, b"no frame no "), ("5858", b"XX"), (True, b"this is no frame")]
+    ("value", "junk"),
+    [(7, b"no fram"), (12, b"no frame no "), ("hex:5858", b"XX"), (True, b"this is no frame")],
 )
 def test_kinds_of_junk(value: object, junk: bytes) -> None:
     assert build("junk", value, {}).apply(Answer(INFO)).ahead == (junk,)
@@ -235,7 +236,7 @@ def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
         ("major_error=Nonsense", "major_error"),
         ("corrupt=everything", "corrupt is one of"),
         ("reset=later", '"instead", "middle" or "after"'),
-        ("junk=xyz", "hexadecimal"),
+        ("junk=xyz", "hex:DIGITS"),
         ("no_answer=5", "no_answer is true"),
         ("silent delay=5", "'delay' is not known here"),
         ("drop_on_accept=gently", "drop_on_accept"),

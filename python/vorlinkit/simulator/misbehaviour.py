@@ -320,10 +320,11 @@ def _junk(value: object) -> bytes:
         return b"this is no frame"
     if isinstance(value, str):
         try:
-            return bytes.fromhex(value)
+            return bytes.fromhex(value.removeprefix("hex:"))
         except ValueError:
-            raise ScenarioError(f"junk is a number of bytes or hexadecimal digits, not {value!r}") from None
-    return (b"no frame " * (_number("junk", value, 1) // 9 + 1))[: _number("junk", value, 1)]
+            raise ScenarioError(f"junk is a number of bytes or hex:DIGITS, not {value!r}") from None
+    count = _number("junk", value, 1)
+    return (b"no frame " * (count // 9 + 1))[:count]
 
 
 def _moment(action: str, value: object) -> Moment:
