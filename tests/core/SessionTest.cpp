@@ -183,9 +183,9 @@ TEST(Session, DeliversLargeAndManyNotificationsInOrder) {
     peer.write(notification(8, large));
     peer.read();
   }});
-  VorlinSession session(configFor(machine));
   std::uint32_t expected = 0;
   std::promise<bool> arrived;
+  VorlinSession session(configFor(machine));
   session.on_notification(7, [&](const RawMessage& message) {
     if (bigEndian(expected, 4) == Bytes(message.payload.begin(), message.payload.end())) ++expected;
   });

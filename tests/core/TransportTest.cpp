@@ -54,19 +54,26 @@ SessionConfig configFor(std::uint16_t port) {
   return config;
 }
 
-struct States {
+/// What the state observer is told; shared with it, since the session may outlive the one who asks.
+class States {
+public:
   explicit States(VorlinSession& session) {
-    session.on_connection_state_changed([this](bool connected, const std::string& reason) {
-      const std::lock_guard guard(lock);
-      seen.push_back(connected ? "up" : reason);
+    session.on_connection_state_changed([told = told_](bool connected, const std::string& reason) {
+      const std::lock_guard guard(told->lock);
+      told->seen.push_back(connected ? "up" : reason);
     });
   }
   std::vector<std::string> get() {
-    const std::lock_guard guard(lock);
-    return seen;
+    const std::lock_guard guard(told_->lock);
+    return told_->seen;
   }
-  std::mutex lock;
-  std::vector<std::string> seen;
+
+private:
+  struct Told {
+    std::mutex lock;
+    std::vector<std::string> seen;
+  };
+  std::shared_ptr<Told> told_ = std::make_shared<Told>();
 };
 
 TEST(Transport, ReportsARefusedConnection) {
