@@ -1,0 +1,42 @@
+"""The page about the simulator keeps its promises."""
+
+from __future__ import annotations
+
+import re
+import tomllib
+
+import pytest
+from conftest import ROOT
+
+from vorlinkit.catalogue import Catalogue
+from vorlinkit.simulator.misbehaviour import ACTIONS
+from vorlinkit.simulator.options import _parser
+from vorlinkit.simulator.scenario import Scenario, parse_text
+
+PAGE = (ROOT / "docs" / "simulator.md").read_text(encoding="utf-8")
+
+
+def blocks(language: str) -> list[str]:
+    return re.findall(rf"^```{language}\n(.*?)^```$", PAGE, re.MULTILINE | re.DOTALL)
+
+
+def test_the_python_example_runs() -> None:
+    pytest.importorskip("vorlinkit_python", reason="the extension module was not built")
+    (example,) = blocks("python")
+    exec(compile(example, "docs/simulator.md", "exec"), {})
+
+
+def test_rules_on_the_page_are_rules(catalogue: Catalogue) -> None:
+    scenario = Scenario()
+    for table in tomllib.loads(blocks("toml")[0])["rule"]:
+        scenario.add(table, catalogue)
+    for text in re.findall(r'--rule "([^"]+)"', PAGE):
+        scenario.add(parse_text(text), catalogue)
+    assert len(scenario.rules) + len(scenario.connection_rules) == 4
+
+
+def test_every_action_and_option_is_on_the_page() -> None:
+    for action in ACTIONS:
+        assert f"`{action}`" in PAGE
+    for option in re.findall(r"^  (--[a-z-]+)", _parser().format_help(), re.MULTILINE):
+        assert f"`{option}" in PAGE
