@@ -17,7 +17,7 @@ import argparse
 import sys
 from pathlib import Path
 
-from . import emit_bindings, emit_cpp, emit_json, emit_stub, load, notation
+from . import emit_bindings, emit_cpp, emit_json, emit_status, emit_stub, load, notation
 from .model import Catalogue, Finding
 from .report import report
 from .validate import validate
@@ -47,6 +47,7 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
         "--session-stub", type=Path, metavar="FILE", default=SESSION_STUB, help="the hand-written part of the stub"
     )
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the catalogue as JSON")
+    parser.add_argument("--status", type=Path, metavar="FILE", help="write the page that says how sure each layout is")
     return parser.parse_args(argv)
 
 
@@ -88,6 +89,8 @@ def main(argv: list[str] | None = None) -> int:
         write(options.stub, emit_stub.emit(catalogue, options.session_stub.read_text(encoding="utf-8")))
     if options.json:
         write(options.json, emit_json.emit(catalogue))
+    if options.status:
+        write(options.status, emit_status.emit(catalogue))
     if options.report:
         print(report(catalogue), end="")
     elif options.check:
