@@ -1,11 +1,14 @@
-"""A first session with a machine: python3 examples/first_session.py [--host HOST] [--port PORT] [--move-motor]
+"""A first session with a machine.
 
-Connects, learns its client id, asks who is there, takes and releases exclusive control, sets and reads the clock,
-receives notifications while requests go on, and survives the loss of the connection. Every message is printed as
-the one line of JSON that the library makes of it.
+    python3 examples/first_session.py [--host HOST] [--port PORT] [--move-motor]
 
-On a real machine this does no harm: the clock is set to the time that was just read from it, and a motor is only
-moved if --move-motor says so. With no machine at hand, examples/run_first_session.py runs it against the simulator.
+Connects, learns its client id, asks who is there, takes and releases exclusive control, sets and reads the
+clock, receives notifications while requests go on, and survives the loss of the connection. Every message is
+printed as the one line of JSON that the library makes of it.
+
+On a real machine this does no harm: the clock is set to the time that was just read from it, and a motor is
+only moved if --move-motor says so. With no machine at hand, examples/run_first_session.py runs it against the
+simulator.
 """
 
 import argparse
@@ -18,7 +21,7 @@ PATIENCE = 10  # seconds to wait for what the machine does by itself
 
 
 def ask(session, command_id, payload=b""):
-    """The payload of the answer. What went wrong on the way is a text, not an exception: here it ends the program."""
+    """The payload of the answer. A failure is a text, not an exception; here it ends the program."""
     answer, problem = session.send(command_id, payload)
     if answer is None:
         raise SystemExit(f"command {command_id}: {problem}")

@@ -2,8 +2,8 @@
 
     python3 examples/run_first_session.py
 
-needs nothing but a finished build. The simulator gets a free port and a clock that stands still, so that the output
-is the same every time, and drops the connection once, at the first NoOpCommand.
+needs nothing but a finished build. The simulator gets a free port and a clock that stands still, so that the
+output is the same every time, and drops the connection once, at the first NoOpCommand.
 """
 
 import sys
@@ -17,9 +17,9 @@ try:
 except ImportError:
     sys.path.insert(0, str(EXAMPLES.parent / "build" / "release" / "python"))
 
-import first_session
+import first_session  # noqa: E402
 
-from vorlinkit.simulator import SimulatorProcess
+from vorlinkit.simulator import SimulatorProcess  # noqa: E402
 
 if __name__ == "__main__":
     with SimulatorProcess(

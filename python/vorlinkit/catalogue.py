@@ -1,5 +1,4 @@
-"""The commands of the protocol as plain data: ids, payload layouts, texts of the codes, and how sure each
-layout is.
+"""The commands of the protocol as plain data: ids, payload layouts, texts of codes, and how sure a layout is.
 
 The data is ``catalogue.json``, which the build writes beside this file. It comes from the same definitions as
 the C++ and Python types, overlays included, so what ``layout_status()`` reports is what was built.
@@ -111,7 +110,7 @@ class Message:
 
 @dataclass(frozen=True)
 class Command:
-    """One command with the messages that it has; ``errors`` is None when no message carries a CommandError."""
+    """One command and its messages; ``errors`` is None when no message carries a CommandError."""
 
     id: int
     name: str

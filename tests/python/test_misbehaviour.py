@@ -1,4 +1,4 @@
-"""Every misbehaviour of the simulator, as the client library meets it: what the caller gets, and that it goes on."""
+"""Every misbehaviour of the simulator, met by a session: what the caller gets, and that it goes on."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ SUBSCRIBE_MOTOR = b"AD1\x00\x01\x01"
 def session_with(
     *rules: str, timeout: int = 10000, attempts: int = 1, reconnect: bool = False
 ) -> Iterator[tuple[vorlin.VorlinSession, SimulatorProcess, "queue.Queue[tuple[bool, str]]"]]:
-    """A connected session with a simulator that follows these rules, and its connection states as they change."""
+    """A connected session with a simulator that follows these rules, and the session's states."""
     with SimulatorProcess(rules=rules) as simulator:
         config = vorlin.SessionConfig()
         config.host, config.port = simulator.host, simulator.port

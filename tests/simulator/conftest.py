@@ -2,9 +2,10 @@
 
 from __future__ import annotations
 
+import importlib.util
 import subprocess
 import sys
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from contextlib import ExitStack
 from pathlib import Path
 
@@ -12,14 +13,12 @@ import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 
-try:
-    import vorlinkit  # from the build, which is on PYTHONPATH under ctest
-except ImportError:
+if importlib.util.find_spec("vorlinkit") is None:  # under ctest the build's is on PYTHONPATH
     sys.path.insert(0, str(ROOT / "python"))
 
-from peer import Peer
-from vorlinkit import catalogue as catalogues
-from vorlinkit.simulator import SimulatorProcess
+from peer import Peer  # noqa: E402
+from vorlinkit import catalogue as catalogues  # noqa: E402
+from vorlinkit.simulator import SimulatorProcess  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -60,6 +59,3 @@ class Bench:
 def bench(catalogue: catalogues.Catalogue) -> Iterator[Bench]:
     with ExitStack() as stack:
         yield Bench(stack, catalogue)
-
-
-Make = Callable[..., Bench]

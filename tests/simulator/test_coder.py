@@ -36,8 +36,9 @@ def test_settled_layout_to_the_byte(catalogue: Catalogue) -> None:
     record, left_over = decode(fields, payload)
     assert left_over == 0
     assert to_json(command, fields, record) == (
-        '{"CommandError": 0, "CommandError_Desc": "Success", "AutomatedDeviceID": "AD1", "NumberOfMotors": 2, '
-        '"listOfMotors": [{"AttachedMotorNumber": 1, "MotorType": 3}, {"AttachedMotorNumber": 2, "MotorType": 5}]}'
+        '{"CommandError": 0, "CommandError_Desc": "Success", "AutomatedDeviceID": "AD1", '
+        '"NumberOfMotors": 2, "listOfMotors": [{"AttachedMotorNumber": 1, "MotorType": 3}, '
+        '{"AttachedMotorNumber": 2, "MotorType": 5}]}'
     )
     assert encode(fields, record) == payload
 

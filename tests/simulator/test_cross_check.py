@@ -1,4 +1,4 @@
-"""The simulator's coder and the client library's, written apart from each other, have to agree on every message."""
+"""The simulator's coder and the library's, written apart from each other, agree on every message."""
 
 from __future__ import annotations
 

@@ -6,8 +6,8 @@ import re
 import tomllib
 
 import pytest
-from conftest import ROOT
 
+from conftest import ROOT
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator.misbehaviour import ACTIONS
 from vorlinkit.simulator.options import _parser

@@ -1,4 +1,4 @@
-"""Every command of the catalogue is answered, and every notification comes, each with a payload of its layout."""
+"""Every command is answered, and every notification comes, each with a payload of its layout."""
 
 from __future__ import annotations
 

@@ -192,6 +192,21 @@ def test_bursts(bench: Bench) -> None:
     assert {len(frame.payload) for frame in made} == {10}
 
 
+def test_glued_where_there_is_no_notification_of_its_own(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 glued",)))
+    peer.send("GetMachineInfo")
+    assert [peer.frame().command_id for _ in range(2)] == [5, 11]
+
+
+def test_a_client_that_sends_no_more_gets_its_answers(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 delay=20",)))
+    peer.send("GetMachineInfo")
+    peer.send("GetServerTime")
+    peer.socket.shutdown(socket.SHUT_WR)
+    assert [peer.frame().command_id for _ in range(2)] == [11, 10]
+    assert peer.until_end() == b""
+
+
 def test_one_big_notification(bench: Bench) -> None:
     simulator = bench.simulator()
     peer = bench.peer(simulator)
@@ -238,6 +253,7 @@ def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
         ("reset=later", '"instead", "middle" or "after"'),
         ("junk=xyz", "hex:DIGITS"),
         ("no_answer=5", "no_answer is true"),
+        ("burst=5 of=GetNothing", "there is no command 'GetNothing'"),
         ("silent delay=5", "'delay' is not known here"),
         ("drop_on_accept=gently", "drop_on_accept"),
     ],

@@ -10,21 +10,25 @@ from dataclasses import dataclass, replace
 from typing import Final
 
 from . import frames
+from .bursts import maker
 from .events import EventLog
 from .frames import MajorError, RequestFrame
 from .machine import Machine, Reply
-from .misbehaviour import Answer, Ending, NotificationMaker
+from .misbehaviour import Answer, Ending
 from .render import to_json
 from .scenario import ConnectionRule, Scenario
 from .subscriptions import Client
 
 BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000
+"""Requests with longer payloads are told without their values."""
+LAST_PATIENCE: Final = 1.0
+"""How many seconds a client that sends no more gets to take its last answers."""
 
 
 @dataclass(frozen=True)
 class Outgoing:
-    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if it does."""
+    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if so."""
 
     parts: Sequence[bytes]
     frames: int = 0
@@ -74,7 +78,7 @@ class ClientConnection:
         """Serve the client until either side ends the connection."""
         peer = self._writer.get_extra_info("peername")
         self._events("accepted", connection=self.number, peer=f"{peer[0]}:{peer[1]}" if peer else "")
-        # Back-pressure from the first byte on: what was sent is with the operating system, not in a buffer here.
+        # Back-pressure from the first byte: what was sent is with the operating system, in no buffer here.
         self._writer.transport.set_write_buffer_limits(0)
         drop = next((rule.drop_on_accept for rule in self._rules if rule.drop_on_accept), "")
         if drop:
@@ -88,7 +92,10 @@ class ClientConnection:
         try:
             while (frame := await self._read()) is not None:
                 await self._serve(frame)
-        except (asyncio.IncompleteReadError, ConnectionError):
+        except asyncio.IncompleteReadError:
+            by = "simulator" if self._writer.is_closing() else "client"
+            await self._send_the_rest()
+        except ConnectionError:
             by = "simulator" if self._writer.is_closing() else "client"
         finally:
             writing.cancel()
@@ -100,29 +107,6 @@ class ClientConnection:
         """Send notifications that no request asked for."""
         self._put(Outgoing(made, frames=len(made)))
 
-    def make_notifications(self, command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
-        """Notification frames for a burst: of a payload of ``size`` bytes that begin with a running number,
-        or whole and plausible when no size is given.
-        """
-        known = self._machine.catalogue
-        if isinstance(command, str):
-            command = known.named(command).id
-        if command is None:
-            command = next((one.command.id for one in self.client.subscriptions), 0)
-        if size is not None:
-            filler = bytes(max(0, size - 4))
-            return [
-                frames.notification(
-                    command, (at.to_bytes(4, "big") + filler)[:size] if size >= 4 else filler[:size]
-                )
-                for at in range(count)
-            ]
-        definition = self._machine.command_with_id(command)
-        one = (
-            self._machine.notification(definition) if definition is not None else frames.notification(command)
-        )
-        return [one] * count
-
     def end(self, how: Ending) -> None:
         """End the connection behind what is waiting to be sent."""
         self._put(Outgoing((), ending=how))
@@ -131,7 +115,14 @@ class ClientConnection:
         """Returns when everything that was to be sent has been."""
         await self._outbox.join()
 
-    # --- receiving ------------------------------------------------------------------------------------------------
+    async def _send_the_rest(self) -> None:
+        """A client that has shut its sending side may still wait for its last answers."""
+        try:
+            await asyncio.wait_for(self.flushed(), LAST_PATIENCE)
+        except TimeoutError:
+            self._events("unflushed", connection=self.number)
+
+    # --- receiving --------------------------------------------------------------------------------
 
     async def _read(self) -> RequestFrame | None:
         start = await self._reader.readexactly(frames.START_SIZE)
@@ -151,7 +142,7 @@ class ClientConnection:
         self._held_back = []
         reply = self._machine.answer(self.client, frame)
         self._tell_request(frame, reply)
-        answer = replace(reply.answer, make_notifications=self._notifications_of(reply))
+        answer = replace(reply.answer, make_notifications=maker(self._machine, self.client, reply))
         for rule in self._scenario.for_request(frame.command_id, self.number):
             self._events("misbehaved", connection=self.number, command=frame.command_id, rule=rule.text)
             answer = rule.apply(answer)
@@ -162,24 +153,13 @@ class ClientConnection:
             await asyncio.sleep(answer.delay)
         self._send_answer(answer, frame.command_id)
 
-    def _notifications_of(self, reply: Reply) -> NotificationMaker:
-        def make(command: int | str | None, count: int, size: int | None) -> Sequence[bytes]:
-            own = reply.command is not None and reply.command.notification is not None
-            if command is None and own and size is None and reply.command is not None:
-                return [self._machine.notification(reply.command, reply.request, reply.response)] * count
-            return self.make_notifications(
-                reply.answer.command_id if command is None and own else command, count, size
-            )
-
-        return make
-
     def _tell_request(self, frame: RequestFrame, reply: Reply) -> None:
         if not self._events.enabled:
             return
         command = reply.command
         values = ""
-        if command is not None and command.request is not None and reply.request:
-            values = to_json(command, command.request.fields, reply.request)[:LONGEST_VALUES]
+        if command is not None and command.request is not None and len(frame.payload) <= LONGEST_VALUES:
+            values = to_json(command, command.request.fields, reply.request) if reply.request else ""
         self._events(
             "request",
             connection=self.number,
@@ -188,7 +168,7 @@ class ClientConnection:
             values=values,
         )
 
-    # --- sending --------------------------------------------------------------------------------------------------
+    # --- sending ----------------------------------------------------------------------------------
 
     def _deliver(self, frame: bytes) -> None:
         # What an own request causes comes behind its answer; everything else leaves at once.

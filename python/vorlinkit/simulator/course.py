@@ -19,7 +19,7 @@ OVERVIEWS: Final = (1, 2, 4)
 def course(command: Command) -> Sequence[Record]:
     """The values that go through the notifications of a command, one record per notification.
 
-    A command that starts something and reports how far it has come reports three times; every other command once.
+    A command that starts something and reports how far it is reports three times, every other command once.
     """
     fields = command.notification.fields if command.notification is not None else ()
     progress = next(

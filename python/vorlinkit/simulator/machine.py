@@ -17,12 +17,12 @@ from vorlinkit.catalogue import Catalogue, Command
 from . import frames
 from .clock import Clock
 from .coder import PayloadError, decode, encode
-from .frames import MajorError, MinorError, RequestFrame
 from .course import course
+from .frames import MajorError, MinorError, RequestFrame
 from .memory import Memory
 from .misbehaviour import Answer
 from .plausible import Plausible
-from .records import Known, Record, Value, number
+from .records import Known, Record, number
 from .subscriptions import (
     Client,
     Subscription,
@@ -91,7 +91,7 @@ class Machine:
         for room in furnish(self):
             self._handlers.update(room.handlers())
 
-    # --- what rooms use -------------------------------------------------------------------------------------------
+    # --- what rooms use ---------------------------------------------------------------------------
 
     def on_leaving(self, action: Callable[[Client], None]) -> None:
         """Have ``action`` called for every client that leaves."""
@@ -102,9 +102,7 @@ class Machine:
         self._stopping.append(action)
 
     def every_motor_interval(self, move: Callable[[], bool]) -> None:
-        """Have ``move`` called at every motor interval while something moves; it says whether more is to
-        come.
-        """
+        """Have ``move`` called at motor intervals while something moves; it says whether more is to come."""
         self._movers.append(move)
 
     def wake_motors(self) -> None:
@@ -112,9 +110,7 @@ class Machine:
         self.motion_wanted()
 
     def notifies_itself(self, *names: str) -> None:
-        """The room sends these commands' notifications when something happens, never just for being
-        subscribed.
-        """
+        """These notifications are sent when something happens, never just for having been subscribed."""
         self._own_notifications.update(names)
 
     def changed(self, name: str, address: Known | None = None, extra: Known | None = None) -> None:
@@ -123,14 +119,12 @@ class Machine:
             self._report(client, subscription, extra or {})
 
     def tell(self, client: Client, name: str, values: Known) -> None:
-        """Send one notification of this command to one client; nothing if the catalogue has no such
-        notification.
-        """
+        """Send one notification of this command to one client, if the catalogue has such a notification."""
         for command in self.catalogue.commands:
             if command.name == name and command.notification is not None:
                 client.deliver(self.notification(command, values))
 
-    # --- what the connections use ---------------------------------------------------------------------------------
+    # --- what the connections use -----------------------------------------------------------------
 
     def command_with_id(self, command_id: int) -> Command | None:
         return self._by_id.get(command_id)
@@ -220,7 +214,7 @@ class Machine:
             command.id, encode(fields, self.plausible.complete(fields, *known, _first_codes(command)))
         )
 
-    # --- how it is done -------------------------------------------------------------------------------------------
+    # --- how it is done ---------------------------------------------------------------------------
 
     def _gate(self, client: Client, frame: RequestFrame, command: Command | None) -> int:
         """The protocol errors of a request, before its payload is looked at."""
@@ -260,7 +254,7 @@ class Machine:
     def _report(self, client: Client, subscription: Subscription, extra: Known) -> None:
         """Send a subscriber how things stand now: what the same request would be answered with."""
         command, request = subscription.command, subscription.request
-        # Only a question may be asked again; what changes the machine is not done twice for the sake of a report.
+        # Only a question may be asked again; a change is not made twice for the sake of a report.
         known = (
             self._known(client, command, request)
             if _QUESTION.match(command.name)
@@ -279,9 +273,9 @@ _OPEN_TO_ALL: Final = (
     "GetHeaderVersions",
 )
 _CHANGING: Final = (
-    "Abort Add Calibrate Create Delete Disable Enable Force Ignore LoadCell Modify Protect Recall Remove Rename "
-    "RequestProcess RequestTest Reset Restore Resume Save Send Set Start Stop Terminate Unprotect Update Upload User "
-    "Write"
+    "Abort Add Calibrate Create Delete Disable Enable Force Ignore LoadCell Modify Protect Recall Remove "
+    "Rename RequestProcess RequestTest Reset Restore Resume Save Send Set Start Stop Terminate Unprotect "
+    "Update Upload User Write"
 ).split()
 _NEVER_NEEDING_CONTROL: Final = (
     "ForcedGetExclusiveControl",
@@ -312,9 +306,13 @@ def _first_codes(command: Command) -> Record:
 def honest_words(catalogue: Catalogue) -> Sequence[str]:
     """The honest words about the catalogue that the simulator starts with."""
     standings = catalogue.standings()
+    confirmed, at_site, assumed = (
+        standings.get(one, 0) for one in ("confirmed", "site-confirmed", "assumed")
+    )
     return (
         "This is a simulator, not a machine: no answer below comes from a real one.",
-        f"Of {sum(standings.values())} payload layouts {standings.get('confirmed', 0)} are confirmed, "
-        f"{standings.get('site-confirmed', 0)} were confirmed at a site and {standings.get('assumed', 0)} are assumed.",
-        "Only confirmed layouts are certain; an assumed one may differ from your machine's. Values are made up.",
+        f"Of {sum(standings.values())} payload layouts {confirmed} are confirmed, "
+        f"{at_site} were confirmed at a site and {assumed} are assumed.",
+        "Only confirmed layouts are certain; an assumed one may differ from your machine's. "
+        "Values are made up.",
     )

@@ -78,7 +78,7 @@ class Memory:
         return {name: [link.getter for link in links] for name, links in self._links.items()}
 
     def remember(self, command: Command, request: Record) -> list[tuple[str, Record]]:
-        """Keep what a setter set. Returns the getters that now answer otherwise, with the address concerned."""
+        """Keep what a setter set. Returns the getters that now answer otherwise, with the address."""
         changed: list[tuple[str, Record]] = []
         for link in self._links.get(command.name, ()):
             address = {key: request[key] for key in link.address}

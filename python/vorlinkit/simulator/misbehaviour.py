@@ -16,7 +16,7 @@ from .frames import MajorError, MinorError
 Ending = Literal["half-close", "reset", "close"]
 Moment = Literal["instead", "middle", "after"]
 
-NotificationMaker = Callable[[int | str | None, int, int | None], Sequence[bytes]]
+NotificationMaker = Callable[[int | None, int, int | None], Sequence[bytes]]
 """Makes notification frames: of which command (None: the one that is answered), how many, of which payload
 size.
 """
@@ -217,10 +217,10 @@ class End:
 
 @dataclass(frozen=True)
 class Burst:
-    """This many notifications that nobody asked for come behind the answer, of a command and a payload size."""
+    """Notifications that nobody asked for come behind the answer, of a command and a payload size."""
 
     count: int
-    command: int | str | None
+    command: int | None
     size: int | None
 
     def apply(self, answer: Answer) -> Answer:

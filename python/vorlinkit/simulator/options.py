@@ -73,7 +73,7 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="python3 -m vorlinkit.simulator",
-        description="A simulated sorting machine that speaks VORLIN, to develop against when no machine is at hand.",
+        description="A simulated sorting machine that speaks VORLIN, for when no real one is at hand.",
         epilog=_EPILOGUE,
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )

@@ -201,7 +201,7 @@ def _chosen(field: VariantField, known: Sequence[Known], given: Variant | None, 
 
 
 def _selectors(fields: Sequence[Field]) -> Mapping[str, Sequence[int]]:
-    """The discriminators that fields of this record may have to be, with the values that name an alternative."""
+    """The discriminators among the fields of a record, with the values that name an alternative."""
     found: dict[str, list[int]] = {}
     for field in fields:
         if isinstance(field, VariantField):

@@ -1,4 +1,4 @@
-"""A record as one line of JSON, in the form that the client library gives it: for events and for comparing."""
+"""A record as one line of JSON, in the form of the client library: for events and for comparing."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ def to_json(command: Command, fields: Sequence[Field], record: Record) -> str:
 
 
 def describe_bits(rows: Sequence[CodedValue], value: int) -> str:
-    """The texts of a command error: every row that shares a bit with the value, then the bits without a row."""
+    """The texts of a command error: every row that shares a bit, then the bits without a row."""
     if value == 0:
         return "Success"
     texts = [row.text + "; " for row in rows if row.code & value]

@@ -134,6 +134,8 @@ def _plain(value: object) -> str:
 
 def _rule(text: str, table: Mapping[str, Any], catalogue: Catalogue) -> Rule:
     _known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
+    if "of" in table:
+        table = {**table, "of": _command_id(table["of"], catalogue)}
     actions = tuple(
         build(name, table[name], table) for name in ACTIONS if table.get(name, False) is not False
     )

@@ -10,6 +10,7 @@ from typing import Any
 
 from vorlinkit.catalogue import Catalogue
 
+from .bursts import maker
 from .clock import Clock
 from .connection import ClientConnection
 from .events import EventLog
@@ -117,7 +118,7 @@ class SimulatorServer:
                     raise ScenarioError(f"there is no command {name}")
                 connection.send_unsolicited([self.machine.notification(definition, words)] * count)
             else:
-                connection.send_unsolicited(connection.make_notifications(command, count, size))
+                connection.send_unsolicited(maker(self.machine, connection.client)(command, count, size))
 
     def _control_end(self, how: Any, text: str) -> None:
         only = parse_text(text).get("connection")

@@ -1,4 +1,4 @@
-"""Modes: stored sort programs, one of which is the current one; users make, rename, guard and delete their own."""
+"""Modes: stored sort programs, one of them the current one; users make, guard and delete their own."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ RECALLED: Final = 2
 """The simulator's own numbers: mode types, list actions, and the status of a recall that is done."""
 
 REFUSED: Final = 0x0001
-"""What errors these commands know is not settled, so the simulator refuses with this bit, which has no text."""
+"""Which errors these commands know is not settled: the simulator refuses with a bit that has no text."""
 
 
 @dataclass
