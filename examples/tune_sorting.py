@@ -33,7 +33,7 @@ class Machine:
             raise SystemExit(problem)
         self._told = queue.Queue()
 
-    def ask(self, name, **values):
+    def ask(self, name, /, **values):
         """Send the request ``name`` with these values and return the decoded answer."""
         payload = b""
         if values:
@@ -48,7 +48,7 @@ class Machine:
         print(f"{name}\n    {getattr(vorlin, f'{name}_response_to_json')(response)}")
         return response
 
-    def watch(self, name, **values):
+    def watch(self, name, /, **values):
         """Subscribe, and have every notification put where ``told`` finds it."""
         decode = getattr(vorlin, f"decode_{name}_notification")
         number = getattr(vorlin, f"{name.upper()}_COMMAND_ID")
