@@ -13,9 +13,12 @@ endif()
 
 # Log records name the class that wrote them, on every machine and with every compiler: the location of
 # FILES reads NAME instead of a path of the build machine.
+# The compiler may be given the file's full path, or (compiler caches rewrite it so) the path from the build tree.
 function(vorlinkit_log_location target name)
   foreach(file IN LISTS ARGN)
+    set(full ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+    file(RELATIVE_PATH from_build_tree ${CMAKE_BINARY_DIR} ${full})
     set_property(SOURCE ${file} TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS
-                 -fmacro-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}/${file}=${name})
+                 -fmacro-prefix-map=${full}=${name} -fmacro-prefix-map=${from_build_tree}=${name})
   endforeach()
 endfunction()

@@ -1,6 +1,7 @@
 // A connection's life: read, write, close, loss.
 #include "TcpTransport.hpp"
 
+#include "Deadline.hpp"
 #include "Log.hpp"
 
 #include <utility>
@@ -55,14 +56,40 @@ asio::awaitable<std::expected<void, Error>> TcpTransport::write(std::vector<std:
   std::error_code failure;
   std::size_t written = socket_.write_some(asio::buffer(bytes), failure);
   if (failure == asio::error::would_block || failure == asio::error::try_again) failure.clear();
-  if (!failure && written < bytes.size()) {
-    const auto rest = asio::buffer(bytes) + written;
-    co_await asio::async_write(socket_, rest, asio::redirect_error(asio::use_awaitable, failure));
-  }
+  if (!failure && written < bytes.size()) failure = co_await writeRest(std::span(bytes).subspan(written));
   if (!failure) co_return std::expected<void, Error>();
 
   if (connected_ && connection == connection_) onDisconnected(*connection, failure);
   co_return std::unexpected(transportError("Write failed: ", failure));
+}
+
+/// Writes what the socket did not take at once. A peer that takes nothing for `request_timeout` has stopped
+/// reading: nobody waits longer for that than for an answer.
+asio::awaitable<std::error_code> TcpTransport::writeRest(std::span<const std::byte> rest) {
+  struct Watch {
+    bool over = false;
+    bool stalled = false;
+  };
+  const auto watch = std::make_shared<Watch>(); // the timer may fire when the write has just ended
+  const auto connection = connection_;
+  asio::steady_timer patience(executor_);
+  std::error_code failure;
+  while (!rest.empty() && !failure) {
+    if (config_.request_timeout.count() > 0) {
+      patience.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.request_timeout));
+      patience.async_wait([this, watch, connection](std::error_code cancelled) {
+        if (cancelled || watch->over) return;
+        watch->stalled = true;
+        onDisconnected(*connection, asio::error::timed_out);
+      });
+    }
+    const std::size_t written = co_await socket_.async_write_some(asio::buffer(rest.data(), rest.size()),
+                                                                  asio::redirect_error(asio::use_awaitable, failure));
+    rest = rest.subspan(written);
+  }
+  watch->over = true;
+  if (watch->stalled && failure) failure = asio::error::timed_out;
+  co_return failure;
 }
 
 asio::awaitable<std::expected<void, Error>> TcpTransport::close() {

@@ -70,6 +70,7 @@ private:
 
   // A connection's life (TcpTransport.cpp)
   asio::awaitable<void> readLoop(std::shared_ptr<Connection> connection);
+  asio::awaitable<std::error_code> writeRest(std::span<const std::byte> rest);
   void deliver(std::span<const std::byte> chunk);
   void onDisconnected(Connection& connection, std::error_code reason);
   void reportState(bool connected, const std::string& reason);
