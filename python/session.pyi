@@ -6,7 +6,7 @@ variant stores copies; elements that were read before keep what they looked at.
 """
 
 from collections.abc import Callable, Sequence
-from typing import ClassVar, Generic, Literal, TypeVar, overload
+from typing import ClassVar, Generic, Literal, NoReturn, TypeVar, overload
 
 _Item = TypeVar("_Item")
 
@@ -132,6 +132,7 @@ Rx: FrameDirection
 class FieldCodedValue:
     """One row of a coded field's table. A copy: changing it changes no table. Comes only from the library."""
 
+    def __init__(self, *args: object, **kwargs: object) -> NoReturn: ...
     code: int
     """Field value or flag mask, 0 to 65535."""
     @property
@@ -141,6 +142,7 @@ class FieldCodedValue:
 class FieldCodedValues:
     """The known codes of a coded field. Comes only from the library."""
 
+    def __init__(self, *args: object, **kwargs: object) -> NoReturn: ...
     kind: CodedValueKind
     """Whether the codes are values or flags."""
     @property
