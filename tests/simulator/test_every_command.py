@@ -2,7 +2,11 @@
 
 from __future__ import annotations
 
+import ast
+import subprocess
+import sys
 from collections.abc import Iterator
+from pathlib import Path
 
 import pytest
 
@@ -181,6 +185,27 @@ def test_both_layouts_of_a_shared_id(catalogue: catalogues.Catalogue) -> None:
         assert response["NumberOfModes"] == len(response["listOfModes"]) > 0  # type: ignore[arg-type]
 
 
+def test_periodic_notifications_pass_over_who_does_not_read(catalogue: catalogues.Catalogue) -> None:
+    talk = Talk(catalogue)
+    talk.ask(catalogue.named("GetFeedRate"), NotificationLevel=1)
+    assert talk.machine.report_all() == 1
+    talk.client.lags = lambda: True
+    assert talk.machine.report_all() == 0
+
+
+def test_a_corrected_layout_corrects_what_is_remembered(tmp_path: Path) -> None:
+    path = tmp_path / "catalogue.json"
+    words = [sys.executable, "-m", "generator", "--overlay", "examples/overlay", "--json", str(path)]
+    subprocess.run(words, cwd=ROOT, check=True)
+    corrected = catalogues.load(path)
+    assert corrected.standings()["site-confirmed"] > 0
+    talk = Talk(corrected)
+    talk.ask(corrected.named("SetEjectorRateLimit"), DivisionNumber=2, EjectorRateLimit=90000)
+    _, second = talk.ask(corrected.named("GetEjectorRateLimit"), DivisionNumber=2)
+    _, third = talk.ask(corrected.named("GetEjectorRateLimit"), DivisionNumber=3)
+    assert second["EjectorRateLimit"] == 90000 != third["EjectorRateLimit"]
+
+
 def test_without_a_catalogue_it_says_how_to_get_one(tmp_path: object) -> None:
     with pytest.raises(catalogues.CatalogueError, match="cmake --preset release"):
         catalogues.load(f"{tmp_path}/none.json")
@@ -194,9 +219,6 @@ def test_layout_status_knows_every_message(catalogue: catalogues.Catalogue) -> N
 
 
 def test_the_package_stands_on_the_standard_library_alone() -> None:
-    import ast
-    import sys
-
     for path in (ROOT / "python" / "vorlinkit").rglob("*.py"):
         for node in ast.walk(ast.parse(path.read_text(encoding="utf-8"))):
             names = [one.name for one in node.names] if isinstance(node, ast.Import) else []

@@ -22,6 +22,7 @@ from .subscriptions import Client
 BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000
 """Requests with longer payloads are told without their values."""
+LONGEST_BACKLOG: Final = 1000
 LAST_PATIENCE: Final = 1.0
 """How many seconds a client that sends no more gets to take its last answers."""
 
@@ -54,7 +55,7 @@ class ClientConnection:
         scenario: Scenario,
         events: EventLog,
     ) -> None:
-        self.client = Client(number, self._deliver)
+        self.client = Client(number, self._deliver, self._lags)
         self._reader = reader
         self._writer = writer
         self._machine = machine
@@ -176,6 +177,9 @@ class ClientConnection:
             self._held_back.append(frame)
         else:
             self._put(Outgoing([frame], frames=1))
+
+    def _lags(self) -> bool:
+        return self._outbox.qsize() > LONGEST_BACKLOG
 
     def _send_answer(self, answer: Answer, asked: int) -> None:
         response = answer.response()

@@ -151,9 +151,14 @@ class Machine:
         return any([mover() for mover in self._movers])
 
     def report_all(self) -> int:
-        """Repeat every subscription's notification as things stand now; says how many were sent."""
+        """Repeat every subscription's notification as things stand now; says how many were sent.
+
+        A client that has stopped reading is passed over, or what waits for it would grow without end.
+        """
         sent = 0
         for client in self.clients:
+            if client.lags():
+                continue
             for subscription in list(client.subscriptions):
                 if subscription.command.name not in self._own_notifications:
                     self._report(client, subscription, {})

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import queue
@@ -76,8 +77,12 @@ class SimulatorProcess:
         )
         threading.Thread(target=self._read, args=(self._process,), daemon=True).start()
         deadline = time.monotonic() + self._timeout
-        while not self.port:
-            self._take_line(deadline, "to listen")
+        try:
+            while not self.port:
+                self._take_line(deadline, "to listen")
+        except SimulatorFailed:
+            self.stop()
+            raise
         return self
 
     def __exit__(
@@ -147,7 +152,8 @@ class SimulatorProcess:
             raise SimulatorFailed("the simulator did not stop by itself\n" + self._so_far()) from None
         finally:
             if process.stdin is not None:
-                process.stdin.close()
+                with contextlib.suppress(OSError):  # what was still to be written has nobody to read it
+                    process.stdin.close()
 
     def _read(self, process: subprocess.Popen[str]) -> None:
         assert process.stdout is not None

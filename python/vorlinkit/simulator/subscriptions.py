@@ -17,10 +17,12 @@ class Client:
     """One connected client, as the machine knows it.
 
     ``id`` is 0 until the client asks for one. ``deliver`` takes a whole notification frame; it never blocks.
+    ``lags`` says whether much of what was delivered has not been taken yet.
     """
 
     number: int
     deliver: Callable[[bytes], None]
+    lags: Callable[[], bool] = lambda: False
     id: int = 0
     registered_for_control: bool = False
     subscriptions: list[Subscription] = field(default_factory=list)
