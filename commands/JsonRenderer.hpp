@@ -27,32 +27,16 @@ struct TextBound {
 };
 inline constexpr std::size_t punctuation = std::string_view(R"(, "": "")").size();
 
-template <class Record> consteval TextBound record_bound();
-
-template <auto Member> consteval TextBound field_bound(Number<Member>, std::size_t key) {
-  // One byte to spare, since short numbers are stored four characters at a time.
-  return {punctuation + key + max_digits<value_of<Member>> + 1, true};
-}
-template <auto Member, const FieldCodedValues& Table>
-consteval TextBound field_bound(Coded<Member, Table>, std::size_t key) {
-  constexpr auto desc = std::string_view("_Desc").size();
-  return {2 * (punctuation + key) + desc + max_digits<value_of<Member>> + 1, false};
-}
-template <auto Member> consteval TextBound field_bound(Text<Member>, std::size_t key) {
-  return {punctuation + key, false};
-}
-template <auto Member> consteval TextBound field_bound(Uuid<Member>, std::size_t key) {
-  return {punctuation + key, false};
-}
-template <auto Member, auto Count> consteval TextBound field_bound(Items<Member, Count>, std::size_t key) {
-  return {punctuation + key, false};
-}
-template <auto Member, auto On, class... Whens>
-consteval TextBound field_bound(Choice<Member, On, Whens...>, std::size_t) {
-  return {0, false};
-}
-template <auto Member, class... Whens> consteval TextBound field_bound(LeadingChoice<Member, Whens...>, std::size_t) {
-  return {0, false};
+template <class Field> consteval TextBound field_bound(std::size_t key) {
+  // Numbers have one byte to spare, since short ones are stored four characters at a time.
+  if constexpr (Field::kind == FieldKind::Number)
+    return {punctuation + key + max_digits<Held<Field>> + 1, true};
+  else if constexpr (Field::kind == FieldKind::Coded)
+    return {2 * (punctuation + key) + std::string_view("_Desc").size() + max_digits<Held<Field>> + 1, false};
+  else if constexpr (is_choice(Field::kind))
+    return {0, false};
+  else
+    return {punctuation + key, false};
 }
 
 template <class Record, class... Fields> consteval TextBound fields_bound(FieldList<Fields...>) {
@@ -61,71 +45,53 @@ template <class Record, class... Fields> consteval TextBound fields_bound(FieldL
   const auto add = [&](TextBound bound) {
     fixed += bound.fixed;
     exact = exact && bound.exact;
-    ++index;
   };
-  (add(field_bound(Fields{}, Layout<Record>::keys[index].size())), ...);
+  (add(field_bound<Fields>(Layout<Record>::keys[index++].size())), ...);
   return {fixed, exact};
 }
 
-template <class Record> consteval TextBound record_bound() {
-  return fields_bound<Record>(typename Layout<Record>::Fields{});
-}
+template <class Record>
+inline constexpr TextBound record_bound = fields_bound<Record>(typename Layout<Record>::Fields{});
 
 /// What the value at hand adds to the fixed bound of its record.
 template <class Record> std::size_t extra_text(const Record& record);
-
-template <class Field, class Record> std::size_t extra_field_text(Field, const Record&) { return 0; }
-
-template <auto Member, const FieldCodedValues& Table, class Record>
-std::size_t extra_field_text(Coded<Member, Table>, const Record& record) {
-  constexpr auto success = std::string_view("Success").size();
-  return Table.kind == CodedValueKind::Bitfield && record.*Member == 0 ? success : description_bound(Table);
-}
-
-template <auto Member, class Record> std::size_t extra_field_text(Text<Member>, const Record& record) {
-  return (record.*Member).size();
-}
-
-template <auto Member, class Record> std::size_t extra_field_text(Uuid<Member>, const Record& record) {
-  return (record.*Member).size();
-}
-
-template <auto Member, auto Count, class Record>
-std::size_t extra_field_text(Items<Member, Count>, const Record& record) {
-  const auto& items = record.*Member;
-  using Item = typename value_of<Member>::value_type;
-  constexpr auto bound = record_bound<Item>();
-  std::size_t size = items.size() * (bound.fixed + 2);
-  if constexpr (!bound.exact)
-    for (const auto& item : items)
-      size += extra_text(item);
-  return size;
-}
 
 template <class Variant, std::size_t... I>
 std::size_t extra_variant_text(std::index_sequence<I...>, const Variant& variant) {
   std::size_t size = 0;
   const auto add = [&size](const auto& record) {
-    size = record_bound<std::remove_cvref_t<decltype(record)>>().fixed + extra_text(record);
+    size = record_bound<std::remove_cvref_t<decltype(record)>>.fixed + extra_text(record);
     return true;
   };
   static_cast<void>(((variant.index() == I && add(*std::get_if<I>(&variant))) || ...));
   return size;
 }
 
-template <auto Member, auto On, class... Whens, class Record>
-std::size_t extra_field_text(Choice<Member, On, Whens...>, const Record& record) {
-  return extra_variant_text(std::index_sequence_for<Whens...>{}, record.*Member);
-}
-
-template <auto Member, class... Whens, class Record>
-std::size_t extra_field_text(LeadingChoice<Member, Whens...>, const Record& record) {
-  return extra_variant_text(std::index_sequence_for<Whens...>{}, record.*Member);
+template <class Field, class Record> std::size_t extra_field_text(const Record& record) {
+  if constexpr (Field::kind == FieldKind::Coded) {
+    constexpr auto success = std::string_view("Success").size();
+    const bool is_success = Field::table.kind == CodedValueKind::Bitfield && record.*Field::member == 0;
+    return is_success ? success : description_bound(Field::table);
+  } else if constexpr (Field::kind == FieldKind::Text || Field::kind == FieldKind::Uuid) {
+    return (record.*Field::member).size();
+  } else if constexpr (Field::kind == FieldKind::Items) {
+    constexpr auto bound = record_bound<typename Held<Field>::value_type>;
+    std::size_t size = (record.*Field::member).size() * (bound.fixed + 2);
+    if constexpr (!bound.exact)
+      for (const auto& item : record.*Field::member)
+        size += extra_text(item);
+    return size;
+  } else if constexpr (is_choice(Field::kind)) {
+    constexpr auto indices = std::make_index_sequence<std::variant_size_v<Held<Field>>>{};
+    return extra_variant_text(indices, record.*Field::member);
+  } else {
+    return 0;
+  }
 }
 
 template <class Record, class... Fields>
 std::size_t extra_fields_text(FieldList<Fields...>, const Record& record) {
-  return (std::size_t{0} + ... + extra_field_text(Fields{}, record));
+  return (std::size_t{0} + ... + extra_field_text<Fields>(record));
 }
 
 template <class Record> std::size_t extra_text(const Record& record) {
@@ -154,50 +120,26 @@ template <class Record, std::size_t Index, bool First> char* write_key(char* to)
   return write_literal(to + key.size(), "\": ");
 }
 
-template <class Record> char* write_object(char* to, const Record& record);
-template <class Record, bool First, class... Fields, std::size_t... I>
-char* write_entries(char* to, const Record& record, FieldList<Fields...>, std::index_sequence<I...>);
-
-template <std::size_t Index, bool First, auto Member, class Record>
-char* write_entry(Number<Member>, char* to, const Record& record) {
-  return write_decimal(write_key<Record, Index, First>(to), record.*Member);
-}
-
-template <std::size_t Index, bool First, auto Member, const FieldCodedValues& Table, class Record>
-char* write_entry(Coded<Member, Table>, char* to, const Record& record) {
-  constexpr std::string_view key = Layout<Record>::keys[Index];
-  const auto value = record.*Member;
-  to = write_decimal(write_key<Record, Index, First>(to), value);
+/// A number's entry is followed by that of its description.
+template <class Field, class Record>
+char* write_coded(char* to, std::string_view key, const Record& record) {
+  const auto value = record.*Field::member;
+  to = write_decimal(to, value);
   to = write_literal(to, ", \"");
-  std::memcpy(to, key.data(), key.size());
-  to = write_literal(to + key.size(), "_Desc\": \"");
-  if (Table.kind == CodedValueKind::Bitfield && value == 0)
+  to = write_bytes(to, key);
+  to = write_literal(to, "_Desc\": \"");
+  if (Field::table.kind == CodedValueKind::Bitfield && value == 0)
     to = write_literal(to, "Success");
   else
-    to = write_description(to, Table, value);
+    to = write_description(to, Field::table, value);
   *to++ = '"';
   return to;
 }
 
-template <std::size_t Index, bool First, auto Member, class Record>
-char* write_entry(Text<Member>, char* to, const Record& record) {
-  to = write_key<Record, Index, First>(to);
-  *to++ = '"';
-  to = write_bytes(to, record.*Member);
-  *to++ = '"';
-  return to;
-}
+template <class Record> char* write_object(char* to, const Record& record);
 
-template <std::size_t Index, bool First, auto Member, class Record>
-char* write_entry(Uuid<Member>, char* to, const Record& record) {
-  return write_entry<Index, First>(Text<Member>{}, to, record);
-}
-
-template <std::size_t Index, bool First, auto Member, auto Count, class Record>
-char* write_entry(Items<Member, Count>, char* to, const Record& record) {
-  to = write_key<Record, Index, First>(to);
+template <class Item> char* write_list(char* to, const std::vector<Item>& items) {
   *to++ = '[';
-  const auto& items = record.*Member;
   for (const auto& item : items) {
     to = write_object(to, item);
     to = write_literal(to, ", ");
@@ -208,39 +150,51 @@ char* write_entry(Items<Member, Count>, char* to, const Record& record) {
   return to;
 }
 
+template <bool First, class Record> char* write_entries(char* to, const Record& record);
+
 /// The fields of the alternative that is held stand among those of the record that holds it.
 template <bool First, class Variant, std::size_t... I>
 char* write_held(std::index_sequence<I...>, char* to, const Variant& variant) {
-  const auto write = [&to](const auto& record) {
-    using Held = std::remove_cvref_t<decltype(record)>;
-    using Fields = typename Layout<Held>::Fields;
-    to = write_entries<Held, First>(to, record, Fields{}, std::make_index_sequence<std::size(Layout<Held>::keys)>{});
-    return true;
-  };
-  static_cast<void>(((variant.index() == I && write(*std::get_if<I>(&variant))) || ...));
+  static_cast<void>(
+      ((variant.index() == I && (to = write_entries<First>(to, *std::get_if<I>(&variant)), true)) || ...));
   return to;
 }
 
-template <std::size_t Index, bool First, auto Member, auto On, class... Whens, class Record>
-char* write_entry(Choice<Member, On, Whens...>, char* to, const Record& record) {
-  return write_held<First>(std::index_sequence_for<Whens...>{}, to, record.*Member);
+template <class Field, std::size_t Index, bool First, class Record> char* write_entry(char* to, const Record& record) {
+  const auto& value = record.*Field::member;
+  if constexpr (is_choice(Field::kind)) {
+    return write_held<First>(std::make_index_sequence<std::variant_size_v<Held<Field>>>{}, to, value);
+  } else {
+    to = write_key<Record, Index, First>(to);
+    if constexpr (Field::kind == FieldKind::Number) {
+      return write_decimal(to, value);
+    } else if constexpr (Field::kind == FieldKind::Coded) {
+      return write_coded<Field>(to, Layout<Record>::keys[Index], record);
+    } else if constexpr (Field::kind == FieldKind::Items) {
+      return write_list(to, value);
+    } else {
+      *to++ = '"';
+      to = write_bytes(to, value);
+      *to++ = '"';
+      return to;
+    }
+  }
 }
 
-template <std::size_t Index, bool First, auto Member, class... Whens, class Record>
-char* write_entry(LeadingChoice<Member, Whens...>, char* to, const Record& record) {
-  return write_held<First>(std::index_sequence_for<Whens...>{}, to, record.*Member);
-}
-
-template <class Record, bool First, class... Fields, std::size_t... I>
-char* write_entries(char* to, const Record& record, FieldList<Fields...>, std::index_sequence<I...>) {
-  ((to = write_entry<I, First && I == 0>(Fields{}, to, record)), ...);
+template <bool First, class Record, class... Fields, std::size_t... I>
+char* write_fields(FieldList<Fields...>, std::index_sequence<I...>, char* to, const Record& record) {
+  ((to = write_entry<Fields, I, First && I == 0>(to, record)), ...);
   return to;
+}
+
+template <bool First, class Record> char* write_entries(char* to, const Record& record) {
+  constexpr auto indices = std::make_index_sequence<std::size(Layout<Record>::keys)>{};
+  return write_fields<First>(typename Layout<Record>::Fields{}, indices, to, record);
 }
 
 template <class Record> char* write_object(char* to, const Record& record) {
   *to++ = '{';
-  using Fields = typename Layout<Record>::Fields;
-  to = write_entries<Record, true>(to, record, Fields{}, std::make_index_sequence<std::size(Layout<Record>::keys)>{});
+  to = write_entries<true>(to, record);
   *to++ = '}';
   return to;
 }
@@ -248,7 +202,7 @@ template <class Record> char* write_object(char* to, const Record& record) {
 /// The JSON text of one message.
 template <class Message> std::string to_json(const Message& message) {
   std::string text;
-  text.resize_and_overwrite(record_bound<Message>().fixed + extra_text(message), [&](char* to, std::size_t) {
+  text.resize_and_overwrite(record_bound<Message>.fixed + extra_text(message), [&](char* to, std::size_t) {
     return static_cast<std::size_t>(write_object(to, message) - to);
   });
   return text;

@@ -26,44 +26,80 @@ template <class... Fields> struct FieldList {};
 
 namespace detail {
 template <class Member> struct member_of;
-template <class Value, class Record> struct member_of<Value Record::*> {
+template <class Value, class Record> struct member_of<Value Record::* const> {
   using value = Value;
   using record = Record;
 };
 } // namespace detail
 
-template <auto Member> using value_of = typename detail::member_of<decltype(Member)>::value;
-template <auto Member> using record_of = typename detail::member_of<decltype(Member)>::record;
+template <auto Member> using value_of = typename detail::member_of<const decltype(Member)>::value;
+template <auto Member> using record_of = typename detail::member_of<const decltype(Member)>::record;
+
+/// What a field is. The templates that act on fields tell them apart by this alone.
+enum class FieldKind { Number, Coded, Text, Uuid, Items, Choice, LeadingChoice };
 
 /// An unsigned integer, as wide on the wire as in the struct.
-template <auto Member> struct Number {};
+template <auto Member> struct Number {
+  static constexpr auto kind = FieldKind::Number;
+  static constexpr auto member = Member;
+};
 /// A number whose codes have texts; `Table` is its FieldCodedValues.
-template <auto Member, const FieldCodedValues& Table> struct Coded {};
+template <auto Member, const FieldCodedValues& Table> struct Coded {
+  static constexpr auto kind = FieldKind::Coded;
+  static constexpr auto member = Member;
+  static constexpr const FieldCodedValues& table = Table;
+};
 /// Bytes that end at the first 0.
-template <auto Member> struct Text {};
+template <auto Member> struct Text {
+  static constexpr auto kind = FieldKind::Text;
+  static constexpr auto member = Member;
+};
 /// 16 bytes on the wire, held as text of 36 characters.
-template <auto Member> struct Uuid {};
+template <auto Member> struct Uuid {
+  static constexpr auto kind = FieldKind::Uuid;
+  static constexpr auto member = Member;
+};
 /// As many records as the number `Count`, read earlier in the same record, says.
-template <auto Member, auto Count> struct Items {};
+template <auto Member, auto Count> struct Items {
+  static constexpr auto kind = FieldKind::Items;
+  static constexpr auto member = Member;
+  static constexpr auto count = Count;
+};
 
 /// The discriminator values that select one alternative.
 template <std::uint64_t... Values> struct When {};
-/// One of several records. `On` is the number that chooses: a member of a record that was read earlier
-/// (`Choice`), or the first field of every alternative (`LeadingChoice`). The Whens stand in the order
-/// of the alternatives of the std::variant.
-template <auto Member, auto On, class... Whens> struct Choice {};
-template <auto Member, class... Whens> struct LeadingChoice {};
+template <class... Each> struct WhenList {};
+
+/// One of several records. `On` is the number that chooses, a member of a record that was read earlier.
+/// The Whens stand in the order of the alternatives of the std::variant.
+template <auto Member, auto On, class... Whens> struct Choice {
+  static constexpr auto kind = FieldKind::Choice;
+  static constexpr auto member = Member;
+  static constexpr auto on = On;
+  using whens = WhenList<Whens...>;
+};
+/// The same, where the number that chooses is the first field of every alternative.
+template <auto Member, class... Whens> struct LeadingChoice {
+  static constexpr auto kind = FieldKind::LeadingChoice;
+  static constexpr auto member = Member;
+  using whens = WhenList<Whens...>;
+};
+
+constexpr bool is_number(FieldKind kind) { return kind == FieldKind::Number || kind == FieldKind::Coded; }
+constexpr bool is_choice(FieldKind kind) { return kind == FieldKind::Choice || kind == FieldKind::LeadingChoice; }
+
+/// The type of a field's member in its struct.
+template <class Field> using Held = value_of<Field::member>;
 
 // -- sizes on the wire, known when compiling ------------------------------------------------------------
 
-template <class Record> consteval std::size_t least_size();
-template <class Record> consteval std::size_t fixed_size();
-
-/// What all fields of one kind have in common: the least bytes on the wire, and whether it is always that.
+/// The least bytes of a field or record on the wire, and whether it always has just those.
 struct WireSize {
   std::size_t least;
   bool fixed;
 };
+
+template <class Record> consteval std::size_t least_size();
 
 namespace detail {
 template <class Variant> struct alternatives;
@@ -74,37 +110,35 @@ template <template <class...> class Variant, class... Alternatives> struct alter
     return result;
   }
 };
-} // namespace detail
 
-template <auto Member> consteval WireSize wire_size(Number<Member>) { return {sizeof(value_of<Member>), true}; }
-template <auto Member, const FieldCodedValues& Table> consteval WireSize wire_size(Coded<Member, Table>) {
-  return {sizeof(value_of<Member>), true};
-}
-template <auto Member> consteval WireSize wire_size(Text<Member>) { return {1, false}; }
-template <auto Member> consteval WireSize wire_size(Uuid<Member>) { return {16, true}; }
-template <auto Member, auto Count> consteval WireSize wire_size(Items<Member, Count>) { return {0, false}; }
-template <auto Member, auto On, class... Whens> consteval WireSize wire_size(Choice<Member, On, Whens...>) {
-  return {detail::alternatives<value_of<Member>>::least(), false};
-}
-template <auto Member, class... Whens> consteval WireSize wire_size(LeadingChoice<Member, Whens...>) {
-  return {detail::alternatives<value_of<Member>>::least(), false};
+template <class Field> consteval WireSize field_size() {
+  if constexpr (is_number(Field::kind))
+    return {sizeof(Held<Field>), true};
+  else if constexpr (Field::kind == FieldKind::Uuid)
+    return {16, true};
+  else if constexpr (Field::kind == FieldKind::Text)
+    return {1, false};
+  else if constexpr (Field::kind == FieldKind::Items)
+    return {0, false};
+  else
+    return {alternatives<Held<Field>>::least(), false};
 }
 
 template <class... Fields> consteval WireSize total_size(FieldList<Fields...>) {
-  return {(std::size_t{0} + ... + wire_size(Fields{}).least), (wire_size(Fields{}).fixed && ...)};
+  return {(std::size_t{0} + ... + field_size<Fields>().least), (field_size<Fields>().fixed && ...)};
 }
+template <class Record> inline constexpr WireSize record_size = total_size(typename Layout<Record>::Fields{});
+} // namespace detail
 
 /// No record on the wire is shorter than this; never 0, as no record is without fields.
 template <class Record> consteval std::size_t least_size() {
-  constexpr std::size_t size = total_size(typename Layout<Record>::Fields{}).least;
-  static_assert(size > 0, "an item without bytes would let a list count promise anything");
-  return size;
+  static_assert(detail::record_size<Record>.least > 0, "items without bytes would let a count promise anything");
+  return detail::record_size<Record>.least;
 }
 
 /// The size of a record that always has the same, otherwise 0.
 template <class Record> consteval std::size_t fixed_size() {
-  constexpr WireSize size = total_size(typename Layout<Record>::Fields{});
-  return size.fixed ? size.least : 0;
+  return detail::record_size<Record>.fixed ? detail::record_size<Record>.least : 0;
 }
 
 } // namespace vorlinkit::commands

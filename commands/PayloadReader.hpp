@@ -7,7 +7,6 @@
 #include "ReadFailure.hpp"
 #include "UuidText.hpp"
 
-#include <cstring>
 #include <expected>
 #include <span>
 #include <string>
@@ -36,46 +35,39 @@ template <class Value> consteval ReadFailure shortage() {
     return ReadFailure::NoUint32;
 }
 
-template <class Field> struct FieldShortage;
-template <auto Member> struct FieldShortage<Number<Member>> {
-  static constexpr ReadFailure value = shortage<value_of<Member>>();
-};
-template <auto Member, const FieldCodedValues& Table> struct FieldShortage<Coded<Member, Table>> {
-  static constexpr ReadFailure value = shortage<value_of<Member>>();
-};
-template <auto Member> struct FieldShortage<Uuid<Member>> {
-  static constexpr ReadFailure value = ReadFailure::NoUuid;
-};
-
 // -- records of fixed size: one check for all fields ------------------------------------------------------
 
-template <auto Member, class Record> void load_field(Number<Member>, const std::byte*& from, Record& record) {
-  record.*Member = load_big_endian<value_of<Member>>(from);
-  from += sizeof(value_of<Member>);
-}
-
-template <auto Member, const FieldCodedValues& Table, class Record>
-void load_field(Coded<Member, Table>, const std::byte*& from, Record& record) {
-  load_field(Number<Member>{}, from, record);
-}
-
-template <auto Member, class Record> void load_field(Uuid<Member>, const std::byte*& from, Record& record) {
-  record.*Member = uuid_text(from);
-  from += 16;
+template <class Field, class Record> void load_field(const std::byte*& from, Record& record) {
+  if constexpr (Field::kind == FieldKind::Uuid) {
+    record.*Field::member = uuid_text(from);
+    from += 16;
+  } else {
+    using Value = Held<Field>;
+    record.*Field::member = load_big_endian<Value>(from);
+    from += sizeof(Value);
+  }
 }
 
 template <class Record, class... Fields>
 void load_fields(FieldList<Fields...>, const std::byte* from, Record& record) {
-  (load_field(Fields{}, from, record), ...);
+  (load_field<Fields>(from, record), ...);
+}
+
+/// Whether the bytes run out at this field of a fixed-size record; `needed` counts up to its end.
+template <class Field> bool runs_out(std::size_t& needed, std::size_t remaining, ReadFailure& failure) noexcept {
+  if constexpr (Field::kind == FieldKind::Uuid)
+    failure = ReadFailure::NoUuid;
+  else
+    failure = shortage<Held<Field>>();
+  needed += detail::field_size<Field>().least;
+  return needed > remaining;
 }
 
 /// Which field of a fixed-size record is the first that `remaining` bytes cannot hold.
 template <class... Fields> ReadFailure first_shortage(FieldList<Fields...>, std::size_t remaining) noexcept {
   auto failure = ReadFailure::None;
   std::size_t needed = 0;
-  static_cast<void>(((needed += wire_size(Fields{}).least,
-                      needed > remaining ? (failure = FieldShortage<Fields>::value, true) : false) ||
-                     ...));
+  static_cast<void>((runs_out<Fields>(needed, remaining, failure) || ...));
   return failure;
 }
 
@@ -85,65 +77,7 @@ template <class... Fields> ReadFailure first_shortage(FieldList<Fields...>, std:
 template <class Record, class... Outer>
 ReadFailure read_record(PayloadCursor& cursor, Record& record, const Outer&... outer);
 
-template <class Record, class... Outer, class... Fields>
-ReadFailure read_fields(FieldList<Fields...>, PayloadCursor& cursor, Record& record, const Outer&... outer) {
-  auto failure = ReadFailure::None;
-  static_cast<void>((((failure = read_field(Fields{}, cursor, record, outer...)) == ReadFailure::None) && ...));
-  return failure;
-}
-
-template <auto Member, class Record, class... Outer>
-ReadFailure read_field(Number<Member>, PayloadCursor& cursor, Record& record, const Outer&...) {
-  using Value = value_of<Member>;
-  if (cursor.remaining() < sizeof(Value)) [[unlikely]]
-    return shortage<Value>();
-  load_field(Number<Member>{}, cursor.at, record);
-  return ReadFailure::None;
-}
-
-template <auto Member, const FieldCodedValues& Table, class Record, class... Outer>
-ReadFailure read_field(Coded<Member, Table>, PayloadCursor& cursor, Record& record, const Outer&...) {
-  return read_field(Number<Member>{}, cursor, record);
-}
-
-template <auto Member, class Record, class... Outer>
-ReadFailure read_field(Uuid<Member> field, PayloadCursor& cursor, Record& record, const Outer&...) {
-  if (cursor.remaining() < 16) [[unlikely]]
-    return ReadFailure::NoUuid;
-  load_field(field, cursor.at, record);
-  return ReadFailure::None;
-}
-
-inline ReadFailure read_text(PayloadCursor& cursor, std::string& text) {
-  const auto length = cursor.remaining();
-  const void* zero = length ? std::memchr(cursor.at, 0, length) : nullptr;
-  if (!zero) [[unlikely]]
-    return ReadFailure::NoTerminator;
-  const auto* terminator = static_cast<const std::byte*>(zero);
-  text.assign(reinterpret_cast<const char*>(cursor.at), static_cast<std::size_t>(terminator - cursor.at));
-  cursor.at = terminator + 1;
-  return ReadFailure::None;
-}
-
-template <auto Member, class Record, class... Outer>
-ReadFailure read_field(Text<Member>, PayloadCursor& cursor, Record& record, const Outer&...) {
-  return read_text(cursor, record.*Member);
-}
-
-/// A count that promises more items than the remaining bytes can hold fails for certain; this finds at
-/// which field, in a single item, so that the promise never costs memory.
-template <class Item, class... Outer>
-[[gnu::noinline]] ReadFailure run_out(PayloadCursor& cursor, const Outer&... outer) {
-  if constexpr (fixed_size<Item>() != 0) {
-    return first_shortage(typename Layout<Item>::Fields{}, cursor.remaining() % fixed_size<Item>());
-  } else {
-    auto failure = ReadFailure::None;
-    Item item;
-    while (failure == ReadFailure::None)
-      failure = read_record(cursor, item, outer...);
-    return failure;
-  }
-}
+ReadFailure read_text(PayloadCursor& cursor, std::string& text);
 
 template <class Item> void load_items(const std::byte* from, std::size_t count, std::vector<Item>& items) {
   if constexpr (sizeof(Item) == 1 && std::is_trivially_copyable_v<Item>) {
@@ -151,7 +85,7 @@ template <class Item> void load_items(const std::byte* from, std::size_t count, 
     const auto* first = reinterpret_cast<const Item*>(from);
     items.assign(first, first + count);
   } else {
-    items.resize(count);
+    items = std::vector<Item>(count); // compiles to less than resize
     for (auto& item : items) {
       load_fields(typename Layout<Item>::Fields{}, from, item);
       from += fixed_size<Item>();
@@ -159,21 +93,22 @@ template <class Item> void load_items(const std::byte* from, std::size_t count, 
   }
 }
 
-template <auto Member, auto Count, class Record, class... Outer>
-ReadFailure read_field(Items<Member, Count>, PayloadCursor& cursor, Record& record, const Outer&... outer) {
-  auto& items = record.*Member;
-  using Item = typename value_of<Member>::value_type;
-  const auto promised = record.*Count;
-  if (promised > cursor.remaining() / least_size<Item>()) [[unlikely]]
-    return run_out<Item>(cursor, record, outer...);
-  const auto count = static_cast<std::size_t>(promised);
+template <class Item, class... Outer>
+ReadFailure read_items(PayloadCursor& cursor, std::uint64_t promised, std::vector<Item>& items, const Outer&... outer) {
+  // A count may promise more items than the remaining bytes can hold, and then fails for certain; it is
+  // not allowed to cost memory for more than those bytes.
+  const std::size_t most = cursor.remaining() / least_size<Item>();
   if constexpr (fixed_size<Item>() != 0) {
+    if (promised > most) [[unlikely]]
+      return first_shortage(typename Layout<Item>::Fields{}, cursor.remaining() % fixed_size<Item>());
+    const auto count = static_cast<std::size_t>(promised);
     load_items(cursor.at, count, items);
     cursor.at += count * fixed_size<Item>();
   } else {
-    items.resize(count);
+    // One more than fits is enough to reach the field at which the bytes run out.
+    items = std::vector<Item>(promised > most ? most + 1 : static_cast<std::size_t>(promised));
     for (auto& item : items)
-      if (const auto failure = read_record(cursor, item, record, outer...); failure != ReadFailure::None) [[unlikely]]
+      if (const auto failure = read_record(cursor, item, outer...); failure != ReadFailure::None) [[unlikely]]
         return failure;
   }
   return ReadFailure::None;
@@ -183,9 +118,9 @@ template <std::uint64_t... Values> constexpr bool selects(When<Values...>, std::
   return ((value == Values) || ...);
 }
 
-template <class... Whens, class Variant, class... Outer, std::size_t... I>
-ReadFailure read_chosen(std::index_sequence<I...>, std::uint64_t value, PayloadCursor& cursor, Variant& variant,
-                        const Outer&... outer) {
+template <class... Whens, class Variant, std::size_t... I, class... Outer>
+ReadFailure read_chosen(WhenList<Whens...>, std::index_sequence<I...>, std::uint64_t value, PayloadCursor& cursor,
+                        Variant& variant, const Outer&... outer) {
   auto failure = ReadFailure::UnknownVariant;
   static_cast<void>(
       ((selects(Whens{}, value) && (failure = read_record(cursor, variant.template emplace<I>(), outer...), true)) ||
@@ -201,31 +136,56 @@ template <class Holder, class First, class... Rest> const Holder& enclosing(cons
     return enclosing<Holder>(rest...);
 }
 
-template <auto Member, auto On, class... Whens, class Record, class... Outer>
-ReadFailure read_field(Choice<Member, On, Whens...>, PayloadCursor& cursor, Record& record, const Outer&... outer) {
-  const std::uint64_t value = enclosing<record_of<On>>(record, outer...).*On;
-  return read_chosen<Whens...>(std::index_sequence_for<Whens...>{}, value, cursor, record.*Member, record, outer...);
-}
-
 /// The type of the number that a record begins with.
 template <class Fields> struct LeadingNumber;
-template <auto Member, class... Rest> struct LeadingNumber<FieldList<Number<Member>, Rest...>> {
-  using type = value_of<Member>;
-};
-template <auto Member, const FieldCodedValues& Table, class... Rest>
-struct LeadingNumber<FieldList<Coded<Member, Table>, Rest...>> {
-  using type = value_of<Member>;
+template <class First, class... Rest> struct LeadingNumber<FieldList<First, Rest...>> {
+  using type = Held<First>;
 };
 
-template <auto Member, class... Whens, class Record, class... Outer>
-ReadFailure read_field(LeadingChoice<Member, Whens...>, PayloadCursor& cursor, Record& record, const Outer&... outer) {
-  using First = std::variant_alternative_t<0, value_of<Member>>;
-  using Value = typename LeadingNumber<typename Layout<First>::Fields>::type;
-  if (cursor.remaining() < sizeof(Value)) [[unlikely]]
-    return shortage<Value>();
-  // Only looked at: the alternative begins with this number and reads it as its first field.
-  const std::uint64_t value = load_big_endian<Value>(cursor.at);
-  return read_chosen<Whens...>(std::index_sequence_for<Whens...>{}, value, cursor, record.*Member, record, outer...);
+template <class Field, class Record, class... Outer>
+ReadFailure read_choice(PayloadCursor& cursor, Record& record, const Outer&... outer) {
+  auto& variant = record.*Field::member;
+  using Variant = Held<Field>;
+  std::uint64_t value;
+  if constexpr (Field::kind == FieldKind::Choice) {
+    value = enclosing<record_of<Field::on>>(record, outer...).*Field::on;
+  } else {
+    // Only looked at: the alternative begins with this number and reads it as its first field.
+    using Number = typename LeadingNumber<typename Layout<std::variant_alternative_t<0, Variant>>::Fields>::type;
+    if (cursor.remaining() < sizeof(Number)) [[unlikely]]
+      return shortage<Number>();
+    value = load_big_endian<Number>(cursor.at);
+  }
+  constexpr auto indices = std::make_index_sequence<std::variant_size_v<Variant>>{};
+  return read_chosen(typename Field::whens{}, indices, value, cursor, variant, record, outer...);
+}
+
+template <class Field, class Record, class... Outer>
+ReadFailure read_field(PayloadCursor& cursor, Record& record, const Outer&... outer) {
+  if constexpr (is_number(Field::kind)) {
+    if (cursor.remaining() < sizeof(Held<Field>)) [[unlikely]]
+      return shortage<Held<Field>>();
+    load_field<Field>(cursor.at, record);
+    return ReadFailure::None;
+  } else if constexpr (Field::kind == FieldKind::Text) {
+    return read_text(cursor, record.*Field::member);
+  } else if constexpr (Field::kind == FieldKind::Uuid) {
+    if (cursor.remaining() < 16) [[unlikely]]
+      return ReadFailure::NoUuid;
+    load_field<Field>(cursor.at, record);
+    return ReadFailure::None;
+  } else if constexpr (Field::kind == FieldKind::Items) {
+    return read_items(cursor, record.*Field::count, record.*Field::member, record, outer...);
+  } else {
+    return read_choice<Field>(cursor, record, outer...);
+  }
+}
+
+template <class Record, class... Fields, class... Outer>
+ReadFailure read_fields(FieldList<Fields...>, PayloadCursor& cursor, Record& record, const Outer&... outer) {
+  auto failure = ReadFailure::None;
+  static_cast<void>((((failure = read_field<Fields>(cursor, record, outer...)) == ReadFailure::None) && ...));
+  return failure;
 }
 
 template <class Record, class... Outer>

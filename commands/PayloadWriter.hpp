@@ -21,48 +21,38 @@ namespace vorlinkit::commands {
 /// The bytes of one record beyond those that its kind always has.
 template <class Record> std::size_t extra_size(const Record& record);
 
-template <class Field, class Record> std::size_t extra_field_size(Field, const Record&) { return 0; }
-
-template <auto Member, class Record> std::size_t extra_field_size(Text<Member>, const Record& record) {
-  return (record.*Member).size();
-}
-
-template <auto Member, auto Count, class Record>
-std::size_t extra_field_size(Items<Member, Count>, const Record& record) {
-  const auto& items = record.*Member;
-  using Item = typename value_of<Member>::value_type;
-  std::size_t size = items.size() * least_size<Item>();
-  if constexpr (fixed_size<Item>() == 0)
-    for (const auto& item : items)
-      size += extra_size(item);
-  return size;
-}
-
 template <class Variant, std::size_t... I>
 std::size_t extra_variant_size(std::index_sequence<I...>, const Variant& variant) {
   std::size_t size = 0;
   const auto add = [&size](const auto& record) {
-    using Held = std::remove_cvref_t<decltype(record)>;
-    size = least_size<Held>() + extra_size(record) - detail::alternatives<Variant>::least();
+    size = least_size<std::remove_cvref_t<decltype(record)>>() + extra_size(record);
     return true;
   };
   static_cast<void>(((variant.index() == I && add(*std::get_if<I>(&variant))) || ...));
-  return size;
+  return size - detail::alternatives<Variant>::least();
 }
 
-template <auto Member, auto On, class... Whens, class Record>
-std::size_t extra_field_size(Choice<Member, On, Whens...>, const Record& record) {
-  return extra_variant_size(std::index_sequence_for<Whens...>{}, record.*Member);
-}
-
-template <auto Member, class... Whens, class Record>
-std::size_t extra_field_size(LeadingChoice<Member, Whens...>, const Record& record) {
-  return extra_variant_size(std::index_sequence_for<Whens...>{}, record.*Member);
+template <class Field, class Record> std::size_t extra_field_size(const Record& record) {
+  if constexpr (Field::kind == FieldKind::Text) {
+    return (record.*Field::member).size();
+  } else if constexpr (Field::kind == FieldKind::Items) {
+    using Item = typename Held<Field>::value_type;
+    std::size_t size = (record.*Field::member).size() * least_size<Item>();
+    if constexpr (fixed_size<Item>() == 0)
+      for (const auto& item : record.*Field::member)
+        size += extra_size(item);
+    return size;
+  } else if constexpr (is_choice(Field::kind)) {
+    constexpr auto indices = std::make_index_sequence<std::variant_size_v<Held<Field>>>{};
+    return extra_variant_size(indices, record.*Field::member);
+  } else {
+    return 0;
+  }
 }
 
 template <class Record, class... Fields>
 std::size_t extra_fields_size(FieldList<Fields...>, const Record& record) {
-  return (std::size_t{0} + ... + extra_field_size(Fields{}, record));
+  return (std::size_t{0} + ... + extra_field_size<Fields>(record));
 }
 
 template <class Record> std::size_t extra_size(const Record& record) {
@@ -73,47 +63,32 @@ template <class Record> std::size_t extra_size(const Record& record) {
 
 template <class Record> void write_record(std::byte*& to, const Record& record);
 
-template <auto Member, class Record> void write_field(Number<Member>, std::byte*& to, const Record& record) {
-  store_big_endian(to, record.*Member);
-  to += sizeof(value_of<Member>);
-}
-
-template <auto Member, const FieldCodedValues& Table, class Record>
-void write_field(Coded<Member, Table>, std::byte*& to, const Record& record) {
-  write_field(Number<Member>{}, to, record);
-}
-
-template <auto Member, class Record> void write_field(Text<Member>, std::byte*& to, const Record& record) {
-  const std::string& text = record.*Member;
-  // The string's own terminator is the one on the wire.
-  std::memcpy(to, text.c_str(), text.size() + 1);
-  to += text.size() + 1;
-}
-
-template <auto Member, auto Count, class Record>
-void write_field(Items<Member, Count>, std::byte*& to, const Record& record) {
-  for (const auto& item : record.*Member)
-    write_record(to, item);
-}
-
 template <class Variant, std::size_t... I>
 void write_variant(std::index_sequence<I...>, std::byte*& to, const Variant& variant) {
   static_cast<void>(((variant.index() == I && (write_record(to, *std::get_if<I>(&variant)), true)) || ...));
 }
 
-template <auto Member, auto On, class... Whens, class Record>
-void write_field(Choice<Member, On, Whens...>, std::byte*& to, const Record& record) {
-  write_variant(std::index_sequence_for<Whens...>{}, to, record.*Member);
-}
-
-template <auto Member, class... Whens, class Record>
-void write_field(LeadingChoice<Member, Whens...>, std::byte*& to, const Record& record) {
-  write_variant(std::index_sequence_for<Whens...>{}, to, record.*Member);
+template <class Field, class Record> void write_field(std::byte*& to, const Record& record) {
+  const auto& value = record.*Field::member;
+  if constexpr (is_number(Field::kind)) {
+    store_big_endian(to, value);
+    to += sizeof value;
+  } else if constexpr (Field::kind == FieldKind::Text) {
+    // The string's own terminator is the one on the wire.
+    std::memcpy(to, value.c_str(), value.size() + 1);
+    to += value.size() + 1;
+  } else if constexpr (Field::kind == FieldKind::Items) {
+    for (const auto& item : value)
+      write_record(to, item);
+  } else {
+    static_assert(is_choice(Field::kind), "identifiers in requests are strings; a uuid is only ever read");
+    write_variant(std::make_index_sequence<std::variant_size_v<Held<Field>>>{}, to, value);
+  }
 }
 
 template <class Record, class... Fields>
 void write_fields(FieldList<Fields...>, std::byte*& to, const Record& record) {
-  (write_field(Fields{}, to, record), ...);
+  (write_field<Fields>(to, record), ...);
 }
 
 template <class Record> void write_record(std::byte*& to, const Record& record) {
