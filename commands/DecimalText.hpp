@@ -7,10 +7,11 @@
 namespace vorlinkit::commands {
 
 /// Digits that the largest number of a type has.
-template <class Number> constexpr unsigned max_digits = sizeof(Number) == 1   ? 3
-                                                        : sizeof(Number) == 2 ? 5
-                                                        : sizeof(Number) == 4 ? 10
-                                                                              : 20;
+template <class Number>
+constexpr unsigned max_digits = sizeof(Number) == 1   ? 3
+                                : sizeof(Number) == 2 ? 5
+                                : sizeof(Number) == 4 ? 10
+                                                      : 20;
 
 /// "00" to "99", one behind the other.
 struct DigitPairs {
@@ -30,10 +31,8 @@ struct ByteTexts {
   constexpr ByteTexts() : text{} {
     for (int i = 0; i < 256; ++i) {
       int length = 0;
-      if (i >= 100)
-        text[i][length++] = static_cast<char>('0' + i / 100);
-      if (i >= 10)
-        text[i][length++] = static_cast<char>('0' + i / 10 % 10);
+      if (i >= 100) text[i][length++] = static_cast<char>('0' + i / 100);
+      if (i >= 10) text[i][length++] = static_cast<char>('0' + i / 10 % 10);
       text[i][length++] = static_cast<char>('0' + i % 10);
       text[i][3] = static_cast<char>(length);
     }

@@ -13,8 +13,7 @@ static constexpr std::string_view unknown_bits = "Unknown (0x";
 static constexpr std::size_t hex_digits = 4;
 
 static char* write(char* to, std::string_view text) {
-  if (!text.empty())
-    std::memcpy(to, text.data(), text.size());
+  if (!text.empty()) std::memcpy(to, text.data(), text.size());
   return to + text.size();
 }
 
@@ -28,24 +27,20 @@ static char* write_hex(char* to, std::string_view opening, unsigned value, std::
 
 static char* write_enum(char* to, const FieldCodedValues& table, std::uint16_t value) {
   for (const auto& row : table.values)
-    if (row.code == value)
-      return write(to, row.description);
+    if (row.code == value) return write(to, row.description);
   return write_hex(to, unknown_value, value, ")");
 }
 
 static char* write_bitfield(char* to, const FieldCodedValues& table, std::uint16_t value) {
-  if (value == 0)
-    return write(to, success);
+  if (value == 0) return write(to, success);
   const char* const start = to;
   unsigned unknown = value;
   for (const auto& row : table.values) {
     // Any common bit counts: rows of several bits, up to 0xFFFF, are meant to match this way.
-    if (value & row.code)
-      to = write(write(to, row.description), "; ");
+    if (value & row.code) to = write(write(to, row.description), "; ");
     unknown &= ~unsigned{row.code};
   }
-  if (unknown)
-    to = write_hex(to, unknown_bits, unknown, "); ");
+  if (unknown) to = write_hex(to, unknown_bits, unknown, "); ");
   return to == start ? write_hex(to, unknown_error, value, ")") : to;
 }
 

@@ -89,8 +89,7 @@ template <class Field, class Record> std::size_t extra_field_text(const Record& 
   }
 }
 
-template <class Record, class... Fields>
-std::size_t extra_fields_text(FieldList<Fields...>, const Record& record) {
+template <class Record, class... Fields> std::size_t extra_fields_text(FieldList<Fields...>, const Record& record) {
   return (std::size_t{0} + ... + extra_field_text<Fields>(record));
 }
 
@@ -113,16 +112,14 @@ inline char* write_bytes(char* to, std::string_view text) noexcept {
 /// `"Key": `, after a separator unless it is the first of its record.
 template <class Record, std::size_t Index, bool First> char* write_key(char* to) noexcept {
   constexpr std::string_view key = Layout<Record>::keys[Index];
-  if constexpr (!First)
-    to = write_literal(to, ", ");
+  if constexpr (!First) to = write_literal(to, ", ");
   *to++ = '"';
   std::memcpy(to, key.data(), key.size());
   return write_literal(to + key.size(), "\": ");
 }
 
 /// A number's entry is followed by that of its description.
-template <class Field, class Record>
-char* write_coded(char* to, std::string_view key, const Record& record) {
+template <class Field, class Record> char* write_coded(char* to, std::string_view key, const Record& record) {
   const auto value = record.*Field::member;
   to = write_decimal(to, value);
   to = write_literal(to, ", \"");
@@ -144,8 +141,7 @@ template <class Item> char* write_list(char* to, const std::vector<Item>& items)
     to = write_object(to, item);
     to = write_literal(to, ", ");
   }
-  if (!items.empty())
-    to -= 2;
+  if (!items.empty()) to -= 2;
   *to++ = ']';
   return to;
 }
@@ -183,7 +179,7 @@ template <class Field, std::size_t Index, bool First, class Record> char* write_
 
 template <bool First, class Record, class... Fields, std::size_t... I>
 char* write_fields(FieldList<Fields...>, std::index_sequence<I...>, char* to, const Record& record) {
-  ((to = write_entry<Fields, I, First && I == 0>(to, record)), ...);
+  ((to = write_entry < Fields, I, First && I == 0 > (to, record)), ...);
   return to;
 }
 

@@ -6,7 +6,8 @@
 //     using Fields = FieldList<Coded<&R::command_error, get_attached_motors_command_error_table>,
 //                              Text<&R::automated_device_id>, Number<&R::number_of_motors>,
 //                              Items<&R::list_of_motors, &R::number_of_motors>>;
-//     static constexpr std::string_view keys[] = {"CommandError", "AutomatedDeviceID", "NumberOfMotors", "listOfMotors"};
+//     static constexpr std::string_view keys[] = {"CommandError", "AutomatedDeviceID", "NumberOfMotors",
+//     "listOfMotors"};
 //   };
 #pragma once
 

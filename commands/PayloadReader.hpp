@@ -48,8 +48,7 @@ template <class Field, class Record> void load_field(const std::byte*& from, Rec
   }
 }
 
-template <class Record, class... Fields>
-void load_fields(FieldList<Fields...>, const std::byte* from, Record& record) {
+template <class Record, class... Fields> void load_fields(FieldList<Fields...>, const std::byte* from, Record& record) {
   (load_field<Fields>(from, record), ...);
 }
 

@@ -50,8 +50,7 @@ template <class Field, class Record> std::size_t extra_field_size(const Record& 
   }
 }
 
-template <class Record, class... Fields>
-std::size_t extra_fields_size(FieldList<Fields...>, const Record& record) {
+template <class Record, class... Fields> std::size_t extra_fields_size(FieldList<Fields...>, const Record& record) {
   return (std::size_t{0} + ... + extra_field_size<Fields>(record));
 }
 
@@ -86,8 +85,7 @@ template <class Field, class Record> void write_field(std::byte*& to, const Reco
   }
 }
 
-template <class Record, class... Fields>
-void write_fields(FieldList<Fields...>, std::byte*& to, const Record& record) {
+template <class Record, class... Fields> void write_fields(FieldList<Fields...>, std::byte*& to, const Record& record) {
   (write_field<Fields>(to, record), ...);
 }
 

@@ -60,7 +60,9 @@ def field_json(field: Field) -> dict[str, Any]:
         case Blob():
             byte = field.item_field
             body = {"count": field.count, "type": field.item.type}
-            return {"key": field.key, "kind": "blob"} | head | body | {"item": byte.key, "item_attribute": byte.attribute}
+            return (
+                {"key": field.key, "kind": "blob"} | head | body | {"item": byte.key, "item_attribute": byte.attribute}
+            )
         case Variant():
             alternatives = [
                 {"name": a.name, "type": a.record.type, "when": list(a.when), "fields": fields_json(a.record)}

@@ -101,9 +101,12 @@ class Reader:
         if isinstance(entry, str):
             return self.scalar(entry)
         if isinstance(entry, dict):
-            for kind, read in (("list", self.list), ("blob", self.blob), ("variant", self.variant)):
-                if kind in entry:
-                    return read(container, entry, scopes)
+            if "list" in entry:
+                return self.counted_list(container, entry, scopes)
+            if "blob" in entry:
+                return self.blob(container, entry)
+            if "variant" in entry:
+                return self.variant(container, entry, scopes)
         self.complain(f'{entry!r} is no field; a field is "Key: kind" or a list, blob or variant table')
         return None
 
@@ -115,7 +118,7 @@ class Reader:
             return Scalar(key, "") if key else None
         return Scalar(key, kind or "(none)", note.strip())
 
-    def list(self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]) -> List:
+    def counted_list(self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]) -> List:
         base = self.text(entry, "list", "the base name of a list", required=True)
         self.path.append(names.list_key(base))
         self.unknown_keys(entry, ("list", "count", "items", "note"))
@@ -124,7 +127,7 @@ class Reader:
         self.path.pop()
         return List(base, count, item, self.text(entry, "note", "a note"))
 
-    def blob(self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]) -> Blob:
+    def blob(self, container: str, entry: dict[str, Any]) -> Blob:
         key = self.text(entry, "blob", "the key of a blob", required=True)
         self.path.append(key)
         self.unknown_keys(entry, ("blob", "count", "item", "note"))
@@ -151,9 +154,7 @@ class Reader:
         levels = None if inside else find_outward(on, scopes)
         return Variant(attribute, on, inside, levels, alternatives, self.text(entry, "note", "a note"))
 
-    def alternative(
-        self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]
-    ) -> Alternative | None:
+    def alternative(self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]) -> Alternative | None:
         if not isinstance(entry, dict):
             self.complain(f"{entry!r} is no alternative; write {{ name = ..., when = [...], fields = [...] }}")
             return None

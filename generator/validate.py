@@ -68,8 +68,8 @@ def command_findings(command: Command) -> Iterator[Finding]:
             yield complain(text, message.role, where)
         for where, text in message_findings(message):
             yield complain(text, message.role, where)
-    for where, text in table_findings(command):
-        yield complain(text, *where)
+    for (part, field), text in table_findings(command):
+        yield complain(text, part, field)
 
 
 def places(record: Record, path: str = "") -> Iterator[tuple[str, Field]]:

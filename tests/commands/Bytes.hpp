@@ -13,10 +13,8 @@ inline std::vector<std::byte> bytes(std::string_view hex) {
   std::vector<std::byte> result;
   std::string digits;
   for (const char c : hex)
-    if (c != ' ')
-      digits += c;
-  if (digits.size() % 2)
-    throw std::invalid_argument("half a byte: " + std::string(hex));
+    if (c != ' ') digits += c;
+  if (digits.size() % 2) throw std::invalid_argument("half a byte: " + std::string(hex));
   for (std::size_t i = 0; i < digits.size(); i += 2)
     result.push_back(static_cast<std::byte>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   return result;

@@ -16,9 +16,9 @@
 using Decoder = std::string (*)(std::span<const std::byte>);
 using Decoders = std::map<std::string, Decoder>;
 
-inline constexpr std::string_view decode_errors[] = {
-    "Not enough bytes for uint8", "Not enough bytes for uint16",  "Not enough bytes for uint32",
-    "Not enough bytes for uuid",  "String not null-terminated", "Unknown variant"};
+inline constexpr std::string_view decode_errors[] = {"Not enough bytes for uint8",  "Not enough bytes for uint16",
+                                                     "Not enough bytes for uint32", "Not enough bytes for uuid",
+                                                     "String not null-terminated",  "Unknown variant"};
 
 /// The JSON text of a payload, or the error's text.
 template <auto Decode, auto Render> std::string run(std::span<const std::byte> payload) {

@@ -37,13 +37,14 @@ TEST(Connection, ServerStatus) {
 }
 
 TEST(Connection, SoftwareVersionsAreListsInLists) {
-  const auto response = decode_get_software_versions_response(
-      bytes("4300 0001  5300 0002  4100 0001 78 00  4200 0000"));
+  const auto response =
+      decode_get_software_versions_response(bytes("4300 0001  5300 0002  4100 0001 78 00  4200 0000"));
   ASSERT_TRUE(response);
-  EXPECT_EQ(get_software_versions_response_to_json(*response),
-            R"({"CopyrightMessage": "C", "NumberOfComponents": 1, "listOfComponents": [{"ComponentName": "S", )"
-            R"("NumberOfLists": 2, "listOfLists": [{"ListName": "A", "NumberOfItems": 1, "listOfItems": [{"Item": "x"}]}, )"
-            R"({"ListName": "B", "NumberOfItems": 0, "listOfItems": []}]}]})");
+  EXPECT_EQ(
+      get_software_versions_response_to_json(*response),
+      R"({"CopyrightMessage": "C", "NumberOfComponents": 1, "listOfComponents": [{"ComponentName": "S", )"
+      R"("NumberOfLists": 2, "listOfLists": [{"ListName": "A", "NumberOfItems": 1, "listOfItems": [{"Item": "x"}]}, )"
+      R"({"ListName": "B", "NumberOfItems": 0, "listOfItems": []}]}]})");
 }
 
 TEST(Connection, RequestsBecomeBytes) {

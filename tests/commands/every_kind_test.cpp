@@ -12,8 +12,7 @@ using namespace vorlinkit::commands;
 
 template <class Message> std::string error_of(std::string_view payload) {
   const auto message = decode<Message>(bytes(payload));
-  if (message)
-    return "no error";
+  if (message) return "no error";
   EXPECT_EQ(message.error().code, ErrorCode::Decode);
   return message.error().message;
 }
@@ -77,9 +76,8 @@ TEST(EveryKind, TheAlternativeThatIsHeldIsEncodedInPlace) {
   EXPECT_EQ(hex(*encode_leading_request(request)), "02 00 00 00 00 00 00") << "the first alternative, all zero";
   request.list_of_options[1].option = LeadingRequestOptionsItemListed{7, 1, {{"n"}}};
   EXPECT_EQ(hex(*encode_leading_request(request)), "02 00 00 00 07 01 6e 00");
-  EXPECT_EQ(leading_request_to_json(request),
-            R"({"Count": 2, "listOfOptions": [{"OptionID": 0, "Pixels": 0}, )"
-            R"({"OptionID": 7, "Number": 1, "listOfNames": [{"Name": "n"}]}]})");
+  EXPECT_EQ(leading_request_to_json(request), R"({"Count": 2, "listOfOptions": [{"OptionID": 0, "Pixels": 0}, )"
+                                              R"({"OptionID": 7, "Number": 1, "listOfNames": [{"Name": "n"}]}]})");
 }
 
 TEST(EveryKind, UuidText) {

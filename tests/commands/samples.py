@@ -28,7 +28,9 @@ class Sample:
 
     def number(self, kind: str) -> int:
         limit = 1 << INTEGER_BITS[kind]
-        return {0: 0, 1: limit - 1}.get(self.choice, self.random.choice([self.random.randrange(limit), 1, 9, 10, 99, 100]))
+        return {0: 0, 1: limit - 1}.get(
+            self.choice, self.random.choice([self.random.randrange(limit), 1, 9, 10, 99, 100])
+        )
 
     def record(self, record: Record, outer: list[dict[str, int]]) -> list[str]:
         """Appends the record's bytes; returns its JSON entries."""
@@ -40,7 +42,10 @@ class Sample:
                 case Scalar():
                     entries += self.scalar(record, field, values, field.key in counts)
                 case List() | Blob():
-                    items = ["{" + ", ".join(self.record(field.item, [values, *outer])) + "}" for _ in range(values[field.count])]
+                    items = [
+                        "{" + ", ".join(self.record(field.item, [values, *outer])) + "}"
+                        for _ in range(values[field.count])
+                    ]
                     entries.append(f'"{field.key}": [{", ".join(items)}]')
                 case Variant():
                     alternative = field.alternatives[self.choice % len(field.alternatives)]
@@ -106,7 +111,9 @@ def describe(kind, rows, value: int) -> str:
 
 
 def samples(command: Command, message: Message):
-    most = [len(field.alternatives) for each in message.record.tree() for field in each.fields if isinstance(field, Variant)]
+    most = [
+        len(field.alternatives) for each in message.record.tree() for field in each.fields if isinstance(field, Variant)
+    ]
     for choice in range(max([3, *most]) + 1):
         sample = Sample(command, choice)
         entries = sample.record(message.record, [])

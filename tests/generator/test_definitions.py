@@ -39,6 +39,8 @@ response = ["CommandError: u16"]
 notification = ["State: u8"]
 """
 
+ONE = '[{ name = "A", when = [1], fields = ["X: u8"] }]'
+
 # What the definition of Foo says -> the finding. {} stands for 'family.toml: Foo'.
 FIELD_CASES = [
     ('request = ["A: u7"]', '{}: request: A: unknown kind "u7"; kinds are u8, u16, u32, u64, string, uuid'),
@@ -69,7 +71,8 @@ FIELD_CASES = [
     ),
     ('request = ["N: u8", { list = "X", count = "N", items = [] }]', "{}: request: listOfX: its items have no field"),
     (
-        'request = ["N: u8", { list = "X", count = "N", items = ["M: u8", { list = "Y", count = "N", items = ["A: u8"] }] }]',
+        'request = ["N: u8", { list = "X", count = "N", items = ["M: u8", '
+        '{ list = "Y", count = "N", items = ["A: u8"] }] }]',
         '{}: request: listOfX.listOfY: its count "N" is not an earlier field of the same record',
     ),
     (
@@ -82,20 +85,22 @@ FIELD_CASES = [
     ),
     ('request = [{ blob = "Frame", count = "Size" }]', "{}: request: Frame: the key of a blob's byte is missing"),
     (
-        'request = [{ variant = "v", on = "ID", alternatives = [{ name = "A", when = [1], fields = ["X: u8"] }] }]',
+        'request = [{ variant = "v", on = "ID", alternatives = ' + ONE + " }]",
         '{}: request: v: its discriminator "ID" is not an earlier field of this or an enclosing record',
     ),
     (
-        'request = ["ID: string", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [1], fields = ["X: u8"] }] }]',
+        'request = ["ID: string", { variant = "v", on = "ID", alternatives = ' + ONE + " }]",
         '{}: request: v: its discriminator "ID" is a string, not an integer',
     ),
     (
-        'request = ["ID: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [256], fields = ["X: u8"] }] }]',
+        'request = ["ID: u8", { variant = "v", on = "ID", alternatives = '
+        '[{ name = "A", when = [256], fields = ["X: u8"] }] }]',
         '{}: request: v: 256 does not fit "ID", which is a u8',
     ),
     ('request = ["ID: u8", { variant = "v", on = "ID", alternatives = [] }]', "{}: request: v: has no alternatives"),
     (
-        'request = ["ID: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [], fields = ["X: u8"] }] }]',
+        'request = ["ID: u8", { variant = "v", on = "ID", alternatives = '
+        '[{ name = "A", when = [], fields = ["X: u8"] }] }]',
         "{}: request: v: alternative A: when is empty, so nothing selects it",
     ),
     (
@@ -118,25 +123,34 @@ FIELD_CASES = [
         '{}: request: v: its discriminator "ID" has different kinds: u16, u8',
     ),
     (
-        'request = ["ID: u8", "X: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [1], fields = ["X: u8"] }] }]',
+        'request = ["ID: u8", "X: u8", { variant = "v", on = "ID", alternatives = ' + ONE + " }]",
         '{}: request: v: the key "X" stands in this record twice',
     ),
     (
-        'request = ["ID: u8", { variant = "Data", on = "ID", alternatives = [{ name = "A", when = [1], fields = ["X: u8"] }] }]',
+        'request = ["ID: u8", { variant = "Data", on = "ID", alternatives = ' + ONE + " }]",
         '{}: request: Data: "Data" is no attribute; attributes are in lower snake case',
     ),
 ]
 
 COMMAND_CASES = [
-    ("idd = 1", '{}: unknown key "idd"; known are id, request, response, notification, errors, coded, confirmed, '
-     "assumed, why, confirmed_by, about"),
+    (
+        "idd = 1",
+        '{}: unknown key "idd"; known are id, request, response, notification, errors, coded, confirmed, '
+        "assumed, why, confirmed_by, about",
+    ),
     ('errors = ["0x10000 Text"]', '{}: errors: row 0x10000 "Text": the code does not fit 16 bits'),
     ('errors = ["0 Text"]', '{}: errors: row 0x0000 "Text": 0 is success and has no row'),
     ('errors = ["1 A", "1 B"]', '{}: errors: row 0x0001 "B": the code has a row already'),
-    ('errors = ["1 Text; "]', '{}: errors: row 0x0001 "Text; ": the text ends in ";"; the separator is added when it is rendered'),
+    (
+        'errors = ["1 Text; "]',
+        '{}: errors: row 0x0001 "Text; ": the text ends in ";"; the separator is added when it is rendered',
+    ),
     ('errors = ["1 Text "]', '{}: errors: row 0x0001 "Text ": the text is empty or has blanks at its ends'),
-    ('errors = ["one Text"]', "{}: errors: 'one Text' is no row; write \"0x0001 Text\" or \"1 Text\""),
-    (f'errors = [{", ".join(repr(f"{code} T") for code in range(1, 25))}]', "{}: errors: has 24 rows; no table has more than 23"),
+    ('errors = ["one Text"]', '{}: errors: \'one Text\' is no row; write "0x0001 Text" or "1 Text"'),
+    (
+        f"errors = [{', '.join(repr(f'{code} T') for code in range(1, 25))}]",
+        "{}: errors: has 24 rows; no table has more than 23",
+    ),
     ('coded.Nothing = ["1 A"]', "{}: coded: Nothing: no field has this key"),
     ('coded.Name = ["1 A"]', "{}: coded: Name: request: a coded field is a u8 or u16, not a string"),
     ('coded.CommandError = ["1 A"]', "{}: coded: CommandError: the rows of CommandError are written as errors = [...]"),
@@ -184,11 +198,15 @@ FILE_CASES = [
     ),
     (
         HEAD + '[Bar]\nid = 1\nresponse = ["A: u8"]' + GOOD,
-        ["family.toml: Foo: id 1 belongs to Bar (family.toml)", "family.toml: Bar: is not in the control list index.toml"],
+        [
+            "family.toml: Foo: id 1 belongs to Bar (family.toml)",
+            "family.toml: Bar: is not in the control list index.toml",
+        ],
     ),
     # The type of Foo's item is that of command FooResponse's... list; the longest name owns it.
     (
-        HEAD + GOOD.replace('["CommandError: u16"]', '["N: u8", { list = "Delay", count = "N", items = ["A: u8"] }]')
+        HEAD
+        + GOOD.replace('["CommandError: u16"]', '["N: u8", { list = "Delay", count = "N", items = ["A: u8"] }]')
         + '[FooResponseDelayItem]\nid = 80\nresponse = ["A: u8"]',
         ["family.toml: FooResponseDelayItem: is not in the control list index.toml"],
     ),
@@ -205,7 +223,9 @@ def test_wrong_file(tmp_path: Path, text: str, expected: list[str]) -> None:
 def test_names_of_different_commands_may_not_meet(tmp_path: Path) -> None:
     # SetInput's response begins the names of SetInputResponseDelay; that alone is no collision.
     index = 'commands = ["1 SetInput - response -", "2 SetInputResponseDelay request response -"]'
-    fine = HEAD + """
+    fine = (
+        HEAD
+        + """
 [SetInput]
 id = 1
 response = ["Count: u8", { list = "Delays", count = "Count", items = ["A: u8"] }]
@@ -214,10 +234,13 @@ id = 2
 request = ["A: u8"]
 response = ["A: u8"]
 """
+    )
     folder_with(tmp_path, index, family=fine)
     assert findings_of(tmp_path) == []
-    variant = """{ variant = "v", on = "Count", alternatives = [{ name = "DelayRequest", when = [1], fields = ["A: u8"] }] }"""
-    folder_with(tmp_path, index, family=fine.replace('{ list = "Delays", count = "Count", items = ["A: u8"] }', variant))
+    variant = '{ variant = "v", on = "Count", alternatives = ' + ONE.replace('"A"', '"DelayRequest"') + " }"
+    folder_with(
+        tmp_path, index, family=fine.replace('{ list = "Delays", count = "Count", items = ["A: u8"] }', variant)
+    )
     assert findings_of(tmp_path) == [
         "family.toml: SetInputResponseDelay: a record of its request is named SetInputResponseDelayRequest, "
         "as one of SetInput is"
@@ -250,7 +273,11 @@ def test_an_overlay_replaces_and_adds_commands(tmp_path: Path) -> None:
     base = folder_with(tmp_path / "base", family=HEAD + GOOD)
     by = "X200, 7.1, 2026-02-03, plant 4"
     site = folder_with(
-        tmp_path / "site", "", mine=f'confirmed_by = "{by}"\n' + GOOD.replace("State: u8", "State: u16") + 'assumed.request = "not seen yet"\n[Extra]\nid = 900\nresponse = ["A: u8"]'
+        tmp_path / "site",
+        "",
+        mine=f'confirmed_by = "{by}"\n'
+        + GOOD.replace("State: u8", "State: u16")
+        + 'assumed.request = "not seen yet"\n[Extra]\nid = 900\nresponse = ["A: u8"]',
     )
     catalogue, findings = read_catalogue(base, [site], partial=True)
     assert not findings
@@ -258,15 +285,24 @@ def test_an_overlay_replaces_and_adds_commands(tmp_path: Path) -> None:
     standings = {message.role: message.standing for message in commands["Foo"].messages}
     assert (standings["notification"].name, standings["notification"].confirmed_by) == ("site-confirmed", by)
     assert (standings["request"].name, standings["request"].why) == ("assumed", "not seen yet")
-    assert [(f.name, [c.name for c in f.commands]) for f in catalogue.families] == [("family", ["Foo"]), ("mine", ["Extra"])]
+    assert [(f.name, [c.name for c in f.commands]) for f in catalogue.families] == [
+        ("family", ["Foo"]),
+        ("mine", ["Extra"]),
+    ]
     assert "std::uint16_t state{}" in emit_cpp.emit(catalogue)["include/vorlinkit/commands/family.hpp"]
 
 
 @pytest.mark.parametrize(
     ("text", "finding"),
     [
-        (GOOD.replace("string", "sting"), 'Foo: request: Name: unknown kind "sting"; kinds are u8, u16, u32, u64, string, uuid'),
-        ('standing = "confirmed"' + GOOD, 'an overlay confirms with confirmed_by = "machine type, software version, date, by whom"'),
+        (
+            GOOD.replace("string", "sting"),
+            'Foo: request: Name: unknown kind "sting"; kinds are u8, u16, u32, u64, string, uuid',
+        ),
+        (
+            'standing = "confirmed"' + GOOD,
+            'an overlay confirms with confirmed_by = "machine type, software version, date, by whom"',
+        ),
         ('[Extra]\nid = 1\nresponse = ["A: u8"]', "Extra: id 1 belongs to Foo (family.toml)"),
         (GOOD.replace('notification = ["State: u8"]', ""), "Foo: notification: is in the control list but not defined"),
     ],
@@ -295,12 +331,16 @@ def test_output_is_the_same_every_time_and_touched_only_by_changes(tmp_path: Pat
 
 
 def test_json_carries_layouts(tmp_path: Path) -> None:
-    text = HEAD + GOOD.replace(
-        '"Name: string"',
-        '"N: u8  # how many", { list = "Names", count = "N", items = ["Name: string"] }, "S: u32", '
-        '{ blob = "Frame", count = "S", item = "FrameByte" }, { variant = "v", on = "N", alternatives = ['
-        '{ name = "A", when = [1, 2], fields = ["X: u8"] }] }',
-    ) + 'errors = ["0x0010 Broken"]\ncoded.State = ["1 On"]'
+    text = (
+        HEAD
+        + GOOD.replace(
+            '"Name: string"',
+            '"N: u8  # how many", { list = "Names", count = "N", items = ["Name: string"] }, "S: u32", '
+            '{ blob = "Frame", count = "S", item = "FrameByte" }, { variant = "v", on = "N", alternatives = ['
+            '{ name = "A", when = [1, 2], fields = ["X: u8"] }] }',
+        )
+        + 'errors = ["0x0010 Broken"]\ncoded.State = ["1 On"]'
+    )
     folder_with(tmp_path, family=text)
     catalogue, findings = read_catalogue(tmp_path, partial=True)
     assert not findings
@@ -322,7 +362,11 @@ def test_records_stand_before_the_record_that_holds_them(tmp_path: Path) -> None
     leading = next(command for command in catalogue.commands() if command.name == "Leading").message("request")
     assert leading
     assert [record.type.removeprefix("LeadingRequest") for record in leading.record.tree()] == [
-        "OptionsItemPlain", "OptionsItemListedNamesItem", "OptionsItemListed", "OptionsItem", "",
+        "OptionsItemPlain",
+        "OptionsItemListedNamesItem",
+        "OptionsItemListed",
+        "OptionsItem",
+        "",
     ]
     (option,) = leading.record.fields[1].item.fields  # type: ignore[union-attr]
     assert isinstance(option, Variant) and option.inside
@@ -334,12 +378,20 @@ def test_records_stand_before_the_record_that_holds_them(tmp_path: Path) -> None
 @pytest.mark.parametrize(
     ("key", "attribute"),
     [
-        ("NumberOfIDs", "number_of_i_ds"), ("listOfSignalIDs", "list_of_signal_i_ds"), ("FieldIID", "field_iid"),
-        ("FieldIValue", "field_i_value"), ("NumColourNValueFrequencies", "num_colour_n_value_frequencies"),
-        ("Colour1Gain", "colour1_gain"), ("EnableGeneralDefect1Spatial", "enable_general_defect1_spatial"),
-        ("AISortBoardID", "ai_sort_board_id"), ("LEDStripID", "led_strip_id"), ("CSVData", "csv_data"),
-        ("IPAddress", "ip_address"), ("VORLINServerStartTime", "vorlin_server_start_time"),
-        ("DatasetUUID", "dataset_uuid"), ("DNSServer", "dns_server"),
+        ("NumberOfIDs", "number_of_i_ds"),
+        ("listOfSignalIDs", "list_of_signal_i_ds"),
+        ("FieldIID", "field_iid"),
+        ("FieldIValue", "field_i_value"),
+        ("NumColourNValueFrequencies", "num_colour_n_value_frequencies"),
+        ("Colour1Gain", "colour1_gain"),
+        ("EnableGeneralDefect1Spatial", "enable_general_defect1_spatial"),
+        ("AISortBoardID", "ai_sort_board_id"),
+        ("LEDStripID", "led_strip_id"),
+        ("CSVData", "csv_data"),
+        ("IPAddress", "ip_address"),
+        ("VORLINServerStartTime", "vorlin_server_start_time"),
+        ("DatasetUUID", "dataset_uuid"),
+        ("DNSServer", "dns_server"),
         ("listOfCurrentOverallGain", "list_of_current_overall_gain"),
     ],
 )
@@ -349,7 +401,9 @@ def test_attribute(key: str, attribute: str) -> None:
 
 def test_command_names() -> None:
     assert names.command_snake("UiLogInOut") == "ui_log_in_out"
-    assert names.command_constant("GetIrLightingFaultReportingState") == "GET_IR_LIGHTING_FAULT_REPORTING_STATE_COMMAND_ID"
+    assert (
+        names.command_constant("GetIrLightingFaultReportingState") == "GET_IR_LIGHTING_FAULT_REPORTING_STATE_COMMAND_ID"
+    )
     assert names.command_constant("NoOpCommand") == "NO_OP_COMMAND_COMMAND_ID"
     assert [names.cpp_member(word) for word in ("default", "class", "name")] == ["default_", "class_", "name"]
 
@@ -368,7 +422,22 @@ FIELD_TEXT = st.one_of(
 FIELD = st.recursive(
     st.one_of(FIELD_TEXT, st.integers(), st.booleans()),
     lambda inner: st.dictionaries(
-        st.sampled_from(["list", "blob", "variant", "on", "count", "items", "item", "alternatives", "name", "when", "fields", "note"]),
+        st.sampled_from(
+            [
+                "list",
+                "blob",
+                "variant",
+                "on",
+                "count",
+                "items",
+                "item",
+                "alternatives",
+                "name",
+                "when",
+                "fields",
+                "note",
+            ]
+        ),
         st.one_of(st.text(max_size=6), st.lists(inner, max_size=3)),
     ),
     max_leaves=12,
