@@ -1,0 +1,86 @@
+"""Installs the project, moves the installed tree, and uses it from elsewhere: from C++ by way of CMake and of
+pkg-config, and from Python."""
+
+import os
+import shlex
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from vorlinkit.simulator import SimulatorProcess
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = os.environ["VORLINKIT_BUILD_DIR"]
+CMAKE = os.environ["VORLINKIT_CMAKE"]
+CXX = os.environ["VORLINKIT_CXX"]
+CXXFLAGS = os.environ["VORLINKIT_CXXFLAGS"]
+EXAMPLE = ROOT / "examples" / "first_session.cpp"
+
+
+def run(*words: object, **environment: str) -> str:
+    done = subprocess.run(
+        [str(word) for word in words], env={**os.environ, **environment}, capture_output=True, text=True, timeout=200
+    )
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
+@pytest.fixture(scope="module")
+def prefix(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """An installed tree that is no longer where it was installed."""
+    folder = tmp_path_factory.mktemp("install test")  # with a blank, as people have them
+    run(CMAKE, "--install", BUILD, "--prefix", folder / "first")
+    return Path(shutil.move(folder / "first", folder / "moved"))
+
+
+def assert_runs(program: Path) -> None:
+    with SimulatorProcess() as simulator:
+        assert "VorlinKit simulator" in run(program, simulator.host, simulator.port)
+
+
+def test_no_installed_file_names_a_place_of_the_build(prefix: Path) -> None:
+    texts = [*prefix.rglob("*.cmake"), *prefix.rglob("*.pc"), *prefix.rglob("*.hpp"), *prefix.rglob("*.pyi")]
+    assert len(texts) > 20
+    for path in texts:
+        text = path.read_text(encoding="utf-8")
+        for place in (str(ROOT), str(prefix.parent)):
+            assert place not in text, f"{path.relative_to(prefix)} names {place}"
+    assert not list(prefix.rglob("asio*"))
+
+
+def test_a_consumer_builds_with_cmake(prefix: Path, tmp_path: Path) -> None:
+    run(
+        CMAKE, "-S", ROOT / "tests" / "install" / "consumer", "-B", tmp_path, f"-DCMAKE_PREFIX_PATH={prefix}",
+        f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_CXX_FLAGS={CXXFLAGS}", f"-DEXAMPLE={EXAMPLE}",
+    )  # fmt: skip
+    run(CMAKE, "--build", tmp_path)
+    assert_runs(tmp_path / "first_session")
+
+
+def test_a_consumer_builds_with_pkg_config_and_without_asio(prefix: Path, tmp_path: Path) -> None:
+    (found,) = prefix.rglob("vorlinkit.pc")
+    flags = shlex.split(run("pkg-config", "--cflags", "--libs", "vorlinkit", PKG_CONFIG_PATH=str(found.parent)))
+    compiler = [CXX, *shlex.split(CXXFLAGS), "-std=c++23"]
+    program = tmp_path / "first_session"
+    run(*compiler, EXAMPLE, "-o", program, *flags)
+    assert_runs(program)
+    headers = run(*compiler, "-M", EXAMPLE, *flags)
+    assert "vorlinkit/VorlinSession.hpp" in headers
+    assert "asio" not in headers
+
+
+def test_python_finds_module_and_companion(prefix: Path) -> None:
+    modules = list(prefix.rglob("vorlinkit_python.*.so"))
+    if not modules:
+        pytest.skip("this build has no Python module")
+    program = (
+        "import vorlinkit_python, vorlinkit.catalogue\n"
+        "print(len(vorlinkit.catalogue.layout_status()), vorlinkit_python.__file__)\n"
+    )
+    count, place = run(sys.executable, "-c", program, PYTHONPATH=str(modules[0].parent)).split(maxsplit=1)
+    assert int(count) >= 454
+    assert Path(place.strip()) == modules[0]
+    assert (modules[0].parent / "vorlinkit_python-stubs" / "__init__.pyi").stat().st_size > 100_000
