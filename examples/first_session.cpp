@@ -48,7 +48,8 @@ void introduce(vorlinkit::VorlinSession& session) {
   const auto id = ask(session, vc::GET_CLIENT_ID_COMMAND_ID);
   show("client id", vc::get_client_id_response_to_json(valueOf(vc::decode_get_client_id_response(id.payload))));
   const auto machine = ask(session, vc::GET_MACHINE_INFO_COMMAND_ID);
-  show("machine", vc::get_machine_info_response_to_json(valueOf(vc::decode_get_machine_info_response(machine.payload))));
+  show("machine",
+       vc::get_machine_info_response_to_json(valueOf(vc::decode_get_machine_info_response(machine.payload))));
 }
 
 void takeControl(vorlinkit::VorlinSession& session) {
@@ -72,7 +73,8 @@ void setClockToItself(vorlinkit::VorlinSession& session) {
 
   const vc::SetServerTimeRequest request{.timestamp = clock.timestamp};
   const auto done = ask(session, vc::SET_SERVER_TIME_COMMAND_ID, valueOf(vc::encode_set_server_time_request(request)));
-  show("set the clock", vc::set_server_time_response_to_json(valueOf(vc::decode_set_server_time_response(done.payload))));
+  show("set the clock",
+       vc::set_server_time_response_to_json(valueOf(vc::decode_set_server_time_response(done.payload))));
 }
 
 void watchMotor(vorlinkit::VorlinSession& session, const std::string& device, std::uint8_t motor) {

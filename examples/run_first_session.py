@@ -18,7 +18,6 @@ except ImportError:
     sys.path.insert(0, str(EXAMPLES.parent / "build" / "release" / "python"))
 
 import first_session  # noqa: E402
-
 from vorlinkit.simulator import SimulatorProcess  # noqa: E402
 
 if __name__ == "__main__":

@@ -31,7 +31,9 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="python3 -m generator", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
-    parser.add_argument("files", nargs="*", type=Path, help="family files to read instead of the whole catalogue")
+    parser.add_argument(
+        "files", nargs="*", type=Path, help="family files to read instead of the whole catalogue"
+    )
     parser.add_argument("--catalogue", type=Path, default=DEFAULT_CATALOGUE, help="the catalogue folder")
     parser.add_argument(
         "--overlay",
@@ -41,19 +43,29 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
         metavar="DIR",
         help="a folder whose definitions replace those of the same command; may be repeated, the last wins",
     )
-    parser.add_argument("--partial", action="store_true", help="do not ask for commands and totals of absent families")
+    parser.add_argument(
+        "--partial", action="store_true", help="do not ask for commands and totals of absent families"
+    )
     parser.add_argument("--check", action="store_true", help="check only, and say how much was read")
     parser.add_argument("--report", action="store_true", help="print totals and standings per family")
     parser.add_argument("--cpp", type=Path, metavar="DIR", help="write the C++ below this folder")
     parser.add_argument(
         "--bindings", type=Path, metavar="DIR", help="write the blocks of the Python module below this folder"
     )
-    parser.add_argument("--stub", type=Path, metavar="FILE", help="write the typing stub of the Python module")
     parser.add_argument(
-        "--session-stub", type=Path, metavar="FILE", default=SESSION_STUB, help="the hand-written part of the stub"
+        "--stub", type=Path, metavar="FILE", help="write the typing stub of the Python module"
+    )
+    parser.add_argument(
+        "--session-stub",
+        type=Path,
+        metavar="FILE",
+        default=SESSION_STUB,
+        help="the hand-written part of the stub",
     )
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the catalogue as JSON")
-    parser.add_argument("--status", type=Path, metavar="FILE", help="write the page that says how sure each layout is")
+    parser.add_argument(
+        "--status", type=Path, metavar="FILE", help="write the page that says how sure each layout is"
+    )
     return parser.parse_args(argv)
 
 

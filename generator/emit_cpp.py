@@ -119,7 +119,10 @@ def functions(command: Command, message: Message) -> Iterator[tuple[str, str]]:
         yield f"{result} encode_{command.snake}_request(const {name}& request)", "encode(request)"
     else:
         result = f"std::expected<{name}, Error>"
-        yield f"{result} decode_{command.snake}_{role}(std::span<const std::byte> payload)", f"decode<{name}>(payload)"
+        yield (
+            f"{result} decode_{command.snake}_{role}(std::span<const std::byte> payload)",
+            f"decode<{name}>(payload)",
+        )
     yield f"std::string {command.snake}_{role}_to_json(const {name}& {role})", f"to_json({role})"
 
 
@@ -163,7 +166,9 @@ def code_table(command: Command, table: Table) -> str:
         values = f"{stem}_rows"
         entries = ", ".join(f"{{0x{row.code:04X}, {literal(row.text)}}}" for row in table.rows)
         rows = f"inline constexpr FieldCodedValue {values}[] = {{{entries}}};\n"
-    return f"{rows}inline constexpr FieldCodedValues {stem}_table{{{values}, CodedValueKind::{table.kind}}};\n"
+    return (
+        f"{rows}inline constexpr FieldCodedValues {stem}_table{{{values}, CodedValueKind::{table.kind}}};\n"
+    )
 
 
 def layout(command: Command, record: Record) -> str:

@@ -12,7 +12,10 @@ def emit(catalogue: Catalogue) -> str:
     families = [{"name": f.name, "title": f.title, "about": f.about} for f in catalogue.families]
     commands = [command_json(family, command) for family in catalogue.families for command in family.commands]
     commands.sort(key=lambda each: (each["id"], each["name"]))
-    return json.dumps({"families": families, "commands": commands}, ensure_ascii=False, separators=(",", ":")) + "\n"
+    return (
+        json.dumps({"families": families, "commands": commands}, ensure_ascii=False, separators=(",", ":"))
+        + "\n"
+    )
 
 
 def command_json(family: Family, command: Command) -> dict[str, Any]:
@@ -61,11 +64,18 @@ def field_json(field: Field) -> dict[str, Any]:
             byte = field.item_field
             body = {"count": field.count, "type": field.item.type}
             return (
-                {"key": field.key, "kind": "blob"} | head | body | {"item": byte.key, "item_attribute": byte.attribute}
+                {"key": field.key, "kind": "blob"}
+                | head
+                | body
+                | {"item": byte.key, "item_attribute": byte.attribute}
             )
         case Variant():
             alternatives = [
                 {"name": a.name, "type": a.record.type, "when": list(a.when), "fields": fields_json(a.record)}
                 for a in field.alternatives
             ]
-            return {"kind": "variant"} | head | {"on": field.on, "inside": field.inside, "alternatives": alternatives}
+            return (
+                {"kind": "variant"}
+                | head
+                | {"on": field.on, "inside": field.inside, "alternatives": alternatives}
+            )

@@ -40,14 +40,19 @@ def emit(catalogue: Catalogue) -> str:
 
 
 def totals(catalogue: Catalogue) -> str:
-    counts = Counter(message.standing.name for command in catalogue.commands() for message in command.messages)
+    counts = Counter(
+        message.standing.name for command in catalogue.commands() for message in command.messages
+    )
     shown = ", ".join(f"{counts[name]} {name}" for name in ("confirmed", "assumed", "site-confirmed"))
     return f"Of {counts.total()} messages of {len(list(catalogue.commands()))} commands: {shown}.\n"
 
 
 def section(family: Family) -> str:
     lines = [f"## {family.title}", ""]
-    lines += ["| id | command | request | response | notification | error rows |", "|---|---|---|---|---|---|"]
+    lines += [
+        "| id | command | request | response | notification | error rows |",
+        "|---|---|---|---|---|---|",
+    ]
     lines += [row(command) for command in family.commands]
     notes = [f"- {note}" for command in family.commands for note in reasons(command)]
     if notes:

@@ -25,7 +25,9 @@ def block(command: Command) -> str:
 
 def record_class(command: Command, message: Message, record: Record) -> str:
     about = docstring(emit_bindings.record_doc(command, message, record), "    ")
-    members = "".join(attribute(*each) for field in record.fields for each in members_of(command, record, field))
+    members = "".join(
+        attribute(*each) for field in record.fields for each in members_of(command, record, field)
+    )
     return f"\nclass {record.type}:\n{about}\n    def __init__(self) -> None: ...\n{members}\n"
 
 
@@ -60,4 +62,4 @@ def docstring(text: str, indent: str) -> str:
     escaped = escaped[:-1] + '\\"' if escaped.endswith('"') else escaped
     lines = [line.rstrip() for line in escaped.splitlines()]
     tail = f"\n{indent}" if len(lines) > 1 else ""
-    return f"{indent}\"\"\"" + f"\n{indent}".join(lines).replace(f"\n{indent}\n", "\n\n") + f"{tail}\"\"\"\n"
+    return f'{indent}"""' + f"\n{indent}".join(lines).replace(f"\n{indent}\n", "\n\n") + f'{tail}"""\n'

@@ -118,7 +118,9 @@ class Reader:
             return Scalar(key, "") if key else None
         return Scalar(key, kind or "(none)", note.strip())
 
-    def counted_list(self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]) -> List:
+    def counted_list(
+        self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]
+    ) -> List:
         base = self.text(entry, "list", "the base name of a list", required=True)
         self.path.append(names.list_key(base))
         self.unknown_keys(entry, ("list", "count", "items", "note"))
@@ -137,7 +139,9 @@ class Reader:
         item = Record(names.item_type(container, key), (byte,))
         return Blob(key, count, item, self.text(entry, "note", "a note"))
 
-    def variant(self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]) -> Variant:
+    def variant(
+        self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]
+    ) -> Variant:
         attribute = self.text(entry, "variant", "the attribute of a variant", required=True)
         self.path.append(attribute)
         self.unknown_keys(entry, ("variant", "on", "alternatives", "note"))
@@ -154,9 +158,13 @@ class Reader:
         levels = None if inside else find_outward(on, scopes)
         return Variant(attribute, on, inside, levels, alternatives, self.text(entry, "note", "a note"))
 
-    def alternative(self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]) -> Alternative | None:
+    def alternative(
+        self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]
+    ) -> Alternative | None:
         if not isinstance(entry, dict):
-            self.complain(f"{entry!r} is no alternative; write {{ name = ..., when = [...], fields = [...] }}")
+            self.complain(
+                f"{entry!r} is no alternative; write {{ name = ..., when = [...], fields = [...] }}"
+            )
             return None
         name = self.text(entry, "name", "the name of an alternative", required=True)
         self.path.append(name)
@@ -180,7 +188,11 @@ class Reader:
 
     def row(self, entry: Any) -> Row | None:
         # The text is taken as it stands, so that a stray blank or "; " at its end is seen and refused.
-        match = re.fullmatch(r"(0[xX][0-9A-Fa-f]+|[0-9]+) (.*)", entry, re.DOTALL) if isinstance(entry, str) else None
+        match = (
+            re.fullmatch(r"(0[xX][0-9A-Fa-f]+|[0-9]+) (.*)", entry, re.DOTALL)
+            if isinstance(entry, str)
+            else None
+        )
         if not match:
             self.complain(f'{entry!r} is no row; write "0x0001 Text" or "1 Text"')
             return None
@@ -203,9 +215,13 @@ class Reader:
     def confirmation_rules(self, confirmed_by: str, claims_confirmed: bool) -> None:
         """Only the catalogue says "confirmed", only an overlay names who confirmed on site."""
         if confirmed_by and self.document.layer == 0:
-            self.complain("confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed")
+            self.complain(
+                "confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed"
+            )
         if claims_confirmed and self.document.layer > 0:
-            self.complain('an overlay confirms with confirmed_by = "machine type, software version, date, by whom"')
+            self.complain(
+                'an overlay confirms with confirmed_by = "machine type, software version, date, by whom"'
+            )
 
     def commands(self, head: Head) -> list[Command]:
         tables = {key: value for key, value in self.document.data.items() if isinstance(value, dict)}
@@ -310,7 +326,9 @@ def read_index(document: Document | None, findings: list[Finding]) -> Index:
         roles = tuple(role for role, word in zip(ROLES, words[2:], strict=False) if word == role)
         marks = [word for word in words[2:] if word != "-"]
         if len(words) != 5 or not words[0].isdigit() or marks != list(roles):
-            findings.append(Finding(document.file, f'"{line}" is not "id Name request|- response|- notification|-"'))
+            findings.append(
+                Finding(document.file, f'"{line}" is not "id Name request|- response|- notification|-"')
+            )
             continue
         entries.append(IndexEntry(int(words[0]), words[1], roles))
     totals = document.data.get("totals", {})

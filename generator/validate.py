@@ -222,12 +222,18 @@ def message_findings(message: Message) -> Iterator[tuple[str, str]]:
                 yield where, f"a command error is a u16, not a {field.kind}"
     for variant, discriminator in discriminators(message.record):
         if discriminator.kind and not discriminator.is_integer:
-            yield variant.attribute, f'its discriminator "{variant.on}" is a {discriminator.kind}, not an integer'
+            yield (
+                variant.attribute,
+                f'its discriminator "{variant.on}" is a {discriminator.kind}, not an integer',
+            )
             continue
         limit = 1 << INTEGER_BITS.get(discriminator.kind, 64)
         for value in (value for each in variant.alternatives for value in each.when):
             if not 0 <= value < limit:
-                yield variant.attribute, f'{value} does not fit "{variant.on}", which is a {discriminator.kind}'
+                yield (
+                    variant.attribute,
+                    f'{value} does not fit "{variant.on}", which is a {discriminator.kind}',
+                )
 
 
 def table_findings(command: Command) -> Iterator[tuple[tuple[str, str], str]]:

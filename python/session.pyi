@@ -164,7 +164,9 @@ class VorlinSession:
         """The id the machine gave this connection, 1 to 255; 0 while unknown."""
     def on_connection_state_changed(self, callback: Callable[[bool, str], object]) -> None:
         """Have `callback(connected, reason)` called on every change of the connection, on the I/O thread."""
-    def send(self, commandId: int, payload: bytes | None = None) -> tuple[bytes, Literal[""]] | tuple[None, str]:
+    def send(
+        self, commandId: int, payload: bytes | None = None
+    ) -> tuple[bytes, Literal[""]] | tuple[None, str]:
         """Send a request and wait: (response payload, "") or (None, error text)."""
     def on_notification(self, commandId: int, callback: Callable[[bytes], object]) -> None:
         """Have `callback(payload)` called for every notification of one command, on the I/O thread."""

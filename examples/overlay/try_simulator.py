@@ -24,12 +24,16 @@ if not connected:
 setting = vorlin.SetEjectorRateLimitRequest()
 setting.division_number = 2
 setting.ejector_rate_limit = 90000
-answer = ask(session, vorlin.SET_EJECTOR_RATE_LIMIT_COMMAND_ID, vorlin.encode_set_ejector_rate_limit_request(setting))
+answer = ask(
+    session, vorlin.SET_EJECTOR_RATE_LIMIT_COMMAND_ID, vorlin.encode_set_ejector_rate_limit_request(setting)
+)
 print(vorlin.set_ejector_rate_limit_response_to_json(vorlin.decode_set_ejector_rate_limit_response(answer)))
 
 question = vorlin.GetEjectorRateLimitRequest()
 question.division_number = 2
-answer = ask(session, vorlin.GET_EJECTOR_RATE_LIMIT_COMMAND_ID, vorlin.encode_get_ejector_rate_limit_request(question))
+answer = ask(
+    session, vorlin.GET_EJECTOR_RATE_LIMIT_COMMAND_ID, vorlin.encode_get_ejector_rate_limit_request(question)
+)
 limit = vorlin.decode_get_ejector_rate_limit_response(answer)
 session.disconnect()
 print(f"division {limit.division_number}: {limit.ejector_rate_limit} firings per minute")

@@ -112,7 +112,10 @@ def describe(kind, rows, value: int) -> str:
 
 def samples(command: Command, message: Message):
     most = [
-        len(field.alternatives) for each in message.record.tree() for field in each.fields if isinstance(field, Variant)
+        len(field.alternatives)
+        for each in message.record.tree()
+        for field in each.fields
+        if isinstance(field, Variant)
     ]
     for choice in range(max([3, *most]) + 1):
         sample = Sample(command, choice)

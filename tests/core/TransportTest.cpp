@@ -152,7 +152,7 @@ TEST(Transport, ConnectingAnewWhileConnectedReportsTheLossOnce) {
   EXPECT_THAT(states.get(), ElementsAre("up", StartsWith("Disconnected: "), "up"));
   EXPECT_EQ(logger->count("Scheduling reconnect in 5ms"), 1);
   ASSERT_TRUE(session.connect().get()); // gives the re-connect that must not happen twice the time it would take
-  EXPECT_TRUE(session.send(3).get()); // by now the machine has counted this connection
+  EXPECT_TRUE(session.send(3).get());   // by now the machine has counted this connection
   EXPECT_EQ(machine.accepted(), 3);
 }
 

@@ -69,7 +69,10 @@ FIELD_CASES = [
         'request = ["N: string", { list = "X", count = "N", items = ["A: u8"] }]',
         '{}: request: listOfX: its count "N" is a string; a count is an integer',
     ),
-    ('request = ["N: u8", { list = "X", count = "N", items = [] }]', "{}: request: listOfX: its items have no field"),
+    (
+        'request = ["N: u8", { list = "X", count = "N", items = [] }]',
+        "{}: request: listOfX: its items have no field",
+    ),
     (
         'request = ["N: u8", { list = "X", count = "N", items = ["M: u8", '
         '{ list = "Y", count = "N", items = ["A: u8"] }] }]',
@@ -83,7 +86,10 @@ FIELD_CASES = [
         'request = [{ blob = "Frame", count = "Size", item = "Byte" }]',
         '{}: request: Frame: its count "Size" is not an earlier field of the same record',
     ),
-    ('request = [{ blob = "Frame", count = "Size" }]', "{}: request: Frame: the key of a blob's byte is missing"),
+    (
+        'request = [{ blob = "Frame", count = "Size" }]',
+        "{}: request: Frame: the key of a blob's byte is missing",
+    ),
     (
         'request = [{ variant = "v", on = "ID", alternatives = ' + ONE + " }]",
         '{}: request: v: its discriminator "ID" is not an earlier field of this or an enclosing record',
@@ -97,7 +103,10 @@ FIELD_CASES = [
         '[{ name = "A", when = [256], fields = ["X: u8"] }] }]',
         '{}: request: v: 256 does not fit "ID", which is a u8',
     ),
-    ('request = ["ID: u8", { variant = "v", on = "ID", alternatives = [] }]', "{}: request: v: has no alternatives"),
+    (
+        'request = ["ID: u8", { variant = "v", on = "ID", alternatives = [] }]',
+        "{}: request: v: has no alternatives",
+    ),
     (
         'request = ["ID: u8", { variant = "v", on = "ID", alternatives = '
         '[{ name = "A", when = [], fields = ["X: u8"] }] }]',
@@ -153,12 +162,21 @@ COMMAND_CASES = [
     ),
     ('coded.Nothing = ["1 A"]', "{}: coded: Nothing: no field has this key"),
     ('coded.Name = ["1 A"]', "{}: coded: Name: request: a coded field is a u8 or u16, not a string"),
-    ('coded.CommandError = ["1 A"]', "{}: coded: CommandError: the rows of CommandError are written as errors = [...]"),
-    ('confirmed = ["answer"]', '{}: standing of "answer"; it must be one of request, response, notification, errors'),
+    (
+        'coded.CommandError = ["1 A"]',
+        "{}: coded: CommandError: the rows of CommandError are written as errors = [...]",
+    ),
+    (
+        'confirmed = ["answer"]',
+        '{}: standing of "answer"; it must be one of request, response, notification, errors',
+    ),
     ('assumed.errors = "why"', '{}: standing of "errors", which the command does not have'),
     ('confirmed = ["request"]\nassumed.request = "why"', "{}: request is called both confirmed and assumed"),
     ('assumed.request = ""', "{}: assumed.request is missing"),
-    ('confirmed_by = "me"', "{}: confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed"),
+    (
+        'confirmed_by = "me"',
+        "{}: confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed",
+    ),
 ]
 
 
@@ -206,7 +224,9 @@ FILE_CASES = [
     # The type of Foo's item is that of command FooResponse's... list; the longest name owns it.
     (
         HEAD
-        + GOOD.replace('["CommandError: u16"]', '["N: u8", { list = "Delay", count = "N", items = ["A: u8"] }]')
+        + GOOD.replace(
+            '["CommandError: u16"]', '["N: u8", { list = "Delay", count = "N", items = ["A: u8"] }]'
+        )
         + '[FooResponseDelayItem]\nid = 80\nresponse = ["A: u8"]',
         ["family.toml: FooResponseDelayItem: is not in the control list index.toml"],
     ),
@@ -239,7 +259,9 @@ response = ["A: u8"]
     assert findings_of(tmp_path) == []
     variant = '{ variant = "v", on = "Count", alternatives = ' + ONE.replace('"A"', '"DelayRequest"') + " }"
     folder_with(
-        tmp_path, index, family=fine.replace('{ list = "Delays", count = "Count", items = ["A: u8"] }', variant)
+        tmp_path,
+        index,
+        family=fine.replace('{ list = "Delays", count = "Count", items = ["A: u8"] }', variant),
     )
     assert findings_of(tmp_path) == [
         "family.toml: SetInputResponseDelay: a record of its request is named SetInputResponseDelayRequest, "
@@ -247,10 +269,15 @@ response = ["A: u8"]
     ]
 
 
-def test_everything_is_reported_at_once_and_nothing_written(tmp_path: Path, capsys: pytest.CaptureFixture[str]) -> None:
+def test_everything_is_reported_at_once_and_nothing_written(
+    tmp_path: Path, capsys: pytest.CaptureFixture[str]
+) -> None:
     folder_with(tmp_path, family=with_message('request = ["A: u7", "b: u8"]') + '\nerrors = ["0 x"]')
     out = tmp_path / "out"
-    assert main(["--catalogue", str(tmp_path), "--partial", "--cpp", str(out), "--json", str(out / "c.json")]) == 1
+    assert (
+        main(["--catalogue", str(tmp_path), "--partial", "--cpp", str(out), "--json", str(out / "c.json")])
+        == 1
+    )
     assert capsys.readouterr().err.count("family.toml: Foo: ") == 3
     assert not out.exists()
 
@@ -304,7 +331,10 @@ def test_an_overlay_replaces_and_adds_commands(tmp_path: Path) -> None:
             'an overlay confirms with confirmed_by = "machine type, software version, date, by whom"',
         ),
         ('[Extra]\nid = 1\nresponse = ["A: u8"]', "Extra: id 1 belongs to Foo (family.toml)"),
-        (GOOD.replace('notification = ["State: u8"]', ""), "Foo: notification: is in the control list but not defined"),
+        (
+            GOOD.replace('notification = ["State: u8"]', ""),
+            "Foo: notification: is in the control list but not defined",
+        ),
     ],
 )
 def test_overlays_are_judged_alike(tmp_path: Path, text: str, finding: str) -> None:
@@ -350,8 +380,16 @@ def test_json_carries_layouts(tmp_path: Path) -> None:
     fields = command["messages"]["request"]["fields"]
     assert fields[0] == {"key": "N", "kind": "u8", "attribute": "n", "note": "how many"}
     assert fields[1]["type"] == "FooRequestNamesItem"
-    assert (fields[1]["key"], fields[1]["attribute"], fields[1]["count"]) == ("listOfNames", "list_of_names", "N")
-    assert (fields[3]["key"], fields[3]["item"], fields[3]["item_attribute"]) == ("Frame", "FrameByte", "frame_byte")
+    assert (fields[1]["key"], fields[1]["attribute"], fields[1]["count"]) == (
+        "listOfNames",
+        "list_of_names",
+        "N",
+    )
+    assert (fields[3]["key"], fields[3]["item"], fields[3]["item_attribute"]) == (
+        "Frame",
+        "FrameByte",
+        "frame_byte",
+    )
     assert fields[4]["alternatives"][0]["type"] == "FooRequestA"
     assert (fields[4]["inside"], fields[4]["alternatives"][0]["when"]) == (False, [1, 2])
 
@@ -359,7 +397,9 @@ def test_json_carries_layouts(tmp_path: Path) -> None:
 def test_records_stand_before_the_record_that_holds_them(tmp_path: Path) -> None:
     folder = Path(__file__).resolve().parents[1] / "commands" / "every_kind"
     catalogue, _ = read_catalogue(folder)
-    leading = next(command for command in catalogue.commands() if command.name == "Leading").message("request")
+    leading = next(command for command in catalogue.commands() if command.name == "Leading").message(
+        "request"
+    )
     assert leading
     assert [record.type.removeprefix("LeadingRequest") for record in leading.record.tree()] == [
         "OptionsItemPlain",
@@ -402,7 +442,8 @@ def test_attribute(key: str, attribute: str) -> None:
 def test_command_names() -> None:
     assert names.command_snake("UiLogInOut") == "ui_log_in_out"
     assert (
-        names.command_constant("GetIrLightingFaultReportingState") == "GET_IR_LIGHTING_FAULT_REPORTING_STATE_COMMAND_ID"
+        names.command_constant("GetIrLightingFaultReportingState")
+        == "GET_IR_LIGHTING_FAULT_REPORTING_STATE_COMMAND_ID"
     )
     assert names.command_constant("NoOpCommand") == "NO_OP_COMMAND_COMMAND_ID"
     assert [names.cpp_member(word) for word in ("default", "class", "name")] == ["default_", "class_", "name"]

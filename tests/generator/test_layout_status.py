@@ -25,4 +25,7 @@ def test_an_overlay_shows_in_the_page() -> None:
     changed = set(page(ROOT / "examples" / "overlay").splitlines()) - set(page().splitlines())
     assert "| 187 | GetEjectorRateLimit | site-confirmed | site-confirmed | - | site-confirmed |" in changed
     by = "confirmed by Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe"
-    assert any(line.startswith(f"- GetEjectorRateLimit, request and response and error rows: {by}") for line in changed)
+    assert any(
+        line.startswith(f"- GetEjectorRateLimit, request and response and error rows: {by}")
+        for line in changed
+    )

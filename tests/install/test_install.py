@@ -9,7 +9,6 @@ import sys
 from pathlib import Path
 
 import pytest
-
 from vorlinkit.simulator import SimulatorProcess
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -22,7 +21,11 @@ EXAMPLE = ROOT / "examples" / "first_session.cpp"
 
 def run(*words: object, **environment: str) -> str:
     done = subprocess.run(
-        [str(word) for word in words], env={**os.environ, **environment}, capture_output=True, text=True, timeout=200
+        [str(word) for word in words],
+        env={**os.environ, **environment},
+        capture_output=True,
+        text=True,
+        timeout=200,
     )
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout
@@ -62,7 +65,9 @@ def test_a_consumer_builds_with_cmake(prefix: Path, tmp_path: Path) -> None:
 
 def test_a_consumer_builds_with_pkg_config_and_without_asio(prefix: Path, tmp_path: Path) -> None:
     (found,) = prefix.rglob("vorlinkit.pc")
-    flags = shlex.split(run("pkg-config", "--cflags", "--libs", "vorlinkit", PKG_CONFIG_PATH=str(found.parent)))
+    flags = shlex.split(
+        run("pkg-config", "--cflags", "--libs", "vorlinkit", PKG_CONFIG_PATH=str(found.parent))
+    )
     compiler = [CXX, *shlex.split(CXXFLAGS), "-std=c++23"]
     program = tmp_path / "first_session"
     run(*compiler, EXAMPLE, "-o", program, *flags)

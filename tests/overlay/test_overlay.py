@@ -72,7 +72,9 @@ def run(words: list[object], **options: object) -> subprocess.CompletedProcess[s
 
 def promised(command_end: str) -> str:
     """The output that the page shows below the command line that ends so."""
-    found = re.search(rf"^```sh\n[^`]*{re.escape(command_end)}\n```\n\n```text\n(.*?)^```$", PAGE, re.M | re.S)
+    found = re.search(
+        rf"^```sh\n[^`]*{re.escape(command_end)}\n```\n\n```text\n(.*?)^```$", PAGE, re.M | re.S
+    )
     assert found, f"the page shows no output of {command_end}"
     return found[1]
 

@@ -10,9 +10,9 @@ from typing import Any
 import vorlinkit_python as vorlin
 
 BITS = {"u8": 8, "u16": 16, "u32": 32, "u64": 64}
-COMMANDS: list[dict[str, Any]] = json.loads((resources.files("vorlinkit") / "catalogue.json").read_text("utf-8"))[
-    "commands"
-]
+COMMANDS: list[dict[str, Any]] = json.loads(
+    (resources.files("vorlinkit") / "catalogue.json").read_text("utf-8")
+)["commands"]
 
 
 def records_below(name: str, fields: list[dict[str, Any]]) -> Iterator[tuple[str, list[dict[str, Any]]]]:

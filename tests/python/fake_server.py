@@ -108,4 +108,6 @@ def run_script(script, *arguments, timeout=20):
     """Runs a script in an interpreter of its own, with the modules of this one."""
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join([os.path.dirname(__file__), *sys.path]))
     command = [sys.executable, "-c", script, *map(str, arguments)]
-    return subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout, check=False)
+    return subprocess.run(
+        command, env=environment, capture_output=True, text=True, timeout=timeout, check=False
+    )

@@ -8,7 +8,6 @@ from contextlib import contextmanager
 
 import pytest
 import vorlinkit_python as vorlin
-
 from vorlinkit.simulator import SimulatorProcess
 
 CLIENT_ID = 1
@@ -28,7 +27,7 @@ SUBSCRIBE_MOTOR = b"AD1\x00\x01\x01"
 @contextmanager
 def session_with(
     *rules: str, timeout: int = 10000, attempts: int = 1, reconnect: bool = False
-) -> Iterator[tuple[vorlin.VorlinSession, SimulatorProcess, "queue.Queue[tuple[bool, str]]"]]:
+) -> Iterator[tuple[vorlin.VorlinSession, SimulatorProcess, queue.Queue[tuple[bool, str]]]]:
     """A connected session with a simulator that follows these rules, and the session's states."""
     with SimulatorProcess(rules=rules) as simulator:
         config = vorlin.SessionConfig()

@@ -32,7 +32,9 @@ def test_the_encoder_leaves_counts_to_the_caller():
 
 @pytest.mark.parametrize("payload", [b"", MOTORS[:1], MOTORS[:5], MOTORS[:-1]])
 def test_malformed_payloads(payload):
-    with pytest.raises(RuntimeError, match="^Decode failed: (Not enough bytes for uint(8|16)|String not null-terminated)$"):
+    with pytest.raises(
+        RuntimeError, match="^Decode failed: (Not enough bytes for uint(8|16)|String not null-terminated)$"
+    ):
         vorlin.decode_get_attached_motors_response(payload)
 
 
@@ -82,7 +84,10 @@ def test_arguments_by_name_and_subclasses():
 def test_coded_values():
     codes = vorlin.flush_log_command_error_codes()
     assert codes.kind == vorlin.CodedValueKind.Bitfield
-    assert [(row.code, row.description) for row in codes.values] == [(1, "Invalid log name"), (2, "Couldn't flush log")]
+    assert [(row.code, row.description) for row in codes.values] == [
+        (1, "Invalid log name"),
+        (2, "Couldn't flush log"),
+    ]
     assert vorlin.get_server_status_restart_status_codes().kind == vorlin.CodedValueKind.Enum
     assert vorlin.get_server_status_restart_status_string(2) == "System Controler Restart"
     assert vorlin.get_statistics_statistics_id_string(17) == "Engineer\u2019s Shape Stats"

@@ -112,7 +112,9 @@ class Model:
             if kind == "variant":
                 self.values[field["attribute"]] = Model(field["alternatives"][0]["type"])
             else:
-                self.values[field["attribute"]] = [] if kind == "list" else "" if kind in ("string", "uuid") else 0
+                self.values[field["attribute"]] = (
+                    [] if kind == "list" else "" if kind in ("string", "uuid") else 0
+                )
 
 
 def random_record(random_, name, depth=0):
@@ -129,7 +131,9 @@ def write(random_, record, model, field, depth, pool=()):
         size = random_.choice((0, 1, 3)) if depth < 3 else 0
         known = [pair for pair in pool if pair[1].name == field["type"]]
         pairs = [
-            random_.choice(known) if known and random_.random() < 0.6 else random_record(random_, field["type"], depth + 1)
+            random_.choice(known)
+            if known and random_.random() < 0.6
+            else random_record(random_, field["type"], depth + 1)
             for _ in range(size)
         ]
         setattr(record, attribute, [each for each, _ in pairs])

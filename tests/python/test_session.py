@@ -102,9 +102,8 @@ def test_wrong_arguments_raise_and_call_nothing(call):
         while True:
             requests.append(read_request(connection))
 
-    with connected_session(note) as session:
-        with pytest.raises(TypeError):
-            call(session)
+    with connected_session(note) as session, pytest.raises(TypeError):
+        call(session)
     assert requests == []
 
 
@@ -117,12 +116,19 @@ def test_signatures_are_in_the_docstrings():
     assert session.send.__doc__.startswith(
         "send(self: vorlinkit_python.VorlinSession, commandId: int, payload: Optional[bytes] = None) -> tuple"
     )
-    public = [vorlin.SessionConfig, vorlin.IVorlinLogger, vorlin.FieldCodedValue, vorlin.FieldCodedValues, session]
+    public = [
+        vorlin.SessionConfig,
+        vorlin.IVorlinLogger,
+        vorlin.FieldCodedValue,
+        vorlin.FieldCodedValues,
+        session,
+    ]
     undocumented = [
         f"{owner.__name__}.{name}"
         for owner in public
         for name, member in vars(owner).items()
-        if not name.startswith("_") and not (member.__doc__ or "").partition("\n\n")[2 if callable(member) else 0]
+        if not name.startswith("_")
+        and not (member.__doc__ or "").partition("\n\n")[2 if callable(member) else 0]
     ]
     assert undocumented == []
 
@@ -130,7 +136,9 @@ def test_signatures_are_in_the_docstrings():
 def test_callbacks_report_notifications_frames_and_state():
     def play(connection):
         command_id, payload = read_request(connection)
-        connection.sendall(notification(44, b"first") + notification(45, b"nobody listens") + notification(44))
+        connection.sendall(
+            notification(44, b"first") + notification(45, b"nobody listens") + notification(44)
+        )
         connection.sendall(response(command_id, payload))
 
     events = queue.Queue()
@@ -173,7 +181,9 @@ def test_an_exception_in_a_callback_is_written_to_stderr(where, capsys):
         assert session.send(9) == (b"on it goes", "")
         session.disconnect()
     lines = [line for line in capsys.readouterr().err.splitlines() if "bad luck" in line]
-    assert lines and all(line == f"Exception in Python {where} callback: ValueError: bad luck" for line in lines)
+    assert lines and all(
+        line == f"Exception in Python {where} callback: ValueError: bad luck" for line in lines
+    )
     assert where == "on_frame" or len(lines) == 2
 
 
@@ -228,7 +238,11 @@ class Listener:
 
 def test_callables_are_released_when_replaced_and_when_the_session_goes():
     session = vorlin.VorlinSession(vorlin.SessionConfig())
-    registrations = [session.on_frame, session.on_connection_state_changed, lambda f: session.on_notification(44, f)]
+    registrations = [
+        session.on_frame,
+        session.on_connection_state_changed,
+        lambda f: session.on_notification(44, f),  # noqa: F821 (deleted below)
+    ]
     for register in registrations:
         earlier, later = Listener(), Listener()
         gone = [weakref.ref(earlier), weakref.ref(later)]
@@ -336,7 +350,10 @@ def test_loggers_that_cannot_log_do_no_harm(capsys):
     failing = Failing()
     with connected_session(echo, failing):
         pass
-    assert "Exception in Python IVorlinLogger.log callback: KeyError: 'Connected successfully'\n" in capsys.readouterr().err
+    assert (
+        "Exception in Python IVorlinLogger.log callback: KeyError: 'Connected successfully'\n"
+        in capsys.readouterr().err
+    )
 
 
 def test_notifications_in_bulk_arrive_whole_and_in_order():

@@ -97,7 +97,7 @@ def test_enumerations(enumeration, members):
     with pytest.raises(TypeError):
         member < member  # noqa: B015
     with pytest.raises(TypeError):
-        member | member  # noqa: B018
+        member | member
 
 
 def test_coded_values_come_from_the_library_only():

@@ -17,7 +17,12 @@ BUILT = Path(vorlinkit_python.__file__).parent
 def check(arguments, folder):
     environment = {**os.environ, "MYPYPATH": str(BUILT), "PYTHONPATH": str(BUILT)}
     return subprocess.run(
-        [sys.executable, "-m", *arguments], cwd=folder, env=environment, capture_output=True, text=True, timeout=300
+        [sys.executable, "-m", *arguments],
+        cwd=folder,
+        env=environment,
+        capture_output=True,
+        text=True,
+        timeout=300,
     )
 
 

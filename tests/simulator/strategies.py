@@ -5,7 +5,6 @@ from __future__ import annotations
 from collections.abc import Sequence
 
 from hypothesis import strategies as st
-
 from vorlinkit.catalogue import NUMBER_WIDTHS, BlobField, Field, ListField, ScalarField
 from vorlinkit.simulator.coder import uuid_text
 from vorlinkit.simulator.records import Record, Variant

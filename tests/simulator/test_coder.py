@@ -8,7 +8,6 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from strategies import records
-
 from vorlinkit.catalogue import Catalogue, Command, Field
 from vorlinkit.simulator.coder import PayloadError, decode, encode, uuid_text
 from vorlinkit.simulator.plausible import Plausible

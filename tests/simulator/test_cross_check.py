@@ -10,7 +10,6 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from strategies import records
-
 from vorlinkit.catalogue import BlobField, Catalogue, Command, Field, ListField, MessageKind, ScalarField
 from vorlinkit.simulator.coder import PayloadError, decode, encode
 from vorlinkit.simulator.plausible import Plausible

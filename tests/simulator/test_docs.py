@@ -6,7 +6,6 @@ import re
 import tomllib
 
 import pytest
-
 from conftest import ROOT
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator.misbehaviour import ACTIONS

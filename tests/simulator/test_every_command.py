@@ -9,7 +9,6 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-
 from conftest import ROOT, Bench
 from vorlinkit import catalogue as catalogues
 from vorlinkit.catalogue import Command

@@ -7,7 +7,6 @@ import socket
 from pathlib import Path
 
 import pytest
-
 from conftest import Bench
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator import SimulatorFailed, SimulatorProcess, frames

@@ -7,7 +7,6 @@ import signal
 from typing import cast
 
 import pytest
-
 from conftest import Bench
 from vorlinkit.simulator import frames
 from vorlinkit.simulator.frames import MajorError
