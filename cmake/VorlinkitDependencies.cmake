@@ -54,13 +54,6 @@ if(VORLINKIT_BUILD_TESTS)
   endif()
 endif()
 
-if(VORLINKIT_BUILD_BENCHMARKS)
-  find_package(benchmark CONFIG QUIET)
-  if(NOT benchmark_FOUND)
-    vorlinkit_need("Google Benchmark" libbenchmark-dev)
-  endif()
-endif()
-
 if(vorlinkit_missing)
   message(FATAL_ERROR "VorlinKit cannot be built here yet. Missing:\n${vorlinkit_missing}"
                       "On Debian 12, scripts/setup installs all of it.")
