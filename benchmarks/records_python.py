@@ -154,7 +154,8 @@ def main() -> None:
     for name, ours, hand, same in rows:
         mine, peer, *rest = best([ours, hand, *(same(each) for each in others if same)])
         cells = [f"{each * 1e6:.2f}" for each in rest] or [""] * len(others)
-        print(f"| {name} | {mine * 1e6:.2f} | {peer * 1e6:.2f} | {mine / peer:.2f} |" + "".join(f" {c} |" for c in cells))
+        figures = [f"{mine * 1e6:.2f}", f"{peer * 1e6:.2f}", f"{mine / peer:.2f}", *cells]
+        print(f"| {name} |" + "".join(f" {figure} |" for figure in figures))
 
 
 if __name__ == "__main__":

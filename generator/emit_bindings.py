@@ -53,7 +53,7 @@ namespace c = commands;
 namespace {{
 
 {tables}
-BlockEntry entries[] = {{
+constinit BlockEntry entries[] = {{
 {entries}}};
 
 }} // namespace
@@ -103,10 +103,10 @@ def record_table(command: Command, message: Message, record: Record) -> str:
 
 def field_operations(record: Record, field: Field) -> str:
     match field:
-        case List():
-            return f"constexpr ListOperations {field.item.type}_list = listOf<c::{field.item.type}>({field.item.type});\n"
-        case Blob():
-            return f"constexpr BlobOperations {field.item.type}_list = blobOf<c::{field.item.type}>({field.item.type});\n"
+        case List(item=item):
+            return f"constexpr ListOperations {item.type}_list = listOf<c::{item.type}>({item.type});\n"
+        case Blob(item=item):
+            return f"constexpr BlobOperations {item.type}_list = blobOf<c::{item.type}>({item.type});\n"
         case Variant():
             stem = f"{record.type}_{field.attribute}"
             held = ", ".join("&" + each.record.type for each in field.alternatives)
@@ -191,7 +191,8 @@ def coded_functions(command: Command) -> Iterator[tuple[str, str, str, str, str,
         name = f"{stem}_string"
         yield "DescribeCode", name, "(code: int) -> str", describe_doc(table.key), "nullptr", f"c::{name}"
         name = f"{stem}_codes"
-        yield "ListCodes", name, f"() -> {MODULE}.FieldCodedValues", codes_doc(command, table.key), "nullptr", f"c::{name}"
+        signature, about = f"() -> {MODULE}.FieldCodedValues", codes_doc(command, table.key)
+        yield "ListCodes", name, signature, about, "nullptr", f"c::{name}"
 
 
 def literal(text: str) -> str:

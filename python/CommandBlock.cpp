@@ -128,19 +128,29 @@ PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments
   });
 }
 
+namespace {
+
+py::object makeFunction(BlockEntry& entry, py::handle module, py::handle module_name) {
+  const auto call = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(entry.function));
+  entry.definition = {entry.name, call, METH_FASTCALL | METH_KEYWORDS, entry.doc};
+  auto function =
+      py::reinterpret_steal<py::object>(PyCFunction_NewEx(&entry.definition, module.ptr(), module_name.ptr()));
+  if (!function) {
+    throw py::error_already_set();
+  }
+  return function;
+}
+
+} // namespace
+
 void registerCommandBlocks(py::module_& module) {
-  const auto module_name = module.attr("__name__");
+  const auto module_name = py::object(module.attr("__name__"));
   for (const std::span<BlockEntry> family : commandBlocks()) {
     for (BlockEntry& entry : family) {
       if (entry.record != nullptr) {
         registerRecord(module, *entry.record);
-      } else if (entry.function.ml_meth != nullptr) {
-        auto function = py::reinterpret_steal<py::object>(
-            PyCFunction_NewEx(&entry.function, module.ptr(), module_name.ptr()));
-        if (!function) {
-          throw py::error_already_set();
-        }
-        py::setattr(module, entry.name, function);
+      } else if (entry.function != nullptr) {
+        py::setattr(module, entry.name, makeFunction(entry, module, module_name));
       } else {
         py::setattr(module, entry.name, py::int_(entry.number));
       }

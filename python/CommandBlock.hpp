@@ -37,6 +37,7 @@ template <class Act> struct Function {
 };
 
 using Arguments = PyObject* const*;
+using EntryPoint = PyObject* (*)(PyObject* module, Arguments arguments, Py_ssize_t count, PyObject* names);
 
 // How the interpreter calls them: arguments in a row, the names of the last ones in a tuple (or null).
 PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names);
@@ -48,10 +49,12 @@ PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments
 
 /// One entry of a command's block: a number, a class or a function.
 struct BlockEntry {
-  const char* name = nullptr;
+  const char* name = nullptr; ///< of a number or a function
   long number = 0;
   RecordType* record = nullptr;
-  PyMethodDef function{};
+  EntryPoint function = nullptr;
+  const char* doc = nullptr;
+  PyMethodDef definition{}; ///< of the function, filled in when it is registered
 };
 
 /// The entries of every family of commands, in the order in which they are registered; generated.
@@ -94,12 +97,10 @@ template <const auto& function> PyObject* enter(PyObject*, Arguments arguments, 
 
 constexpr BlockEntry commandId(const char* name, std::uint16_t id) { return {.name = name, .number = id}; }
 
-constexpr BlockEntry recordClass(RecordType& type) { return {.name = type.name, .record = &type}; }
+constexpr BlockEntry recordClass(RecordType& type) { return {.record = &type}; }
 
-template <const auto& function> BlockEntry moduleFunction() {
-  return {.name = function.name,
-          .function = {function.name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(enter<function>)),
-                       METH_FASTCALL | METH_KEYWORDS, function.doc}};
+template <const auto& function> constexpr BlockEntry moduleFunction() {
+  return {.name = function.name, .function = enter<function>, .doc = function.doc};
 }
 
 } // namespace vorlinkit::python

@@ -154,9 +154,7 @@ LeaseAnchor::LeaseAnchor(RecordAnchor& owner, void* container, const void* opera
 
 void* RootAnchor::record() noexcept { return reinterpret_cast<char*>(this) + recordOffset; }
 
-RootAnchor* allocateRoot(const RecordType& type) {
-  return ::new (allocate(recordOffset + type.size)) RootAnchor(type);
-}
+RootAnchor* allocateRoot(const RecordType& type) { return ::new (allocate(recordOffset + type.size)) RootAnchor(type); }
 
 void discardRoot(RootAnchor* root) noexcept { freeAnchor(root); }
 

@@ -33,9 +33,9 @@ struct RecordAnchor {
 struct LeaseAnchor : RecordAnchor {
   LeaseAnchor(RecordAnchor& owner, void* container, const void* operations);
 
-  RecordAnchor* owner;    ///< of the memory that `container` lies in, or of the former content
-  void* container;        ///< null once the container has been written and the views keep its former content
-  const void* operations; ///< tells containers apart that begin at the same address
+  RecordAnchor* owner;          ///< of the memory that `container` lies in, or of the former content
+  void* container;              ///< null once the container has been written and the views keep its former content
+  const void* operations;       ///< tells containers apart that begin at the same address
   RecordObject* view = nullptr; ///< of a variant: its one view, whose address follows the alternative
   LeaseAnchor* next;
   LeaseAnchor** link; ///< what points here in the list of the root

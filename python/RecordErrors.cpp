@@ -92,7 +92,8 @@ void setArgumentError(const char* doc, PyObject* const* args, Py_ssize_t count, 
   const Py_ssize_t named = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
   for (Py_ssize_t i = 0; i < named; ++i) {
     invoked_with += i == 0 ? (first ? "kwargs: " : "; kwargs: ") : ", ";
-    invoked_with += py::str(py::handle(PyTuple_GET_ITEM(names, i))).cast<std::string>() + "=" + describe(args[count + i]);
+    invoked_with +=
+        py::str(py::handle(PyTuple_GET_ITEM(names, i))).cast<std::string>() + "=" + describe(args[count + i]);
   }
   setError(line.substr(0, opening), "function", line.substr(opening), invoked_with);
 }

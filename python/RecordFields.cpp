@@ -22,7 +22,9 @@ void* memberOf(PyObject* self, const Field& field) {
   return static_cast<char*>(recordOf(*asRecord(self))) + field.offset;
 }
 
-const ListOperations& listOperations(const Field& field) { return *static_cast<const ListOperations*>(field.operations); }
+const ListOperations& listOperations(const Field& field) {
+  return *static_cast<const ListOperations*>(field.operations);
+}
 
 const VariantOperations& variantOperations(const Field& field) {
   return *static_cast<const VariantOperations*>(field.operations);
@@ -54,8 +56,7 @@ bool encodeText(PyObject* value, std::string& text) {
       return true;
     }
     PyErr_Clear();
-    const auto bytes =
-        py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(value, "utf-8", "surrogateescape"));
+    const auto bytes = py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(value, "utf-8", "surrogateescape"));
     if (!bytes) {
       PyErr_Clear();
       return false;
@@ -265,8 +266,7 @@ int writeVariant(PyObject* self, PyObject* value, void* closure) {
     const VariantOperations& operations = variantOperations(field);
     for (std::size_t i = 0; i < operations.count; ++i) {
       if (PyObject_TypeCheck(value, operations.alternatives[i]->python_type)) {
-        replaceVariant(*asRecord(self)->anchor->root, memberOf(self, field), operations, i,
-                       recordOf(*asRecord(value)));
+        replaceVariant(*asRecord(self)->anchor->root, memberOf(self, field), operations, i, recordOf(*asRecord(value)));
         return true;
       }
     }

@@ -150,18 +150,15 @@ template <class Variant, std::size_t... Index>
 Variant copyAlternative(std::size_t index, const void* alternative, std::index_sequence<Index...>) {
   using Copy = Variant (*)(const void*);
   static constexpr Copy copies[] = {[](const void* source) {
-    return Variant(std::in_place_index<Index>,
-                   *static_cast<const std::variant_alternative_t<Index, Variant>*>(source));
+    return Variant(std::in_place_index<Index>, *static_cast<const std::variant_alternative_t<Index, Variant>*>(source));
   }...};
   return copies[index](alternative);
 }
 
-template <class Variant>
-void replaceVariant(void* variant, std::size_t index, const void* alternative, void** former) {
+template <class Variant> void replaceVariant(void* variant, std::size_t index, const void* alternative, void** former) {
   auto& stored = *static_cast<Variant*>(variant);
   // Copied first: the source may be a view of the very alternative that is replaced.
-  Variant copy =
-      copyAlternative<Variant>(index, alternative, std::make_index_sequence<std::variant_size_v<Variant>>());
+  Variant copy = copyAlternative<Variant>(index, alternative, std::make_index_sequence<std::variant_size_v<Variant>>());
   if (former != nullptr) {
     *former = new Variant(std::move(stored));
   }
@@ -173,8 +170,13 @@ template <class Variant> void dropVariant(void* former) { delete static_cast<Var
 template <class Variant, std::size_t Count>
 constexpr VariantOperations variantOf(RecordType* const (&alternatives)[Count]) {
   static_assert(Count == std::variant_size_v<Variant>);
-  return {alternatives,          Count, sizeof(Variant), variantIndex<Variant>, activeAlternative<Variant>,
-          replaceVariant<Variant>, dropVariant<Variant>};
+  return {alternatives,
+          Count,
+          sizeof(Variant),
+          variantIndex<Variant>,
+          activeAlternative<Variant>,
+          replaceVariant<Variant>,
+          dropVariant<Variant>};
 }
 
 /// A number or a text.
@@ -220,8 +222,14 @@ template <class Record> void destroyRecord(void* record) { std::destroy_at(stati
 
 template <class Record> constexpr RecordType record(const char* name, PyGetSetDef* attributes, const char* doc) {
   static_assert(alignof(Record) <= alignof(std::max_align_t), "the allocator of the interpreter aligns no further");
-  return {name,           doc,             attributes,              &typeid(Record),
-          sizeof(Record), alignof(Record), constructRecord<Record>, destroyRecord<Record>};
+  return {name,
+          doc,
+          attributes,
+          &typeid(Record),
+          sizeof(Record),
+          alignof(Record),
+          constructRecord<Record>,
+          destroyRecord<Record>};
 }
 
 } // namespace vorlinkit::python
