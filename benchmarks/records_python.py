@@ -104,7 +104,7 @@ class Item:
 
 
 def frame_by_hand() -> None:
-    for item in [Item(byte) for byte in FRAME_PAYLOAD[-len(FRAME):]]:
+    for item in [Item(byte) for byte in FRAME_PAYLOAD[-len(FRAME) :]]:
         item.frame_data_byte  # noqa: B018
 
 
@@ -134,7 +134,12 @@ def render() -> Callable[[], object]:
 
 def render_by_hand() -> Callable[[], object]:
     items = [{"AttachedMotorNumber": 0, "MotorType": 0} for _ in range(200)]
-    head = {"CommandError": 0, "CommandError_Desc": "Success", "AutomatedDeviceID": "AD1", "NumberOfMotors": 200}
+    head = {
+        "CommandError": 0,
+        "CommandError_Desc": "Success",
+        "AutomatedDeviceID": "AD1",
+        "NumberOfMotors": 200,
+    }
     return lambda: json.dumps(head | {"listOfMotors": items})
 
 
@@ -145,7 +150,7 @@ def main() -> None:
         ("2-byte response", small(vorlinkit_python), small_by_hand, small),
         ("200 motors", motors(vorlinkit_python), motors_by_hand, motors),
         ("1 MiB frame as items", frame(vorlinkit_python), frame_by_hand, frame),
-        ("1 MiB frame as bytes", frame_bytes, lambda: FRAME_PAYLOAD[-len(FRAME):], None),
+        ("1 MiB frame as bytes", frame_bytes, lambda: FRAME_PAYLOAD[-len(FRAME) :], None),
         ("write and encode a name", encode(), encode_by_hand(), None),
         ("200 motors to JSON", render(), render_by_hand(), None),
     ]

@@ -7,7 +7,19 @@ from collections.abc import Iterator
 
 from . import emit_cpp, names
 from .emit_cpp import CPP_TYPES, GENERATED
-from .model import INTEGER_BITS, Blob, Catalogue, Command, Family, Field, List, Message, Record, Scalar, Variant
+from .model import (
+    INTEGER_BITS,
+    Blob,
+    Catalogue,
+    Command,
+    Family,
+    Field,
+    List,
+    Message,
+    Record,
+    Scalar,
+    Variant,
+)
 
 MODULE = "vorlinkit_python"
 
@@ -234,7 +246,9 @@ def field_doc(command: Command, field: Field) -> str:
 
 
 def bytes_doc(blob: Blob) -> str:
-    return f"{blob.key} at once, as bytes; takes any buffer of bytes. Its count is {names.attribute(blob.count)}"
+    return (
+        f"{blob.key} at once, as bytes; takes any buffer of bytes. Its count is {names.attribute(blob.count)}"
+    )
 
 
 def encode_doc(command: Command) -> str:
