@@ -76,7 +76,7 @@ def motors(module: Any) -> Callable[[], object]:
 def motors_by_hand() -> None:
     (command_error,) = struct.unpack_from(">H", MOTORS)
     end = MOTORS.index(0, 2)
-    device, count, place = MOTORS[2:end].decode(), MOTORS[end + 1], end + 2
+    _device, count, place = MOTORS[2:end].decode(), MOTORS[end + 1], end + 2
     found = []
     for _ in range(count):
         found.append(struct.unpack_from(">BB", MOTORS, place))
