@@ -2,6 +2,7 @@
 
 #include <vorlinkit/VorlinSession.hpp>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -22,12 +23,24 @@ public:
     auto next = shared(std::move(handler));
     const std::lock_guard guard(notificationLock_);
     if (next || notificationHandlers_.contains(commandId)) notificationHandlers_[commandId].swap(next);
+    registrations_.fetch_add(1, std::memory_order_release);
   }
-  std::shared_ptr<const NotificationHandler> notificationHandler(std::uint16_t commandId) const {
-    const std::lock_guard guard(notificationLock_);
-    const auto found = notificationHandlers_.find(commandId);
-    return found == notificationHandlers_.end() ? nullptr : found->second;
+  /// I/O thread; null if there is none. Stays valid until the next look-up, also when the handler is
+  /// replaced meanwhile. A handler that was looked up lately is found without the lock.
+  const NotificationHandler* notificationHandler(std::uint16_t commandId) {
+    auto& found = lookedUp_[commandId % lookedUp_.size()];
+    if (found.registrations != registrations_.load(std::memory_order_acquire) || found.commandId != commandId) {
+      std::shared_ptr<const NotificationHandler> replaced;
+      const std::lock_guard guard(notificationLock_);
+      const auto registered = notificationHandlers_.find(commandId);
+      replaced = std::exchange(found.handler, registered == notificationHandlers_.end() ? nullptr : registered->second);
+      found.commandId = commandId;
+      found.registrations = registrations_.load(std::memory_order_relaxed);
+    }
+    return found.handler.get();
   }
+  /// I/O thread: lets go of handlers that were looked up and have been replaced since.
+  void forgetReplacedHandlers() { lookedUp_ = {}; }
 
   void setFrameObserver(FrameObserver observer) {
     auto next = shared(std::move(observer));
@@ -56,6 +69,7 @@ public:
   void clear() {
     setFrameObserver({});
     setStateObserver({});
+    forgetReplacedHandlers();
     decltype(notificationHandlers_) handlers;
     const std::lock_guard guard(notificationLock_);
     handlers.swap(notificationHandlers_);
@@ -68,6 +82,13 @@ private:
 
   mutable std::mutex notificationLock_;
   std::map<std::uint16_t, std::shared_ptr<const NotificationHandler>> notificationHandlers_;
+  std::atomic<std::uint64_t> registrations_{1};
+  struct LookedUp {
+    std::uint64_t registrations = 0; // at the time of the look-up
+    std::uint16_t commandId = 0;
+    std::shared_ptr<const NotificationHandler> handler;
+  };
+  std::array<LookedUp, 16> lookedUp_; // I/O thread only
   mutable std::mutex frameLock_;
   std::shared_ptr<const FrameObserver> frameObserver_;
   std::atomic<bool> observesFrames_{false};

@@ -3,13 +3,15 @@
 #include "FrameLayout.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 namespace vorlinkit {
 
 namespace {
 
-// A buffer above this size is given back to the system once this many frames have done without it.
+// A buffer above this size is kept for large frames only, and given back to the system once this many
+// frames have done without it.
 constexpr std::size_t largeBuffer = 256 * 1024;
 constexpr std::size_t smallFramesUntilRelease = 4096;
 
@@ -38,7 +40,8 @@ FrameAssembler::Cut FrameAssembler::next() { return partial_.empty() ? nextFromC
 FrameAssembler::Cut FrameAssembler::nextFromChunk() {
   if (chunk_.empty()) return {Step::NeedMore, nullptr};
   const Head head = readHead(chunk_);
-  if (head.step == Step::NeedMore || (head.step == Step::Frame && chunk_.size() < head.wanted)) return keepRest();
+  if (head.step == Step::NeedMore || (head.step == Step::Frame && chunk_.size() < head.wanted))
+    return keepRest(head.wanted);
   if (head.step != Step::Frame) return give(head.step);
 
   Frame frame = freshFrame();
@@ -70,12 +73,9 @@ FrameAssembler::Cut FrameAssembler::give(Step step) {
   return {step, nullptr};
 }
 
-/// The chunk ends inside a frame: the collecting starts in the largest buffer at hand.
-FrameAssembler::Cut FrameAssembler::keepRest() {
-  if (spare_ && spare_->capacity() > partial_.capacity()) {
-    spare_->clear();
-    spare_->swap(partial_);
-  }
+/// The chunk ends inside a frame, which is collected from here on.
+FrameAssembler::Cut FrameAssembler::keepRest(std::size_t wanted) {
+  if (wanted > largeBuffer) partial_ = std::move(large_);
   partial_.assign(chunk_.begin(), chunk_.end());
   chunk_ = {};
   return {Step::NeedMore, nullptr};
@@ -98,28 +98,34 @@ FrameAssembler::Frame FrameAssembler::freshFrame() {
 }
 
 void FrameAssembler::recycle(Frame frame) {
-  if (spare_ || !frame || frame.use_count() != 1) return;
-  if (frame->capacity() > largeBuffer && smallFramesInARow_ >= smallFramesUntilRelease) return;
-  // Another thread may have dropped the last copy but this one: dropping a copy here, too, makes its
-  // reads of the frame come before our writes.
+  if (!frame || frame.use_count() != 1) return;
+  // Another thread may have dropped the last copy but this one: its reads of the frame come before our writes.
+#ifdef __SANITIZE_THREAD__
   {
     const Frame synchronised = frame;
-  }
-  spare_ = std::move(frame);
+  } // what the fence does, in a form that ThreadSanitizer understands
+#else
+  std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+  if (frame->capacity() <= largeBuffer)
+    spare_ = std::move(frame);
+  else if (smallFramesInARow_ < smallFramesUntilRelease && frame->capacity() > large_.capacity())
+    large_.swap(*frame);
 }
 
 void FrameAssembler::reset() {
   chunk_ = {};
   partial_ = {};
   spare_ = nullptr;
+  large_ = {};
   smallFramesInARow_ = 0;
 }
 
 void FrameAssembler::forgetLargeBuffers(std::size_t frameSize) {
   if (frameSize > largeBuffer)
     smallFramesInARow_ = 0;
-  else if (++smallFramesInARow_ == smallFramesUntilRelease && partial_.empty() && partial_.capacity() > largeBuffer)
-    partial_ = {};
+  else if (++smallFramesInARow_ == smallFramesUntilRelease)
+    large_ = {};
 }
 
 } // namespace vorlinkit

@@ -41,14 +41,15 @@ private:
   Cut nextFromChunk();
   Cut nextFromPartial();
   Cut give(Step step);
-  Cut keepRest();
+  Cut keepRest(std::size_t wanted);
   bool collect(std::size_t size);
   Frame freshFrame();
   void forgetLargeBuffers(std::size_t frameSize);
 
   std::span<const std::byte> chunk_;
   std::vector<std::byte> partial_; // the beginning of a frame whose end has not arrived
-  Frame spare_;                    // a frame nobody holds any more
+  Frame spare_;                    // a frame nobody holds any more; never a large one
+  std::vector<std::byte> large_;   // memory for the next large frame, which small ones must not carry away
   std::size_t smallFramesInARow_ = 0;
 };
 

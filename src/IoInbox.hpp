@@ -28,11 +28,15 @@ public:
 
   /// Any thread. False if the inbox is closed; the job is then dropped.
   bool push(std::unique_ptr<IoJob> job) {
-    const std::lock_guard guard(lock_);
-    if (closed_) return false;
-    // Under the lock, since the event loop is sure to live on only while the inbox is open.
-    if (jobs_.empty()) asio::post(executor_, [this] { runAll(); });
-    jobs_.push_back(std::move(job));
+    bool first = false;
+    {
+      const std::lock_guard guard(lock_);
+      if (closed_) return false;
+      first = jobs_.empty();
+      jobs_.push_back(std::move(job));
+    }
+    // Not under the lock: the I/O thread may be running before this call returns.
+    if (first) asio::post(executor_, [this] { runAll(); });
     return true;
   }
 
@@ -46,18 +50,19 @@ public:
 
 private:
   void runAll() {
-    std::vector<std::unique_ptr<IoJob>> jobs;
     {
       const std::lock_guard guard(lock_);
-      jobs.swap(jobs_);
+      jobs_.swap(running_); // both keep their memory
     }
-    for (auto& job : jobs)
+    for (auto& job : running_)
       job->run();
+    running_.clear();
   }
 
   asio::any_io_executor executor_;
   std::mutex lock_;
   std::vector<std::unique_ptr<IoJob>> jobs_;
+  std::vector<std::unique_ptr<IoJob>> running_; // I/O thread only
   bool closed_ = false;
 };
 

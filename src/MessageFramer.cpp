@@ -42,7 +42,7 @@ MessageFramer::MessageFramer(std::chrono::milliseconds requestTimeout, std::uint
     : requestTimeout_(requestTimeout), requestAttempts_(std::max<std::uint32_t>(requestAttempts, 1)),
       codec_(std::move(codec)), writeChannel_(writeChannel), callbacks_(std::move(callbacks)),
       logger_(std::move(logger)), executor_(writeChannel.getExecutor()),
-      responseDeadline_(executor_, [this] { sendLoop_.notify(); }), sendLoop_(executor_) {}
+      responseDeadline_(executor_, [this] { sendLoop_.resume(); }), sendLoop_(executor_) {}
 
 MessageFramer::~MessageFramer() {
   failAll(stoppedError(), true);
@@ -62,7 +62,7 @@ void MessageFramer::submit(std::unique_ptr<PendingRequest> request) {
     return;
   }
   queue_.push_back(std::move(request));
-  if (!active_) sendLoop_.notify();
+  if (!active_) sendLoop_.resume();
 }
 
 asio::awaitable<MessageFramer::Outcome> MessageFramer::send(std::uint16_t commandId,

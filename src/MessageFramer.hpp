@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace vorlinkit {
@@ -33,11 +34,11 @@ class MessageFramer {
 public:
   using Outcome = PendingRequest::Outcome;
 
-  /// What the framer asks of the session. Handlers are handed out shared, so that one that is replaced
-  /// while it runs stays alive until it returns.
+  /// What the framer asks of the session. A handler stays valid until the next one is asked for, also
+  /// when it is replaced while it runs.
   struct Callbacks {
     std::function<std::uint8_t()> clientId;
-    std::function<std::shared_ptr<const NotificationHandler>(std::uint16_t)> notificationHandler;
+    std::function<const NotificationHandler*(std::uint16_t)> notificationHandler;
     std::function<std::shared_ptr<const FrameObserver>()> frameObserver;
     std::function<void(std::uint8_t)> setClientId;
   };
@@ -67,12 +68,13 @@ public:
 
 private:
   // Receiving (MessageFramerReceive.cpp)
+  void cutAndDispatch(std::span<const std::byte> chunk);
   void onFrame(FrameAssembler::Frame frame);
   void observeReceived(std::span<const std::byte> frame);
   void dispatch(const RawMessage& message);
   void onNotification(const RawMessage& message);
   void onResponse(const RawMessage& message);
-  void failActive(const char* text);
+  void failActive(std::string text);
 
   // Sending (MessageFramerSend.cpp)
   asio::awaitable<void> processLoop();
@@ -99,6 +101,7 @@ private:
   std::unique_ptr<PendingRequest> active_;
   std::uint32_t attempt_ = 0;          // of the active request, from 1
   std::optional<RawMessage> response_; // to the active request; stored for the send loop
+  bool activeSettled_ = false;         // the chunk at hand has brought the active request its end
   Deadline responseDeadline_;
   Wakeup sendLoop_;
   bool started_ = false;

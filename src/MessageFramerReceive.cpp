@@ -12,6 +12,12 @@ namespace vorlinkit {
 
 void MessageFramer::onBytes(std::span<const std::byte> chunk) {
   if (chunk.empty()) return;
+  cutAndDispatch(chunk);
+  // Only now, so that a second answer in the same chunk does not meet the next request.
+  if (std::exchange(activeSettled_, false)) sendLoop_.resume();
+}
+
+void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
   assembler_.feed(chunk);
   for (;;) {
     FrameAssembler::Cut cut = assembler_.next();
@@ -31,7 +37,10 @@ void MessageFramer::onBytes(std::span<const std::byte> chunk) {
   }
 }
 
-void MessageFramer::failActive(const char* text) { completeActive(std::unexpected(Error{ErrorCode::Protocol, text})); }
+void MessageFramer::failActive(std::string text) {
+  completeActive(std::unexpected(Error{ErrorCode::Protocol, std::move(text)}));
+  activeSettled_ = true;
+}
 
 void MessageFramer::onFrame(FrameAssembler::Frame frame) {
   const std::size_t length = frame->size();
@@ -72,7 +81,7 @@ void MessageFramer::dispatch(const RawMessage& message) {
 }
 
 void MessageFramer::onNotification(const RawMessage& message) {
-  const auto handler = callbacks_.notificationHandler(message.commandId);
+  const NotificationHandler* const handler = callbacks_.notificationHandler(message.commandId);
   if (!handler) {
     log(logger_, LogLevel::warn, "No handler for notification commandId={}", message.commandId);
     return;
@@ -96,7 +105,7 @@ void MessageFramer::onResponse(const RawMessage& message) {
   if (message.majorError != 0) {
     const std::string text = "VORLIN protocol error (majorError): " + protocolErrorsToString(message.majorError, true);
     log(logger_, LogLevel::err, "{}", text);
-    return completeActive(std::unexpected(Error{ErrorCode::Protocol, text}));
+    return failActive(text);
   }
   if (message.minorError != 0) {
     const std::string text =
@@ -106,7 +115,7 @@ void MessageFramer::onResponse(const RawMessage& message) {
   if (!response_) {
     response_ = message;
     responseDeadline_.clear();
-    sendLoop_.notify();
+    activeSettled_ = true;
   }
   constexpr std::uint16_t getClientId = 1;
   if (message.commandId == getClientId && message.payload.size() == 1) {

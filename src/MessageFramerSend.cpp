@@ -112,7 +112,6 @@ const char* MessageFramer::endActive(Outcome outcome) {
 void MessageFramer::completeActive(Outcome outcome) {
   responseDeadline_.clear();
   if (const auto request = std::exchange(active_, nullptr)) request->complete(std::move(outcome));
-  sendLoop_.notify();
 }
 
 } // namespace vorlinkit

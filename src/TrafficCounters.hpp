@@ -22,7 +22,10 @@ struct TrafficCounters {
   PerCommand timeoutsOf{};
   PerCommand retriesOf{};
 
-  static void add(Counter& counter, std::uint64_t amount) { counter.fetch_add(amount, std::memory_order_relaxed); }
+  /// Only the I/O thread writes, so a load and a store will do where a read-modify-write would be dear.
+  static void add(Counter& counter, std::uint64_t amount) {
+    counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  }
   static void add(PerCommand& counters, std::uint16_t commandId, std::uint64_t amount) {
     if (commandId < counters.size()) add(counters[commandId], amount);
   }

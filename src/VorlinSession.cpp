@@ -22,7 +22,7 @@ std::future<std::expected<RawMessage, Error>> VorlinSession::send(std::uint16_t 
 }
 
 void VorlinSession::on_notification(std::uint16_t commandId, NotificationHandler handler) {
-  impl_->callbacks().setNotificationHandler(commandId, std::move(handler));
+  impl_->onNotification(commandId, std::move(handler));
 }
 
 void VorlinSession::on_frame(FrameObserver observer) { impl_->callbacks().setFrameObserver(std::move(observer)); }

@@ -67,6 +67,15 @@ private:
   Answer<void> answer_;
 };
 
+class VorlinSessionImpl::ForgetJob final : public IoJob {
+public:
+  explicit ForgetJob(CallbackSlots& callbacks) : callbacks_(callbacks) {}
+  void run() override { callbacks_.forgetReplacedHandlers(); }
+
+private:
+  CallbackSlots& callbacks_;
+};
+
 VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorlinLogger> logger)
     : config_(std::move(config)), logger_(std::move(logger)), codec_(std::make_shared<const VorlinCodec>()),
       context_(oneThread), workGuard_(asio::make_work_guard(context_)),
@@ -121,6 +130,12 @@ std::future<std::expected<RawMessage, Error>> VorlinSessionImpl::send(std::uint1
   auto result = request->future();
   inbox_.push(std::make_unique<SendJob>(*framer_, std::move(request)));
   return result;
+}
+
+void VorlinSessionImpl::onNotification(std::uint16_t commandId, NotificationHandler handler) {
+  callbacks_.setNotificationHandler(commandId, std::move(handler));
+  // What was replaced may still be at hand on the I/O thread, and is let go of there.
+  if (!inherited()) inbox_.push(std::make_unique<ForgetJob>(callbacks_));
 }
 
 void VorlinSessionImpl::setChunkHooks(std::function<void()> before, std::function<void()> after) {

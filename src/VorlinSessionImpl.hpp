@@ -41,6 +41,7 @@ public:
   std::uint8_t clientId() const noexcept { return clientId_.load(std::memory_order_relaxed); }
   std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload);
   bool isIoThread() const noexcept { return std::this_thread::get_id() == ioThreadId_.load(std::memory_order_relaxed); }
+  void onNotification(std::uint16_t commandId, NotificationHandler handler);
   CallbackSlots& callbacks() { return callbacks_; }
   void setChunkHooks(std::function<void()> before, std::function<void()> after);
 
@@ -52,6 +53,7 @@ private:
   class SendJob;
   class ConnectJob;
   class CloseJob;
+  class ForgetJob;
 
   /// A fork carries the session into a process that has no I/O thread for it.
   bool inherited() const noexcept;

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace vorlinkit {
 
@@ -14,21 +13,27 @@ class Wakeup {
 public:
   explicit Wakeup(asio::any_io_executor executor) : executor_(std::move(executor)) {}
 
-  /// Suspends the calling coroutine until the next notify().
+  /// Suspends the calling coroutine until the next notify() or resume().
   asio::awaitable<void> wait() {
     return asio::async_initiate<const asio::use_awaitable_t<>&, void()>(
         [this](auto handler) {
-          waiters_.push_back(std::make_unique<WaiterFor<decltype(handler)>>(std::move(handler)));
+          std::unique_ptr<Waiter>* end = &first_;
+          while (*end)
+            end = &(*end)->next;
+          *end = std::make_unique<WaiterFor<decltype(handler)>>(std::move(handler));
         },
         asio::use_awaitable);
   }
 
   /// Lets every waiter go on, in order, each in a turn of its own of the event loop.
   void notify() {
-    std::swap(waiters_, released_); // both keep their memory
-    for (auto& waiter : released_)
-      waiter->resume(executor_);
-    released_.clear();
+    forEachReleased([this](Waiter& waiter) { waiter.post(executor_); });
+  }
+
+  /// Lets every waiter go on now, inside this call: spares a turn of the event loop where the caller has
+  /// nothing left to do that a waiter could disturb.
+  void resume() {
+    forEachReleased([](Waiter& waiter) { waiter.run(); });
   }
 
 private:
@@ -37,18 +42,29 @@ private:
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
     virtual ~Waiter() = default;
-    virtual void resume(const asio::any_io_executor& executor) = 0;
+    virtual void post(const asio::any_io_executor& executor) = 0;
+    virtual void run() = 0;
+    std::unique_ptr<Waiter> next;
   };
 
   template <typename Handler> struct WaiterFor final : Waiter {
     explicit WaiterFor(Handler given) : handler(std::move(given)) {}
-    void resume(const asio::any_io_executor& executor) override { asio::post(executor, std::move(handler)); }
+    void post(const asio::any_io_executor& executor) override { asio::post(executor, std::move(handler)); }
+    void run() override { std::move(handler)(); }
     Handler handler;
   };
 
+  /// Waiters that wait again meanwhile are not among those released.
+  template <typename Release> void forEachReleased(Release release) {
+    for (auto waiter = std::move(first_); waiter;) {
+      auto next = std::move(waiter->next);
+      release(*waiter);
+      waiter = std::move(next);
+    }
+  }
+
   asio::any_io_executor executor_;
-  std::vector<std::unique_ptr<Waiter>> waiters_;
-  std::vector<std::unique_ptr<Waiter>> released_;
+  std::unique_ptr<Waiter> first_;
 };
 
 } // namespace vorlinkit

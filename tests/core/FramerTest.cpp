@@ -49,10 +49,9 @@ struct Framer : testing::Test {
         timeout, attempts, std::make_shared<VorlinCodec>(), channel,
         MessageFramer::Callbacks{
             .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
-            .notificationHandler =
-                [this](std::uint16_t id) {
-                  return handlers.contains(id) ? std::make_shared<const NotificationHandler>(handlers[id]) : nullptr;
-                },
+            .notificationHandler = [this](std::uint16_t id) -> const NotificationHandler* {
+              return handlers.contains(id) ? &handlers[id] : nullptr;
+            },
             .frameObserver = [this] { return observer ? std::make_shared<const FrameObserver>(observer) : nullptr; },
             .setClientId = [this](std::uint8_t id) { clientId = id; }},
         logger);
