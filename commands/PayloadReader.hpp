@@ -7,6 +7,7 @@
 #include "ReadFailure.hpp"
 #include "UuidText.hpp"
 
+#include <cstring>
 #include <expected>
 #include <span>
 #include <string>
@@ -76,19 +77,35 @@ template <class... Fields> ReadFailure first_shortage(FieldList<Fields...>, std:
 template <class Record, class... Outer>
 ReadFailure read_record(PayloadCursor& cursor, Record& record, const Outer&... outer);
 
-ReadFailure read_text(PayloadCursor& cursor, std::string& text);
+inline ReadFailure read_text(PayloadCursor& cursor, std::string& text) {
+  const auto length = cursor.remaining();
+  const void* zero = length ? std::memchr(cursor.at, 0, length) : nullptr;
+  if (!zero) [[unlikely]]
+    return ReadFailure::NoTerminator;
+  const auto* terminator = static_cast<const std::byte*>(zero);
+  text.assign(reinterpret_cast<const char*>(cursor.at), static_cast<std::size_t>(terminator - cursor.at));
+  cursor.at = terminator + 1;
+  return ReadFailure::None;
+}
 
-template <class Item> void load_items(const std::byte* from, std::size_t count, std::vector<Item>& items) {
-  if constexpr (sizeof(Item) == 1 && std::is_trivially_copyable_v<Item>) {
-    // Bytes on the wire are bytes in memory: one allocation and one copy.
-    const auto* first = reinterpret_cast<const Item*>(from);
-    items.assign(first, first + count);
+/// Bytes on the wire are bytes in memory. On its own, so that the compiler sees fresh memory and copies
+/// it in one go.
+template <class Item> [[gnu::noinline]] std::vector<Item> copy_bytes(const std::byte* from, std::size_t count) {
+  static_assert(sizeof(Item) == 1 && std::is_trivially_copyable_v<Item>);
+  const auto* first = reinterpret_cast<const Item*>(from);
+  return std::vector<Item>(first, first + count);
+}
+
+template <class Item> std::vector<Item> load_items(const std::byte* from, std::size_t count) {
+  if constexpr (sizeof(Item) == 1) {
+    return copy_bytes<Item>(from, count);
   } else {
-    items = std::vector<Item>(count); // compiles to less than resize
+    std::vector<Item> items(count);
     for (auto& item : items) {
       load_fields(typename Layout<Item>::Fields{}, from, item);
       from += fixed_size<Item>();
     }
+    return items;
   }
 }
 
@@ -101,7 +118,7 @@ ReadFailure read_items(PayloadCursor& cursor, std::uint64_t promised, std::vecto
     if (promised > most) [[unlikely]]
       return first_shortage(typename Layout<Item>::Fields{}, cursor.remaining() % fixed_size<Item>());
     const auto count = static_cast<std::size_t>(promised);
-    load_items(cursor.at, count, items);
+    items = load_items<Item>(cursor.at, count);
     cursor.at += count * fixed_size<Item>();
   } else {
     // One more than fits is enough to reach the field at which the bytes run out.
