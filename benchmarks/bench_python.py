@@ -26,7 +26,9 @@ ACCESS_KEY = bytes([0x5A, 0xC3, 0x1E, 0x87])
 MEBIBYTE = 1 << 20
 
 
-def report(judged: str, name: str, unit: str, ours: float, peer: float, limit: float = 0, aim: float = 0) -> None:
+def report(
+    judged: str, name: str, unit: str, ours: float, peer: float, limit: float = 0, aim: float = 0
+) -> None:
     print(judged, name, unit, f"{ours:.9g}", f"{peer:.9g}", limit, aim, sep="\t", flush=True)
 
 
@@ -39,7 +41,7 @@ def seconds_of(work: Callable[[], object]) -> float:
 def least_of(rounds: int, *contenders: Callable[[], float]) -> list[float]:
     least = [float("inf")] * len(contenders)
     for _ in range(rounds):
-        least = [min(so_far, contender()) for so_far, contender in zip(least, contenders)]
+        least = [min(so_far, contender()) for so_far, contender in zip(least, contenders, strict=True)]
     return least
 
 
@@ -55,7 +57,9 @@ def repeated(work: Callable[[], object], times: int) -> Callable[[], float]:
     return one_round
 
 
-def compare(name: str, ours: Callable[[], object], peer: Callable[[], object], limit: float, aim: float) -> None:
+def compare(
+    name: str, ours: Callable[[], object], peer: Callable[[], object], limit: float, aim: float
+) -> None:
     """Two ways to the same result, in microseconds."""
     assert ours() == peer(), name
     times = max(1, int(0.002 / seconds_of(peer)))
@@ -150,7 +154,9 @@ def round_trips(build: Path) -> None:
         lambda: seconds_of(lambda: loop.run_until_complete(ask_many())) / times,
     )
     ours, blocking, with_asyncio = (seconds * 1e6 for seconds in cost)
-    report("ratio", "Python: round trip, beside a blocking socket with struct", "us", ours, blocking, 2.0, 1.6)
+    report(
+        "ratio", "Python: round trip, beside a blocking socket with struct", "us", ours, blocking, 2.0, 1.6
+    )
     report("ratio", "Python: round trip, beside asyncio streams", "us", ours, with_asyncio, 0, 1)
     session.disconnect()
     connection.close()
@@ -163,7 +169,9 @@ def round_trips(build: Path) -> None:
 # -- notifications ----------------------------------------------------------------------------------------------
 
 
-def receive_by_hand(connection: socket.socket, request: bytes, count: int, handlers: dict[int, Callable]) -> None:
+def receive_by_hand(
+    connection: socket.socket, request: bytes, count: int, handlers: dict[int, Callable]
+) -> None:
     """A socket loop with care: one recv for many frames, headers read where they lie."""
     connection.sendall(request)
     receive_exactly(connection, RESPONSE.size)
@@ -219,7 +227,9 @@ def notifications(build: Path) -> None:
     session.on_notification(STREAM, on_notification)
     cost = least_of(15, lambda: seconds_of(through_session), lambda: seconds_of(through_socket))
     ours, peer = (seconds * 1e9 / count for seconds in cost)
-    report("ratio", "Python: notification to a callback, beside a socket loop by hand", "ns", ours, peer, 1, 1)
+    report(
+        "ratio", "Python: notification to a callback, beside a socket loop by hand", "ns", ours, peer, 1, 1
+    )
     session.disconnect()
     connection.close()
     machine.end()
@@ -243,7 +253,13 @@ def machine_info_by_hand(payload: bytes) -> tuple:
 
 def machine_info(payload: bytes) -> tuple:
     info = vk.decode_get_machine_info_response(payload)
-    return info.interface_type, info.module_count, info.interface_version, info.serial_number, info.machine_type
+    return (
+        info.interface_type,
+        info.module_count,
+        info.interface_version,
+        info.serial_number,
+        info.machine_type,
+    )
 
 
 def motors_by_hand(payload: bytes) -> tuple:
@@ -313,10 +329,20 @@ def frames() -> None:
         return seconds_of(lambda: sum(item.frame_data_byte for item in decode(FRAME).frame))
 
     def items_by_hand() -> float:
-        return seconds_of(lambda: sum(item.frame_data_byte for item in [Item(byte) for byte in FRAME[start:]]))
+        return seconds_of(
+            lambda: sum(item.frame_data_byte for item in [Item(byte) for byte in FRAME[start:]])
+        )
 
     ours, peer = (seconds * 1e3 for seconds in least_of(5, items, items_by_hand))
-    report("value", "Python: 1 MiB frame as item objects, each read, beside slots classes", "ms", ours, peer, 357, 155)
+    report(
+        "value",
+        "Python: 1 MiB frame as item objects, each read, beside slots classes",
+        "ms",
+        ours,
+        peer,
+        357,
+        155,
+    )
     assert decode(FRAME).frame_bytes == FRAME[start:]
     at_once = repeated(lambda: decode(FRAME).frame_bytes, 20)
     ours, peer = (seconds * 1e3 for seconds in least_of(20, at_once, repeated(lambda: FRAME[start:], 20)))
@@ -364,7 +390,13 @@ def json_texts() -> None:
     ):
         # json.dumps is given the finished dictionary, which by hand would have to be made first.
         finished = json.loads(ours())
-        compare(f"Python: JSON of {name}, beside json.dumps", ours, lambda: json.dumps(finished), 1, 1)
+        compare(
+            f"Python: JSON of {name}, beside json.dumps",
+            ours,
+            lambda finished=finished: json.dumps(finished),
+            1,
+            1,
+        )
 
 
 # -- the module itself ------------------------------------------------------------------------------------------
@@ -373,9 +405,13 @@ def json_texts() -> None:
 def module() -> None:
     def import_of(name: str) -> Callable[[], float]:
         code = f"import time; s = time.perf_counter(); import {name}; print(time.perf_counter() - s)"
-        return lambda: float(subprocess.run([sys.executable, "-c", code], capture_output=True, check=True).stdout)
+        return lambda: float(
+            subprocess.run([sys.executable, "-c", code], capture_output=True, check=True).stdout
+        )
 
-    ours, peer = (seconds * 1e3 for seconds in least_of(15, import_of("vorlinkit_python"), import_of("asyncio")))
+    ours, peer = (
+        seconds * 1e3 for seconds in least_of(15, import_of("vorlinkit_python"), import_of("asyncio"))
+    )
     report("value", "Python: import of the module, beside import asyncio", "ms", ours, peer, 40, 15)
     assert vk.__file__ is not None
     report("value", "Size of the stripped module", "MB", Path(vk.__file__).stat().st_size / 1e6, 0, 8, 5)
