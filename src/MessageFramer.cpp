@@ -65,8 +65,7 @@ void MessageFramer::submit(std::unique_ptr<PendingRequest> request) {
   if (!active_) sendLoop_.resume();
 }
 
-asio::awaitable<MessageFramer::Outcome> MessageFramer::send(std::uint16_t commandId,
-                                                            std::span<const std::byte> payload) {
+asio::awaitable<MessageFramer::Outcome> MessageFramer::send(std::uint16_t commandId, std::vector<std::byte> payload) {
   const auto result = std::make_shared<AwaitedRequest::Result>(executor_);
   submit(std::make_unique<AwaitedRequest>(commandId, payload, result));
   while (!result->outcome)

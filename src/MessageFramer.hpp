@@ -54,8 +54,8 @@ public:
   void start();
   /// Queues a request; its `complete` is called exactly once, also when the framer is already stopped.
   void submit(std::unique_ptr<PendingRequest> request);
-  /// Queues a request and waits for its outcome.
-  asio::awaitable<Outcome> send(std::uint16_t commandId, std::span<const std::byte> payload);
+  /// Queues a request and waits for its outcome. Owns the payload, since it starts only when awaited.
+  asio::awaitable<Outcome> send(std::uint16_t commandId, std::vector<std::byte> payload);
   /// Takes a chunk of the received stream: cuts, reports, decodes and dispatches every frame in it.
   void onBytes(std::span<const std::byte> chunk);
   /// Fails the request in flight and everything queued. Requests that were queued are never sent: their
