@@ -48,6 +48,8 @@ public:
     frameObserver_.swap(next);
     observesFrames_.store(frameObserver_ != nullptr, std::memory_order_release);
   }
+  /// Any thread.
+  bool observesFrames() const noexcept { return observesFrames_.load(std::memory_order_acquire); }
   std::shared_ptr<const FrameObserver> frameObserver() const {
     if (!observesFrames_.load(std::memory_order_acquire)) return nullptr;
     const std::lock_guard guard(frameLock_);

@@ -15,8 +15,8 @@ std::chrono::steady_clock::time_point saturatingAdd(std::chrono::steady_clock::t
   return start + wait;
 }
 
-Deadline::Deadline(const asio::any_io_executor& executor, std::function<void()> onPassed)
-    : timer_(executor), onPassed_(std::move(onPassed)) {}
+Deadline::Deadline(const asio::any_io_executor& executor, std::function<void()> onTimer, std::function<void()> onPassed)
+    : timer_(executor), onTimer_(std::move(onTimer)), onPassed_(std::move(onPassed)) {}
 
 Deadline::~Deadline() { stop(); }
 
@@ -28,20 +28,25 @@ void Deadline::set(TimePoint moment) {
 void Deadline::stop() {
   clear();
   timer_.cancel();
+  armed_ = false;
 }
 
 void Deadline::arm() {
   timer_.expires_at(moment_); // ends an earlier wait
   armed_ = true;
   timer_.async_wait([this](std::error_code ended) {
-    if (ended) return; // set anew, or stopped
-    armed_ = false;
-    if (moment_ == TimePoint::max()) return;
-    if (passed())
-      onPassed_();
-    else
-      arm();
+    if (!ended) onFired(); // otherwise set anew, or stopped
   });
+}
+
+void Deadline::onFired() {
+  armed_ = false;
+  onTimer_();
+  if (armed_ || moment_ == TimePoint::max()) return;
+  if (passed())
+    onPassed_();
+  else
+    arm();
 }
 
 } // namespace vorlinkit

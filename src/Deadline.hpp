@@ -2,6 +2,7 @@
 
 #include "Asio.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -19,7 +20,8 @@ class Deadline {
 public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  Deadline(const asio::any_io_executor& executor, std::function<void()> onPassed);
+  /// `onTimer` runs whenever the timer has fired, before the moment is looked at; it may set a new one.
+  Deadline(const asio::any_io_executor& executor, std::function<void()> onTimer, std::function<void()> onPassed);
   ~Deadline();
   Deadline(const Deadline&) = delete;
   Deadline& operator=(const Deadline&) = delete;
@@ -30,14 +32,19 @@ public:
   bool passed() const { return moment_ <= std::chrono::steady_clock::now(); }
   /// Calls the moment off and stops the timer, so that nothing of it is pending any more.
   void stop();
+  /// Any thread: whether the timer runs. What has been published before this is read as true is seen by
+  /// the next `onTimer`.
+  bool armed() const noexcept { return armed_; }
 
 private:
+  void onFired();
   void arm();
 
   asio::steady_timer timer_;
+  std::function<void()> onTimer_;
   std::function<void()> onPassed_;
   TimePoint moment_ = TimePoint::max();
-  bool armed_ = false;
+  std::atomic<bool> armed_{false};
 };
 
 } // namespace vorlinkit

@@ -42,7 +42,9 @@ MessageFramer::MessageFramer(std::chrono::milliseconds requestTimeout, std::uint
     : requestTimeout_(requestTimeout), requestAttempts_(std::max<std::uint32_t>(requestAttempts, 1)),
       codec_(std::move(codec)), writeChannel_(writeChannel), callbacks_(std::move(callbacks)),
       logger_(std::move(logger)), executor_(writeChannel.getExecutor()),
-      responseDeadline_(executor_, [this] { sendLoop_.resume(); }), sendLoop_(executor_) {}
+      responseDeadline_(
+          executor_, [this] { callbacks_.submitBegun(); }, [this] { sendLoop_.resume(); }),
+      sendLoop_(executor_) {}
 
 MessageFramer::~MessageFramer() {
   failAll(stoppedError(), true);
@@ -78,6 +80,7 @@ void MessageFramer::failAll(const Error& error, bool closeQueue) {
   if (const auto request = std::exchange(active_, nullptr)) request->complete(std::unexpected(error));
   for (const auto& request : std::exchange(queue_, {}))
     request->complete(std::unexpected(error));
+  timedOut_ = false;
   if (closeQueue) {
     closed_ = true;
     started_ = false;

@@ -41,6 +41,10 @@ public:
     std::function<const NotificationHandler*(std::uint16_t)> notificationHandler;
     std::function<std::shared_ptr<const FrameObserver>()> frameObserver;
     std::function<void(std::uint8_t)> setClientId;
+    /// Asked before time is looked at: requests that callers have begun are to be submitted now.
+    std::function<void()> submitBegun = [] {};
+    /// The machine has answered everything, and the caller is about to be told.
+    std::function<void()> allAnswered = [] {};
   };
 
   MessageFramer(std::chrono::milliseconds requestTimeout, std::uint32_t requestAttempts,
@@ -52,7 +56,8 @@ public:
 
   /// Spawns the send loop; harmless when it runs already.
   void start();
-  /// Queues a request; its `complete` is called exactly once, also when the framer is already stopped.
+  /// Queues a request; its `complete` is called exactly once, also when the framer is already stopped. One
+  /// that its caller has begun must be submitted before a chunk that may hold its response.
   void submit(std::unique_ptr<PendingRequest> request);
   /// Queues a request and waits for its outcome. Owns the payload, since it starts only when awaited.
   asio::awaitable<Outcome> send(std::uint16_t commandId, std::vector<std::byte> payload);
@@ -63,6 +68,11 @@ public:
   void failAll(const Error& error, bool closeQueue);
   /// Forgets half-received frames; for the session, when a connection has ended.
   void resetReceiveState() { assembler_.reset(); }
+  /// Whether the machine has answered all it was sent and nothing waits, so that a request that is begun now
+  /// overtakes no other and finds room in the socket.
+  bool allAnswered() const { return !active_ && queue_.empty() && !timedOut_ && !closed_; }
+  /// Any thread: whether `submitBegun` will be called in time for a request that was begun before this call.
+  bool keepsTime() const noexcept { return responseDeadline_.armed(); }
 
   const TrafficCounters& counters() const { return counters_; }
 
@@ -80,7 +90,9 @@ private:
   asio::awaitable<void> processLoop();
   asio::awaitable<void> sendActive();
   asio::awaitable<const char*> attemptActive();
-  asio::awaitable<void> awaitResponse();
+  asio::awaitable<const char*> writeActive();
+  asio::awaitable<void> awaitResponse(Deadline::TimePoint written);
+  void countSent(std::size_t frameLength);
   std::optional<Error> observeSent(std::span<const std::byte> frame);
   const char* giveUpAfterTimeout(std::uint16_t commandId);
   const char* endActive(Outcome outcome);
@@ -102,6 +114,7 @@ private:
   std::uint32_t attempt_ = 0;          // of the active request, from 1
   std::optional<RawMessage> response_; // to the active request; stored for the send loop
   bool activeSettled_ = false;         // the chunk at hand has brought the active request its end
+  bool timedOut_ = false;              // the last request has; the machine may not have read it yet
   Deadline responseDeadline_;
   Wakeup sendLoop_;
   bool started_ = false;

@@ -47,24 +47,18 @@ asio::awaitable<void> MessageFramer::sendActive() {
 /// has its outcome.
 asio::awaitable<const char*> MessageFramer::attemptActive() {
   const std::uint16_t commandId = active_->commandId;
-  auto frame = codec_->encodeRequest(commandId, callbacks_.clientId(), active_->payload);
-  if (!frame) co_return endActive(std::unexpected(frame.error()));
-  TrafficCounters::add(counters_.bytesSent, frame->size());
-  TrafficCounters::add(counters_.bytesSentOf, commandId, frame->size());
-
-  if (auto refused = observeSent(*frame)) {
-    if (mayRetry()) co_return "onFrame(Tx) callback failed for commandId={}, retrying attempt {} of {}";
-    co_return endActive(std::unexpected(std::move(*refused)));
-  }
-
+  auto written = std::chrono::steady_clock::time_point::max();
   response_.reset();
-  std::expected<void, Error> written = co_await writeChannel_.write(std::move(*frame));
-  if (!written) {
-    if (mayRetry()) co_return "Write failed for commandId={}, retrying attempt {} of {}";
-    co_return endActive(std::unexpected(std::move(written.error())));
+  if (const auto begun = std::exchange(active_->begun, std::nullopt)) {
+    countSent(begun->frameLength);
+    written = begun->at;
+  } else {
+    const char* const retryText = co_await writeActive();
+    if (retryText != nullptr) co_return retryText;
+    written = std::chrono::steady_clock::now();
   }
 
-  co_await awaitResponse();
+  co_await awaitResponse(written);
   if (!active_) co_return nullptr;
   if (response_) co_return endActive(std::move(*std::exchange(response_, std::nullopt)));
   if (!mayRetry()) co_return giveUpAfterTimeout(commandId);
@@ -73,10 +67,33 @@ asio::awaitable<const char*> MessageFramer::attemptActive() {
   co_return "Request timeout for commandId={}, retrying attempt {} of {}";
 }
 
+/// Encodes, shows and writes the active request. Yields as attemptActive does; the request may have been
+/// completed when it has been written.
+asio::awaitable<const char*> MessageFramer::writeActive() {
+  auto frame = codec_->encodeRequest(active_->commandId, callbacks_.clientId(), active_->payload);
+  if (!frame) co_return endActive(std::unexpected(frame.error()));
+  countSent(frame->size());
+
+  if (auto refused = observeSent(*frame)) {
+    if (mayRetry()) co_return "onFrame(Tx) callback failed for commandId={}, retrying attempt {} of {}";
+    co_return endActive(std::unexpected(std::move(*refused)));
+  }
+
+  std::expected<void, Error> written = co_await writeChannel_.write(std::move(*frame));
+  if (written) co_return nullptr;
+  if (mayRetry()) co_return "Write failed for commandId={}, retrying attempt {} of {}";
+  co_return endActive(std::unexpected(std::move(written.error())));
+}
+
+void MessageFramer::countSent(std::size_t frameLength) {
+  TrafficCounters::add(counters_.bytesSent, frameLength);
+  TrafficCounters::add(counters_.bytesSentOf, active_->commandId, frameLength);
+}
+
 /// Waits until the active request has a response, is completed otherwise, or has run out of time.
-asio::awaitable<void> MessageFramer::awaitResponse() {
+asio::awaitable<void> MessageFramer::awaitResponse(Deadline::TimePoint written) {
   if (!active_ || response_) co_return;
-  responseDeadline_.set(saturatingAdd(std::chrono::steady_clock::now(), requestTimeout_));
+  responseDeadline_.set(saturatingAdd(written, requestTimeout_));
   while (active_ && !response_ && !responseDeadline_.passed())
     co_await sendLoop_.wait();
   responseDeadline_.clear();
@@ -97,6 +114,7 @@ std::optional<Error> MessageFramer::observeSent(std::span<const std::byte> frame
 }
 
 const char* MessageFramer::giveUpAfterTimeout(std::uint16_t commandId) {
+  timedOut_ = true;
   TrafficCounters::add(counters_.requestsTimedOut, 1);
   TrafficCounters::add(counters_.timeoutsOf, commandId, 1);
   return endActive(
@@ -111,7 +129,12 @@ const char* MessageFramer::endActive(Outcome outcome) {
 
 void MessageFramer::completeActive(Outcome outcome) {
   responseDeadline_.clear();
-  if (const auto request = std::exchange(active_, nullptr)) request->complete(std::move(outcome));
+  const auto request = std::exchange(active_, nullptr);
+  if (!request) return;
+  if (outcome) timedOut_ = false;
+  // Before the caller goes on, who may have the next request at hand.
+  if (outcome && queue_.empty()) callbacks_.allAnswered();
+  request->complete(std::move(outcome));
 }
 
 } // namespace vorlinkit

@@ -4,10 +4,12 @@
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/RawMessage.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <future>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
@@ -39,6 +41,13 @@ private:
   bool open_ = true;
 };
 
+/// A future that has its answer from the beginning.
+template <typename Value> std::future<std::expected<Value, Error>> readyWith(Error error) {
+  std::promise<std::expected<Value, Error>> promise;
+  promise.set_value(std::unexpected(std::move(error)));
+  return promise.get_future();
+}
+
 /// One queued or in-flight request. Owned by the framer; I/O thread.
 class PendingRequest {
 public:
@@ -53,8 +62,15 @@ public:
   /// Tells the caller; the first outcome counts.
   virtual void complete(Outcome outcome) = 0;
 
+  /// A first attempt that the caller's own thread has made.
+  struct Begun {
+    std::chrono::steady_clock::time_point at;
+    std::size_t frameLength;
+  };
+
   const std::uint16_t commandId;
   const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
+  std::optional<Begun> begun;
 };
 
 /// A request whose caller waits on a future, on any thread.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <limits>
 #include <utility>
 
@@ -67,6 +68,22 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
+std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
+                            std::span<const std::byte> bytes) noexcept {
+#ifdef MSG_NOSIGNAL
+  constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+#else
+  constexpr int flags = MSG_DONTWAIT; // where there is a socket option instead, asio has set it
+#endif
+  ssize_t written = 0;
+  do
+    written = ::send(socket, bytes.data(), bytes.size(), flags);
+  while (written < 0 && errno == EINTR);
+  if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return {errno, std::system_category()};
+  if (std::cmp_not_equal(written, bytes.size())) return asio::error::no_buffer_space;
+  return {};
+}
+
 #else
 
 std::uint64_t processGeneration() noexcept { return 0; }
@@ -77,6 +94,10 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
   std::error_code ignored;
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
+}
+
+std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type, std::span<const std::byte>) noexcept {
+  return asio::error::operation_not_supported;
 }
 
 #endif

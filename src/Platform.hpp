@@ -4,8 +4,11 @@
 #include "Asio.hpp"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
+#include <system_error>
 #include <thread>
 
 namespace vorlinkit::platform {
@@ -25,5 +28,16 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
 
 /// On loopback a port nobody listens on may be answered by the very socket that asks.
 bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept;
+
+#ifdef __unix__
+inline constexpr bool canWriteAtOnce = true;
+#else
+inline constexpr bool canWriteAtOnce = false;
+#endif
+
+/// Writes all of `bytes` without waiting; what the system does not take whole counts as an error. May run
+/// on any thread, beside reads and writes of the socket's owner.
+std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
+                            std::span<const std::byte> bytes) noexcept;
 
 } // namespace vorlinkit::platform

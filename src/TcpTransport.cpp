@@ -3,6 +3,7 @@
 
 #include "Deadline.hpp"
 #include "Log.hpp"
+#include "Platform.hpp"
 
 #include <utility>
 
@@ -61,6 +62,16 @@ asio::awaitable<std::expected<void, Error>> TcpTransport::write(std::vector<std:
 
   if (connected_ && connection == connection_) onDisconnected(*connection, failure);
   co_return std::unexpected(transportError("Write failed: ", failure));
+}
+
+bool TcpTransport::writeAtOnce(std::span<const std::byte> frame, const std::function<bool()>& begin) {
+  const std::lock_guard guard(writableLock_);
+  if (!platform::canWriteAtOnce || !writable_ || !begin()) return false;
+  // Nothing was unanswered, so the socket has room: what it does not take now it will not take later.
+  if (const std::error_code failure = platform::writeAtOnce(writable_->socket, frame))
+    asio::post(executor_,
+               [this, connection = writable_->connection, failure] { onDisconnected(*connection, failure); });
+  return true;
 }
 
 /// Writes what the socket did not take at once. A peer that takes nothing for `request_timeout` has stopped
@@ -150,6 +161,8 @@ void TcpTransport::reportState(bool connected, const std::string& reason) {
 }
 
 std::error_code TcpTransport::closeSocket() {
+  const std::lock_guard guard(writableLock_);
+  writable_.reset();
   std::error_code failure;
   if (socket_.is_open()) socket_.close(failure);
   return failure;

@@ -15,6 +15,8 @@
 #include <expected>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <system_error>
@@ -25,7 +27,7 @@ namespace vorlinkit {
 /// The one TCP connection of a session: connects within a deadline, reads in a loop, writes whole
 /// frames, closes, reports changes, re-connects after a fixed delay. Knows nothing of frames.
 ///
-/// Owned by the session; everything but `isConnected` runs on the I/O thread. Two things can be under
+/// Owned by the session; everything but `isConnected` and `writeAtOnce` runs on the I/O thread. Two things can be under
 /// way, each at most once: an attempt to connect, and the read loop of a connection. Whoever starts
 /// something new ends what is under way and waits until it has unwound.
 class TcpTransport final : public ITransportWriteChannel {
@@ -47,6 +49,10 @@ public:
   asio::awaitable<std::expected<void, Error>> close();
   asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte> bytes) override;
   asio::any_io_executor getExecutor() override { return executor_; }
+  /// Any thread: writes one small whole frame on the caller's own thread, while nothing else is being
+  /// written. `begin` is called just before, when the connection can no longer go away under the write, and
+  /// may call it off; false when nothing was written. A write that fails ends the connection.
+  bool writeAtOnce(std::span<const std::byte> frame, const std::function<bool()>& begin);
 
   /// Closes without a coroutine, when no event loop runs any more.
   void abort() noexcept;
@@ -90,6 +96,13 @@ private:
   std::vector<std::byte> readBuffer_;
   std::shared_ptr<Attempt> attempt_;       // the newest
   std::shared_ptr<Connection> connection_; // the newest
+
+  struct Writable {
+    asio::ip::tcp::socket::native_handle_type socket;
+    std::shared_ptr<Connection> connection;
+  };
+  std::mutex writableLock_; // held by writes of callers, and to close the socket
+  std::optional<Writable> writable_;
 };
 
 /// Something under way that others can wait for the end of.

@@ -101,6 +101,10 @@ void TcpTransport::onConnected() {
   log(logger_, LogLevel::info, "Connected successfully");
   const auto connection = std::make_shared<Connection>(executor_);
   connection_ = connection;
+  {
+    const std::lock_guard guard(writableLock_);
+    writable_ = {socket_.native_handle(), connection};
+  }
   reportState(true, "");
   asio::co_spawn(executor_, readLoop(connection), [this, connection](std::exception_ptr failure) {
     if (failure) {

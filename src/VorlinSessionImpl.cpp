@@ -14,24 +14,7 @@ namespace {
 
 constexpr int oneThread = 1; // lets asio leave out what only several threads need
 
-template <typename Value> std::future<std::expected<Value, Error>> readyWith(Error error) {
-  std::promise<std::expected<Value, Error>> promise;
-  promise.set_value(std::unexpected(std::move(error)));
-  return promise.get_future();
-}
-
 } // namespace
-
-class VorlinSessionImpl::SendJob final : public IoJob {
-public:
-  SendJob(MessageFramer& framer, std::unique_ptr<FutureRequest> request)
-      : framer_(framer), request_(std::move(request)) {}
-  void run() override { framer_.submit(std::move(request_)); }
-
-private:
-  MessageFramer& framer_;
-  std::unique_ptr<FutureRequest> request_;
-};
 
 class VorlinSessionImpl::ConnectJob final : public IoJob {
 public:
@@ -82,7 +65,9 @@ VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorl
       transport_(std::make_unique<TcpTransport>(context_, config_, logger_)),
       framer_(std::make_unique<MessageFramer>(config_.request_timeout, config_.request_attempts, codec_, *transport_,
                                               framerCallbacks(), logger_)),
-      inbox_(context_.get_executor()), processGeneration_(platform::processGeneration()) {
+      inbox_(
+          context_.get_executor(), [this] { submitBegun(); }, [this] { offerWayPast(); }),
+      processGeneration_(platform::processGeneration()) {
   wireTransport();
   framer_->start();
   ioThread_ = platform::startThread([this] { runIoThread(); });
@@ -102,6 +87,8 @@ MessageFramer::Callbacks VorlinSessionImpl::framerCallbacks() {
       .notificationHandler = [this](std::uint16_t commandId) { return callbacks_.notificationHandler(commandId); },
       .frameObserver = [this] { return callbacks_.frameObserver(); },
       .setClientId = [this](std::uint8_t id) { clientId_.store(id, std::memory_order_relaxed); },
+      .submitBegun = [this] { submitBegun(); },
+      .allAnswered = [this] { offerWayPast(); },
   };
 }
 
@@ -122,15 +109,6 @@ void VorlinSessionImpl::disconnect() {
 }
 
 bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && transport_->isConnected(); }
-
-std::future<std::expected<RawMessage, Error>> VorlinSessionImpl::send(std::uint16_t commandId,
-                                                                      std::span<const std::byte> payload) {
-  if (!isConnected()) return readyWith<RawMessage>({ErrorCode::Transport, "Not connected"});
-  auto request = std::make_unique<FutureRequest>(commandId, payload);
-  auto result = request->future();
-  inbox_.push(std::make_unique<SendJob>(*framer_, std::move(request)));
-  return result;
-}
 
 void VorlinSessionImpl::onNotification(std::uint16_t commandId, NotificationHandler handler) {
   callbacks_.setNotificationHandler(commandId, std::move(handler));
@@ -157,11 +135,13 @@ void VorlinSessionImpl::onReceived(std::span<const std::byte> chunk) {
     }
   } afterChunk{afterChunk_};
   if (beforeChunk_) beforeChunk_();
+  submitBegun();
   framer_->onBytes(chunk);
 }
 
 void VorlinSessionImpl::onConnectionLost(const Error& error) {
   clientId_.store(0, std::memory_order_relaxed);
+  submitBegun();
   framer_->failAll(error, false);
   // Half a frame of the old connection must not meet the bytes of the next.
   framer_->resetReceiveState();
@@ -169,6 +149,7 @@ void VorlinSessionImpl::onConnectionLost(const Error& error) {
 }
 
 void VorlinSessionImpl::onStateChanged(bool connected, const std::string& reason) {
+  if (connected) offerWayPast();
   try {
     callbacks_.reportState(connected, reason);
   } catch (const std::exception& exception) {

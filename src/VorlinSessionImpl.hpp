@@ -21,7 +21,8 @@
 namespace vorlinkit {
 
 /// The session behind the front door: owns the event loop and its thread, transport and framer, wires
-/// them together, and carries work from user threads to the I/O thread and results back.
+/// them together, and carries work from user threads to the I/O thread and results back. A quiet session's
+/// request is written by its caller's thread.
 ///
 /// Made and called by VorlinSession on any thread. The parts are freed only when the I/O thread has
 /// ended: by the destructor, or by that thread itself when the last owner went away on it.
@@ -58,6 +59,11 @@ private:
   /// A fork carries the session into a process that has no I/O thread for it.
   bool inherited() const noexcept;
 
+  // Sending (VorlinSessionImplSend.cpp)
+  bool sendHere(std::unique_ptr<FutureRequest>& request);
+  void submitBegun();
+  void offerWayPast();
+
   // Wiring
   void wireTransport();
   MessageFramer::Callbacks framerCallbacks();
@@ -81,6 +87,7 @@ private:
   std::unique_ptr<TcpTransport> transport_;
   std::unique_ptr<MessageFramer> framer_;
   IoInbox inbox_;
+  std::atomic<FutureRequest*> begun_{nullptr}; // owned: written by its caller, not yet seen by the I/O thread
   CallbackSlots callbacks_;
   std::function<void()> beforeChunk_;
   std::function<void()> afterChunk_;

@@ -63,6 +63,7 @@ VorlinSessionImpl::~VorlinSessionImpl() {
 asio::awaitable<void> VorlinSessionImpl::closeDown() {
   co_await transport_->close();
   inbox_.close();
+  submitBegun();
   framer_->failAll(stoppedError(), true);
 }
 
@@ -89,6 +90,7 @@ void VorlinSessionImpl::failEverything() noexcept {
   try {
     inbox_.close();
     transport_->abort();
+    submitBegun();
     framer_->failAll(stoppedError(), true);
   } catch (...) { // NOLINT: out of memory; the answers that are left are given when their owners go
   }

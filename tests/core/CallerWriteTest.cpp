@@ -1,0 +1,138 @@
+// Requests that the caller's own thread writes, with an I/O thread that is busy elsewhere.
+#include "RecordingLogger.hpp"
+#include "ScriptedMachine.hpp"
+
+#include <vorlinkit/VorlinSession.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+namespace vorlinkit::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::StartsWith;
+
+SessionConfig configFor(const ScriptedMachine& machine) {
+  SessionConfig config;
+  config.host = "127.0.0.1";
+  config.port = machine.port();
+  config.reconnect_delay = 1ms;
+  return config;
+}
+
+constexpr std::uint16_t busy = 4; // the notification that keeps the I/O thread in its handler
+
+/// A connected session whose I/O thread does not come back before `release`.
+class BusySession {
+public:
+  explicit BusySession(const ScriptedMachine& machine) : session(configFor(machine)) {
+    session.on_notification(busy, [this](const RawMessage&) {
+      entered_.set_value();
+      released_.get_future().wait();
+    });
+    EXPECT_TRUE(session.connect().get());
+    entered_.get_future().wait();
+  }
+  void release() { released_.set_value(); }
+
+private:
+  std::promise<void> entered_;
+  std::promise<void> released_;
+
+public:
+  VorlinSession session; // last: its I/O thread uses the others to its end
+};
+
+TEST(CallerWrite, ReachesTheMachineAtOnceAndIsNotOvertaken) {
+  std::promise<void> firstArrived;
+  std::vector<std::uint16_t> order;
+  ScriptedMachine machine({[&](Peer& peer) {
+    peer.write(notification(busy, {}));
+    while (const auto got = peer.read()) {
+      order.push_back(got->commandId);
+      if (order.size() == 1) firstArrived.set_value();
+      peer.write(response(got->commandId, got->payload()));
+    }
+  }});
+  BusySession busySession(machine);
+  std::vector<std::future<std::expected<RawMessage, Error>>> answers;
+  for (std::uint16_t id = 21; id < 25; ++id)
+    answers.push_back(busySession.session.send(id, bytes({id})));
+  EXPECT_EQ(firstArrived.get_future().wait_for(10s), std::future_status::ready);
+  busySession.release();
+  for (auto& answer : answers)
+    EXPECT_TRUE(answer.get());
+  EXPECT_TRUE(busySession.session.send(25).get()) << "the way is open again";
+  busySession.session.disconnect();
+  EXPECT_EQ(order, (std::vector<std::uint16_t>{21, 22, 23, 24, 25}));
+}
+
+TEST(CallerWrite, FailsWithItsConnectionAndIsNoGhostOnTheNext) {
+  for (const bool writeFails : {false, true}) {
+    std::promise<void> gone;
+    std::promise<std::uint16_t> next;
+    ScriptedMachine machine({[&](Peer& peer) {
+                               peer.write(notification(busy, {}));
+                               if (!writeFails) peer.read();
+                               peer.reset();
+                               gone.set_value();
+                             },
+                             [&](Peer& peer) {
+                               next.set_value(peer.read().value().commandId);
+                               peer.write(response(9, {}));
+                             }});
+    BusySession busySession(machine);
+    std::promise<void> up;
+    busySession.session.on_connection_state_changed([&](bool connected, const std::string&) {
+      if (connected) up.set_value();
+    });
+    if (writeFails) gone.get_future().wait();
+    auto lost = busySession.session.send(8);
+    if (!writeFails) gone.get_future().wait();
+    busySession.release();
+    const auto result = lost.get();
+    ASSERT_FALSE(result);
+    EXPECT_THAT(result.error().message, StartsWith("Disconnected: "));
+    up.get_future().wait();
+    EXPECT_TRUE(busySession.session.send(9).get());
+    EXPECT_EQ(next.get_future().get(), 9);
+  }
+}
+
+TEST(CallerWrite, RunsOutOfTimeAndIsTriedAgain) {
+  std::atomic<int> unanswered = 0;
+  ScriptedMachine machine({[&](Peer& peer) {
+    while (const auto got = peer.read())
+      if (got->commandId == 7)
+        ++unanswered;
+      else
+        peer.write(response(got->commandId, {}));
+  }});
+  SessionConfig config = configFor(machine);
+  config.request_timeout = 60ms;
+  config.request_attempts = 2;
+  VorlinSession session(config);
+  ASSERT_TRUE(session.connect().get());
+  // With the timer at rest; behind a request that left it running; and after one that timed out.
+  const std::vector<std::uint16_t> before[] = {{}, {8}, {7}};
+  int expected = 0;
+  for (const auto& ids : before) {
+    for (const std::uint16_t id : ids) {
+      EXPECT_EQ(session.send(id).get().has_value(), id == 8);
+      if (id == 7) expected += 2;
+    }
+    const auto started = std::chrono::steady_clock::now();
+    auto outcome = session.send(7);
+    ASSERT_EQ(outcome.wait_for(10s), std::future_status::ready);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 120ms);
+    EXPECT_EQ(outcome.get().error().message, "Request timeout for commandId=7 after 2 attempt(s)");
+    EXPECT_TRUE(session.send(8).get());
+    EXPECT_EQ(unanswered, expected += 2);
+  }
+}
+
+} // namespace
+} // namespace vorlinkit::test
