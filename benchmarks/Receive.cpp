@@ -91,10 +91,7 @@ void smallNotifications() {
   CallbackSlots slots;
   slots.setNotificationHandler(notified, [&seen](const RawMessage& message) { seen += message.payload.size(); });
   MessageFramer framer(std::chrono::seconds(1), 1, std::make_shared<const VorlinCodec>(), channel,
-                       {.clientId = [] { return std::uint8_t{0}; },
-                        .notificationHandler = [&](std::uint16_t id) { return slots.notificationHandler(id); },
-                        .frameObserver = [&] { return slots.frameObserver(); },
-                        .setClientId = [](std::uint8_t) {}},
+                       {.slots = slots, .clientId = [] { return std::uint8_t{0}; }, .setClientId = [](std::uint8_t) {}},
                        nullptr);
   const Handler handler = [&seen](std::uint16_t, std::span<const std::byte> payload) { seen += payload.size(); };
   const std::map<std::uint16_t, Handler> handlers{{notified, handler}};

@@ -19,25 +19,14 @@ namespace vorlinkit {
 /// code.
 class CallbackSlots {
 public:
-  void setNotificationHandler(std::uint16_t commandId, NotificationHandler handler) {
-    auto next = shared(std::move(handler));
-    const std::lock_guard guard(notificationLock_);
-    if (next || notificationHandlers_.contains(commandId)) notificationHandlers_[commandId].swap(next);
-    registrations_.fetch_add(1, std::memory_order_release);
-  }
+  void setNotificationHandler(std::uint16_t commandId, NotificationHandler handler);
   /// I/O thread; null if there is none. Stays valid until the next look-up, also when the handler is
   /// replaced meanwhile. A handler that was looked up lately is found without the lock.
   const NotificationHandler* notificationHandler(std::uint16_t commandId) {
-    auto& found = lookedUp_[commandId % lookedUp_.size()];
-    if (found.registrations != registrations_.load(std::memory_order_acquire) || found.commandId != commandId) {
-      std::shared_ptr<const NotificationHandler> replaced;
-      const std::lock_guard guard(notificationLock_);
-      const auto registered = notificationHandlers_.find(commandId);
-      replaced = std::exchange(found.handler, registered == notificationHandlers_.end() ? nullptr : registered->second);
-      found.commandId = commandId;
-      found.registrations = registrations_.load(std::memory_order_relaxed);
-    }
-    return found.handler.get();
+    LookedUp& lately = lookedUp_[commandId % lookedUp_.size()];
+    if (lately.commandId != commandId || lately.registrations != registrations_.load(std::memory_order_acquire))
+      lookUp(commandId, lately);
+    return lately.handler.get();
   }
   /// I/O thread: lets go of handlers that were looked up and have been replaced since.
   void forgetReplacedHandlers() { lookedUp_ = {}; }
@@ -51,7 +40,7 @@ public:
   /// Any thread.
   bool observesFrames() const noexcept { return observesFrames_.load(std::memory_order_acquire); }
   std::shared_ptr<const FrameObserver> frameObserver() const {
-    if (!observesFrames_.load(std::memory_order_acquire)) return nullptr;
+    if (!observesFrames()) return nullptr;
     const std::lock_guard guard(frameLock_);
     return frameObserver_;
   }
@@ -68,16 +57,16 @@ public:
     if (const auto observer = stateObserver_) (*observer)(connected, reason);
   }
 
-  void clear() {
-    setFrameObserver({});
-    setStateObserver({});
-    forgetReplacedHandlers();
-    decltype(notificationHandlers_) handlers;
-    const std::lock_guard guard(notificationLock_);
-    handlers.swap(notificationHandlers_);
-  }
+  void clear();
 
 private:
+  struct LookedUp {
+    std::uint64_t registrations = 0; // at the time of the look-up
+    std::uint16_t commandId = 0;
+    std::shared_ptr<const NotificationHandler> handler;
+  };
+  void lookUp(std::uint16_t commandId, LookedUp& result);
+
   template <typename Callback> static std::shared_ptr<const Callback> shared(Callback callback) {
     return callback ? std::make_shared<const Callback>(std::move(callback)) : nullptr;
   }
@@ -85,11 +74,6 @@ private:
   mutable std::mutex notificationLock_;
   std::map<std::uint16_t, std::shared_ptr<const NotificationHandler>> notificationHandlers_;
   std::atomic<std::uint64_t> registrations_{1};
-  struct LookedUp {
-    std::uint64_t registrations = 0; // at the time of the look-up
-    std::uint16_t commandId = 0;
-    std::shared_ptr<const NotificationHandler> handler;
-  };
   std::array<LookedUp, 16> lookedUp_; // I/O thread only
   mutable std::mutex frameLock_;
   std::shared_ptr<const FrameObserver> frameObserver_;

@@ -1,6 +1,9 @@
 // Cuts the received byte stream into frames. Bytes only: knows no sockets, requests or callbacks.
 #pragma once
 
+#include "FrameLayout.hpp"
+
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <span>
@@ -12,43 +15,83 @@ namespace vorlinkit {
 ///
 /// Frames that lie whole in a chunk are cut straight out of it; a frame that spans chunks is collected in
 /// a buffer of its own, which then becomes the frame without a copy. Memory grows with the bytes that
-/// have arrived, never with a length that was only announced. Buffers that come back through `recycle`
+/// have arrived, never with a length that was only announced. Frames that come back through `recycle`
 /// serve again. Used by the framer, on the I/O thread.
 class FrameAssembler {
 public:
   using Frame = std::shared_ptr<std::vector<std::byte>>;
 
-  enum class Step {
-    Frame,              ///< `frame` holds the next whole frame
-    NeedMore,           ///< the chunk is used up
-    BadProtocolId,      ///< the stream does not go on with "VR": everything buffered is gone
-    UnknownMessageType, ///< no such header: everything buffered is gone
-  };
-  struct Cut {
-    Step step{};
-    Frame frame;
-  };
+  /// Calls `onFrame(Frame&)` for every frame that the chunk completes, in order; the frame may be taken.
+  /// At a fault everything that is buffered is gone, the rest of the chunk as well.
+  template <typename OnFrame> StreamFault cut(std::span<const std::byte> chunk, OnFrame&& onFrame) {
+    // The loop that a stream of small notifications spends its time in.
+    for (bool begun = !partial_.empty(); begun || !chunk.empty(); begun = false) {
+      if (begun) {
+        auto rest = chunk;
+        const Partial partial = continuePartial(rest);
+        if (partial.fault != StreamFault::None || !partial.whole) return partial.fault;
+        chunk = rest;
+      } else {
+        const FrameHead head = readHead(chunk);
+        if (head.fault != StreamFault::None) return head.fault;
+        if (head.frameLength > chunk.size()) {
+          keepRest(chunk, head.frameLength);
+          break;
+        }
+        if (!frame_) makeFrame();
+        frame_->assign(chunk.data(), chunk.data() + head.frameLength);
+        chunk = chunk.subspan(head.frameLength);
+        forgetLargeBuffers(head.frameLength);
+      }
+      onFrame(frame_);
+    }
+    return StreamFault::None;
+  }
 
-  /// Takes the next chunk; it must stay valid until `next` has answered anything but `Frame`.
-  void feed(std::span<const std::byte> chunk) { chunk_ = chunk; }
-  Cut next();
   /// Takes back a frame that may be in use elsewhere still; it is used again only if it is not.
-  void recycle(Frame frame);
+  void recycle(Frame frame) {
+    if (!frame || frame.use_count() != 1) return;
+    // Another thread may have dropped the last copy but this one: its reads come before our writes.
+#ifdef __SANITIZE_THREAD__
+    {
+      const Frame synchronised = frame;
+    } // what the fence does, in a form that ThreadSanitizer understands
+#else
+    std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+    if (frame->capacity() <= largeBuffer)
+      frame_.swap(frame);
+    else
+      keepForLargeFrames(*frame);
+  }
+
   /// Forgets a half-received frame, and the memory kept for large ones.
   void reset();
 
 private:
-  Cut nextFromChunk();
-  Cut nextFromPartial();
-  Cut give(Step step);
-  Cut keepRest(std::size_t wanted);
-  bool collect(std::size_t size);
-  Frame freshFrame();
-  void forgetLargeBuffers(std::size_t frameSize);
+  // A buffer above this size is kept for large frames only, and given back to the system once this many
+  // frames have done without it.
+  static constexpr std::size_t largeBuffer = 256 * 1024;
+  static constexpr std::size_t smallFramesUntilRelease = 4096;
 
-  std::span<const std::byte> chunk_;
+  struct Partial {
+    StreamFault fault;
+    bool whole; // it is in `frame_`
+  };
+  Partial continuePartial(std::span<const std::byte>& chunk);
+  bool collect(std::size_t size, std::span<const std::byte>& chunk);
+  void keepRest(std::span<const std::byte> rest, std::size_t frameLength);
+  void makeFrame();
+  void keepForLargeFrames(std::vector<std::byte>& buffer);
+  void forgetLargeBuffers(std::size_t frameLength) {
+    if (frameLength > largeBuffer)
+      smallFramesInARow_ = 0;
+    else if (++smallFramesInARow_ == smallFramesUntilRelease)
+      large_ = {};
+  }
+
+  Frame frame_;                    // the frame at hand, or a small one that nobody holds any more
   std::vector<std::byte> partial_; // the beginning of a frame whose end has not arrived
-  Frame spare_;                    // a frame nobody holds any more; never a large one
   std::vector<std::byte> large_;   // memory for the next large frame, which small ones must not carry away
   std::size_t smallFramesInARow_ = 0;
 };

@@ -4,8 +4,11 @@
 #include <vorlinkit/RawMessage.hpp>
 
 #include <array>
+#include <bit>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace vorlinkit::layout {
@@ -26,27 +29,31 @@ inline constexpr std::size_t responseMinorErrorAt = 12;
 /// The header-length field of a message type, which is also the offset of its data length, since the
 /// data length is the last field of every header; 0 for a type that does not exist.
 constexpr std::size_t headerLength(std::byte messageType) {
-  switch (static_cast<MessageType>(messageType)) {
-  case MessageType::Request:
-    return 14;
-  case MessageType::Response:
-    return 16;
-  case MessageType::Notification:
+  const auto type = static_cast<MessageType>(messageType);
+  if (type == MessageType::Notification) [[likely]]
     return 8;
-  }
-  return 0;
+  if (type == MessageType::Response) [[likely]]
+    return 16;
+  return type == MessageType::Request ? 14 : 0;
 }
 
 constexpr std::size_t wholeHeader(std::size_t headerLength) { return headerStart + headerLength; }
 
 /// The callers have checked that the bytes are there.
-constexpr std::uint16_t readU16(std::span<const std::byte> bytes, std::size_t at) {
-  return static_cast<std::uint16_t>((std::to_integer<unsigned>(bytes[at]) << 8) |
-                                    std::to_integer<unsigned>(bytes[at + 1]));
+template <std::unsigned_integral Number> Number readNumber(std::span<const std::byte> bytes, std::size_t at) {
+  Number value;
+  std::memcpy(&value, bytes.data() + at, sizeof value);
+  return std::endian::native == std::endian::little ? std::byteswap(value) : value;
+}
+inline std::uint16_t readU16(std::span<const std::byte> bytes, std::size_t at) {
+  return readNumber<std::uint16_t>(bytes, at);
+}
+inline std::uint32_t readU32(std::span<const std::byte> bytes, std::size_t at) {
+  return readNumber<std::uint32_t>(bytes, at);
 }
 
-constexpr std::uint32_t readU32(std::span<const std::byte> bytes, std::size_t at) {
-  return (static_cast<std::uint32_t>(readU16(bytes, at)) << 16) | readU16(bytes, at + 2);
+inline bool hasProtocolId(std::span<const std::byte> bytes) {
+  return readU16(bytes, 0) == ((std::to_integer<unsigned>(protocolId0) << 8) | std::to_integer<unsigned>(protocolId1));
 }
 
 constexpr void writeU16(std::span<std::byte> bytes, std::size_t at, std::uint16_t value) {
@@ -60,3 +67,29 @@ constexpr void writeU32(std::span<std::byte> bytes, std::size_t at, std::uint32_
 }
 
 } // namespace vorlinkit::layout
+
+namespace vorlinkit {
+
+/// What keeps a stream from being cut into frames.
+enum class StreamFault { None, BadProtocolId, UnknownMessageType };
+
+/// What the first bytes of a frame say about it.
+struct FrameHead {
+  StreamFault fault = StreamFault::None;
+  /// The least length that the frame can have, as far as these bytes tell; once its header is there, its
+  /// length. The frame is whole when that many bytes are there.
+  std::size_t frameLength = 0;
+};
+
+/// Looks at what is needed to find the end of a frame; the rest of a header is for the codec to check.
+inline FrameHead readHead(std::span<const std::byte> bytes) {
+  if (bytes.size() < layout::headerStart) return {StreamFault::None, layout::headerStart};
+  if (!layout::hasProtocolId(bytes)) return {StreamFault::BadProtocolId};
+  const std::size_t dataLengthAt = layout::headerLength(bytes[3]);
+  if (dataLengthAt == 0) return {StreamFault::UnknownMessageType};
+  const std::size_t header = layout::wholeHeader(dataLengthAt);
+  if (bytes.size() < header) return {StreamFault::None, header};
+  return {StreamFault::None, header + layout::readU32(bytes, dataLengthAt)};
+}
+
+} // namespace vorlinkit

@@ -4,6 +4,7 @@
 #include <vorlinkit/VorlinSession.hpp>
 
 #include "Asio.hpp"
+#include "CallbackSlots.hpp"
 #include "Deadline.hpp"
 #include "FrameAssembler.hpp"
 #include "ITransportWriteChannel.hpp"
@@ -34,12 +35,10 @@ class MessageFramer {
 public:
   using Outcome = PendingRequest::Outcome;
 
-  /// What the framer asks of the session. A handler stays valid until the next one is asked for, also
-  /// when it is replaced while it runs.
+  /// What the framer asks of the session: the user's callbacks, and the client id.
   struct Callbacks {
+    CallbackSlots& slots;
     std::function<std::uint8_t()> clientId;
-    std::function<const NotificationHandler*(std::uint16_t)> notificationHandler;
-    std::function<std::shared_ptr<const FrameObserver>()> frameObserver;
     std::function<void(std::uint8_t)> setClientId;
     /// Asked before time is looked at: requests that callers have begun are to be submitted now.
     std::function<void()> submitBegun = [] {};
@@ -79,10 +78,12 @@ public:
 private:
   // Receiving (MessageFramerReceive.cpp)
   void cutAndDispatch(std::span<const std::byte> chunk);
-  void onFrame(FrameAssembler::Frame frame);
+  void onFrame(FrameAssembler::Frame& frame);
   void observeReceived(std::span<const std::byte> frame);
   void dispatch(const RawMessage& message);
   void onNotification(const RawMessage& message);
+  void logMissingHandler(std::uint16_t commandId);
+  void logUndecoded(const Error& error);
   void onResponse(const RawMessage& message);
   void failActive(std::string text);
 

@@ -10,66 +10,22 @@
 
 namespace vorlinkit {
 
-void MessageFramer::onBytes(std::span<const std::byte> chunk) {
-  if (chunk.empty()) return;
-  cutAndDispatch(chunk);
-  // Only now, so that a second answer in the same chunk does not meet the next request.
-  if (std::exchange(activeSettled_, false)) sendLoop_.resume();
-}
+// What every frame passes through is inline here, and what few do is kept out of its way.
 
-void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
-  assembler_.feed(chunk);
-  for (;;) {
-    FrameAssembler::Cut cut = assembler_.next();
-    switch (cut.step) {
-    case FrameAssembler::Step::Frame:
-      onFrame(std::move(cut.frame));
-      break;
-    case FrameAssembler::Step::NeedMore:
-      return;
-    case FrameAssembler::Step::BadProtocolId:
-      log(logger_, LogLevel::err, "Invalid protocol ID in RX stream");
-      return failActive("Invalid protocol ID (expected 'VR')");
-    case FrameAssembler::Step::UnknownMessageType:
-      log(logger_, LogLevel::err, "{}", "Unknown message type");
-      return failActive("Unknown message type");
-    }
-  }
-}
-
-void MessageFramer::failActive(std::string text) {
-  completeActive(std::unexpected(Error{ErrorCode::Protocol, std::move(text)}));
-  activeSettled_ = true;
-}
-
-void MessageFramer::onFrame(FrameAssembler::Frame frame) {
-  const std::size_t length = frame->size();
-  TrafficCounters::add(counters_.bytesReceived, length);
-  observeReceived(*frame);
-
-  auto message = codec_->decode(std::move(frame));
-  if (!message) {
-    log(logger_, LogLevel::err, "Message decode error: {}", message.error().message);
-    return;
-  }
-  TrafficCounters::add(counters_.bytesReceivedOf, message->commandId, length);
-  dispatch(*message);
-  assembler_.recycle(std::move(message->buffer));
-}
-
-void MessageFramer::observeReceived(std::span<const std::byte> frame) {
-  const auto observer = callbacks_.frameObserver();
-  if (!observer) return;
+inline void MessageFramer::onNotification(const RawMessage& message) {
+  const NotificationHandler* const handler = callbacks_.slots.notificationHandler(message.commandId);
+  if (!handler) return logMissingHandler(message.commandId);
   try {
-    (*observer)(FrameDirection::Rx, frame);
+    (*handler)(message);
   } catch (const std::exception& exception) {
-    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: {}", exception.what());
+    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: {}", message.commandId,
+        exception.what());
   } catch (...) {
-    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: unknown");
+    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: unknown", message.commandId);
   }
 }
 
-void MessageFramer::dispatch(const RawMessage& message) {
+inline void MessageFramer::dispatch(const RawMessage& message) {
   switch (message.type) {
   case MessageType::Notification:
     return onNotification(message);
@@ -80,20 +36,61 @@ void MessageFramer::dispatch(const RawMessage& message) {
   }
 }
 
-void MessageFramer::onNotification(const RawMessage& message) {
-  const NotificationHandler* const handler = callbacks_.notificationHandler(message.commandId);
-  if (!handler) {
-    log(logger_, LogLevel::warn, "No handler for notification commandId={}", message.commandId);
+inline void MessageFramer::onFrame(FrameAssembler::Frame& frame) {
+  const std::size_t length = frame->size();
+  TrafficCounters::add(counters_.bytesReceived, length);
+  if (callbacks_.slots.observesFrames()) observeReceived(*frame);
+
+  auto message = codec_->decode(std::move(frame));
+  if (!message) return logUndecoded(message.error());
+  TrafficCounters::add(counters_.bytesReceivedOf, message->commandId, length);
+  dispatch(*message);
+  assembler_.recycle(std::move(message->buffer));
+}
+
+void MessageFramer::onBytes(std::span<const std::byte> chunk) {
+  if (chunk.empty()) return;
+  cutAndDispatch(chunk);
+  // Only now, so that a second answer in the same chunk does not meet the next request.
+  if (std::exchange(activeSettled_, false)) sendLoop_.resume();
+}
+
+void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
+  switch (assembler_.cut(chunk, [this](FrameAssembler::Frame& frame) { onFrame(frame); })) {
+  case StreamFault::None:
     return;
+  case StreamFault::BadProtocolId:
+    log(logger_, LogLevel::err, "Invalid protocol ID in RX stream");
+    return failActive("Invalid protocol ID (expected 'VR')");
+  case StreamFault::UnknownMessageType:
+    log(logger_, LogLevel::err, "{}", "Unknown message type");
+    return failActive("Unknown message type");
   }
+}
+
+void MessageFramer::failActive(std::string text) {
+  completeActive(std::unexpected(Error{ErrorCode::Protocol, std::move(text)}));
+  activeSettled_ = true;
+}
+
+void MessageFramer::observeReceived(std::span<const std::byte> frame) {
+  const auto observer = callbacks_.slots.frameObserver();
+  if (!observer) return;
   try {
-    (*handler)(message);
+    (*observer)(FrameDirection::Rx, frame);
   } catch (const std::exception& exception) {
-    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: {}", message.commandId,
-        exception.what());
+    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: {}", exception.what());
   } catch (...) {
-    log(logger_, LogLevel::err, "Notification handler exception for commandId={}: unknown", message.commandId);
+    log(logger_, LogLevel::err, "onFrame(Rx) callback exception: unknown");
   }
+}
+
+[[gnu::cold]] void MessageFramer::logMissingHandler(std::uint16_t commandId) {
+  log(logger_, LogLevel::warn, "No handler for notification commandId={}", commandId);
+}
+
+[[gnu::cold]] void MessageFramer::logUndecoded(const Error& error) {
+  log(logger_, LogLevel::err, "Message decode error: {}", error.message);
 }
 
 void MessageFramer::onResponse(const RawMessage& message) {

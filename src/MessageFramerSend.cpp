@@ -101,7 +101,7 @@ asio::awaitable<void> MessageFramer::awaitResponse(Deadline::TimePoint written) 
 
 /// Shows the frame to the observer; what it throws is the reason not to send.
 std::optional<Error> MessageFramer::observeSent(std::span<const std::byte> frame) {
-  const auto observer = callbacks_.frameObserver();
+  const auto observer = callbacks_.slots.frameObserver();
   if (!observer) return std::nullopt;
   try {
     (*observer)(FrameDirection::Tx, frame);

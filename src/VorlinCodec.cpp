@@ -4,14 +4,11 @@
 
 #include <algorithm>
 #include <limits>
-#include <string_view>
 #include <utility>
 
 namespace vorlinkit {
 
 namespace {
-
-std::unexpected<Error> protocolError(const char* text) { return std::unexpected(Error{ErrorCode::Protocol, text}); }
 
 struct HeaderTexts {
   const char* tooShort;
@@ -28,6 +25,26 @@ HeaderTexts headerTexts(MessageType type) {
     return {"Notification message too short", "Invalid Notification header length"};
   }
   return {"", ""};
+}
+
+/// What is wrong with the header, in the order in which things are checked; null if nothing is.
+const char* faultOf(std::span<const std::byte> bytes) {
+  if (bytes.size() < layout::headerStart) return "Message too short to contain header start";
+  if (!layout::hasProtocolId(bytes)) return "Invalid Protocol ID (expected 'VR')";
+  if (bytes[2] != layout::version) return "Unsupported protocol version";
+  const std::size_t dataLengthAt = layout::headerLength(bytes[3]);
+  if (dataLengthAt == 0) return "Unknown message type";
+
+  const auto type = static_cast<MessageType>(bytes[3]);
+  const std::size_t header = layout::wholeHeader(dataLengthAt);
+  if (bytes.size() < header) return headerTexts(type).tooShort;
+  if (layout::readU16(bytes, layout::headerLengthAt) != dataLengthAt) return headerTexts(type).invalidLength;
+  if (bytes.size() - header < layout::readU32(bytes, dataLengthAt)) return "Incomplete payload data";
+  return nullptr;
+}
+
+[[gnu::cold, gnu::noinline]] std::expected<RawMessage, Error> refused(const char* fault) {
+  return std::unexpected(Error{ErrorCode::Protocol, fault});
 }
 
 } // namespace
@@ -56,31 +73,17 @@ std::expected<std::vector<std::byte>, Error> VorlinCodec::encodeRequest(std::uin
 
 std::expected<RawMessage, Error> VorlinCodec::decode(std::shared_ptr<std::vector<std::byte>> frame) const {
   const std::span<const std::byte> bytes(*frame);
-  if (bytes.size() < layout::headerStart) return protocolError("Message too short to contain header start");
-  if (bytes[0] != layout::protocolId0 || bytes[1] != layout::protocolId1)
-    return protocolError("Invalid Protocol ID (expected 'VR')");
-  if (bytes[2] != layout::version) return protocolError("Unsupported protocol version");
-  const std::size_t dataLengthAt = layout::headerLength(bytes[3]);
-  if (dataLengthAt == 0) return protocolError("Unknown message type");
+  if (const char* const fault = faultOf(bytes)) return refused(fault);
 
   const auto type = static_cast<MessageType>(bytes[3]);
-  const std::size_t header = layout::wholeHeader(dataLengthAt);
-  if (bytes.size() < header) return protocolError(headerTexts(type).tooShort);
-  if (layout::readU16(bytes, layout::headerLengthAt) != dataLengthAt)
-    return protocolError(headerTexts(type).invalidLength);
-  const std::size_t dataLength = layout::readU32(bytes, dataLengthAt);
-  if (bytes.size() - header < dataLength) return protocolError("Incomplete payload data");
-
-  std::expected<RawMessage, Error> message(std::in_place);
-  message->type = type;
-  message->commandId = layout::readU16(bytes, layout::commandIdAt);
-  if (type == MessageType::Response) {
-    message->majorError = layout::readU32(bytes, layout::responseMajorErrorAt);
-    message->minorError = layout::readU32(bytes, layout::responseMinorErrorAt);
-  }
-  message->payload = bytes.subspan(header, dataLength);
-  message->buffer = std::move(frame);
-  return message;
+  const std::size_t dataLengthAt = layout::headerLength(bytes[3]);
+  const bool answers = type == MessageType::Response;
+  // Made where the caller wants it: every frame received passes through here.
+  return std::expected<RawMessage, Error>(
+      std::in_place, type, layout::readU16(bytes, layout::commandIdAt), std::move(frame),
+      bytes.subspan(layout::wholeHeader(dataLengthAt), layout::readU32(bytes, dataLengthAt)),
+      answers ? layout::readU32(bytes, layout::responseMajorErrorAt) : 0,
+      answers ? layout::readU32(bytes, layout::responseMinorErrorAt) : 0);
 }
 
 } // namespace vorlinkit

@@ -83,9 +83,8 @@ void VorlinSessionImpl::wireTransport() {
 
 MessageFramer::Callbacks VorlinSessionImpl::framerCallbacks() {
   return {
+      .slots = callbacks_,
       .clientId = [this] { return clientId(); },
-      .notificationHandler = [this](std::uint16_t commandId) { return callbacks_.notificationHandler(commandId); },
-      .frameObserver = [this] { return callbacks_.frameObserver(); },
       .setClientId = [this](std::uint8_t id) { clientId_.store(id, std::memory_order_relaxed); },
       .submitBegun = [this] { submitBegun(); },
       .allAnswered = [this] { offerWayPast(); },

@@ -8,25 +8,26 @@
 namespace vorlinkit::test {
 namespace {
 
-using Step = FrameAssembler::Step;
-
 /// Feeds a stream in the given pieces; every frame is handed back at once, so that buffers are reused.
 struct Cutter {
   FrameAssembler assembler;
   std::vector<Bytes> frames;
-  Step last = Step::NeedMore;
+  StreamFault last = StreamFault::None;
 
   void feed(std::span<const std::byte> chunk) {
-    assembler.feed(chunk);
-    for (;;) {
-      auto cut = assembler.next();
-      last = cut.step;
-      if (cut.step != Step::Frame) return;
-      frames.push_back(*cut.frame);
-      assembler.recycle(std::move(cut.frame));
-    }
+    last = assembler.cut(chunk, [this](FrameAssembler::Frame& frame) {
+      frames.push_back(*frame);
+      assembler.recycle(std::move(frame));
+    });
   }
 };
+
+/// The last frame that a chunk completes, taken away; null if there is none.
+FrameAssembler::Frame lastFrame(FrameAssembler& assembler, std::span<const std::byte> chunk) {
+  FrameAssembler::Frame taken;
+  assembler.cut(chunk, [&](FrameAssembler::Frame& frame) { taken = std::move(frame); });
+  return taken;
+}
 
 const std::vector<Bytes> dialogue{response(1, bytes({5})), notification(4, {}), request(2, 0, bytes({1, 2})),
                                   response(9, Bytes(300)), notification(65535, text("done"))};
@@ -59,18 +60,18 @@ TEST(FrameAssembler, CutsTheSameFramesWhereverTheStreamIsSplit) {
 TEST(FrameAssembler, GivesUpTheBufferOnAStreamThatIsNoneOfOurs) {
   const struct {
     Bytes stream;
-    Step step;
-  } cases[] = {{text("XX") + bytes({1, 2}) + dialogue[0], Step::BadProtocolId},
-               {text("VX") + bytes({1, 2}), Step::BadProtocolId},
-               {text("VR") + bytes({1, 0}) + dialogue[0], Step::UnknownMessageType},
-               {text("VR") + bytes({7, 4}), Step::UnknownMessageType}};
-  for (const auto& [junk, step] : cases) {
+    StreamFault fault;
+  } cases[] = {{text("XX") + bytes({1, 2}) + dialogue[0], StreamFault::BadProtocolId},
+               {text("VX") + bytes({1, 2}), StreamFault::BadProtocolId},
+               {text("VR") + bytes({1, 0}) + dialogue[0], StreamFault::UnknownMessageType},
+               {text("VR") + bytes({7, 4}), StreamFault::UnknownMessageType}};
+  for (const auto& [junk, fault] : cases) {
     for (std::size_t split = 0; split < 4; ++split) {
       Cutter cutter;
       cutter.feed(std::span(dialogue[1]));
       cutter.feed(std::span(junk).first(split));
       cutter.feed(std::span(junk).subspan(split));
-      EXPECT_EQ(cutter.last, step);
+      EXPECT_EQ(cutter.last, fault);
       cutter.feed(std::span(dialogue[0]));
       EXPECT_EQ(cutter.frames, (std::vector{dialogue[1], dialogue[0]})) << "what follows is read afresh";
     }
@@ -81,7 +82,7 @@ TEST(FrameAssembler, WaitsForTheFourthByteBeforeItJudges) {
   Cutter cutter;
   const Bytes three = text("XXX");
   cutter.feed(three);
-  EXPECT_EQ(cutter.last, Step::NeedMore);
+  EXPECT_EQ(cutter.last, StreamFault::None);
 }
 
 TEST(FrameAssembler, AllocatesNothingForALengthThatWasOnlyAnnounced) {
@@ -98,12 +99,9 @@ TEST(FrameAssembler, AllocatesNothingForALengthThatWasOnlyAnnounced) {
 
 TEST(FrameAssembler, LeavesFramesAloneThatAreHeldElsewhere) {
   FrameAssembler assembler;
-  assembler.feed(dialogue[0]);
-  auto held = assembler.next().frame;
+  const auto held = lastFrame(assembler, dialogue[0]);
   assembler.recycle(held);
-  assembler.next();
-  assembler.feed(dialogue[4]);
-  const auto next = assembler.next().frame;
+  const auto next = lastFrame(assembler, dialogue[4]);
   EXPECT_EQ(*held, dialogue[0]);
   EXPECT_EQ(*next, dialogue[4]);
 }
@@ -114,8 +112,7 @@ TEST(FrameAssembler, ReusesLargeBuffersAndLetsThemGo) {
   const auto receive = [&](const Bytes& frame, std::size_t piece) {
     FrameAssembler::Frame got;
     for (std::size_t at = 0; at < frame.size(); at += piece) {
-      assembler.feed(std::span(frame).subspan(at, std::min(piece, frame.size() - at)));
-      if (auto cut = assembler.next(); cut.frame) got = std::move(cut.frame);
+      got = lastFrame(assembler, std::span(frame).subspan(at, std::min(piece, frame.size() - at)));
     }
     return got;
   };

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <stdexcept>
 
 namespace vorlinkit::test {
@@ -38,8 +37,7 @@ public:
 struct Framer : testing::Test {
   FakeChannel channel;
   std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
-  std::map<std::uint16_t, NotificationHandler> handlers;
-  FrameObserver observer;
+  CallbackSlots slots;
   int clientId = 3;
   std::unique_ptr<MessageFramer> framer;
 
@@ -47,13 +45,9 @@ struct Framer : testing::Test {
   void make(std::uint32_t attempts = 1, std::chrono::milliseconds timeout = 1h) {
     framer = std::make_unique<MessageFramer>(
         timeout, attempts, std::make_shared<VorlinCodec>(), channel,
-        MessageFramer::Callbacks{
-            .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
-            .notificationHandler = [this](std::uint16_t id) -> const NotificationHandler* {
-              return handlers.contains(id) ? &handlers[id] : nullptr;
-            },
-            .frameObserver = [this] { return observer ? std::make_shared<const FrameObserver>(observer) : nullptr; },
-            .setClientId = [this](std::uint8_t id) { clientId = id; }},
+        MessageFramer::Callbacks{.slots = slots,
+                                 .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
+                                 .setClientId = [this](std::uint8_t id) { clientId = id; }},
         logger);
     framer->start();
   }
@@ -246,16 +240,16 @@ TEST_F(Framer, JunkInTheStreamFailsTheRequestInFlight) {
 
 TEST_F(Framer, ContainsWhatCallbacksThrow) {
   make(2);
-  handlers[4] = [](const RawMessage&) { throw std::runtime_error("oops"); };
-  handlers[5] = [](const RawMessage&) { throw 5; };
+  slots.setNotificationHandler(4, [](const RawMessage&) { throw std::runtime_error("oops"); });
+  slots.setNotificationHandler(5, [](const RawMessage&) { throw 5; });
   receive(notification(4, {}) + notification(5, {}));
-  observer = [](FrameDirection, std::span<const std::byte>) { throw std::runtime_error("no"); };
+  slots.setFrameObserver([](FrameDirection, std::span<const std::byte>) { throw std::runtime_error("no"); });
   receive(notification(6, {}));
   auto refused = send(9);
   EXPECT_EQ(errorOf(refused), (Error{ErrorCode::Transport, "onFrame callback exception: no"}));
-  observer = [](FrameDirection direction, std::span<const std::byte>) {
+  slots.setFrameObserver([](FrameDirection direction, std::span<const std::byte>) {
     if (direction == FrameDirection::Tx) throw 7;
-  };
+  });
   auto unknown = send(9);
   EXPECT_EQ(errorOf(unknown), (Error{ErrorCode::Transport, "onFrame callback exception: unknown"}));
   EXPECT_TRUE(channel.written.empty());
