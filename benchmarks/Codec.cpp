@@ -147,6 +147,7 @@ void blobs() {
 } // namespace vorlinkit::benchmarks
 
 int main() {
+  vorlinkit::benchmarks::keepFreedMemory();
   vorlinkit::benchmarks::responses();
   vorlinkit::benchmarks::requests();
   vorlinkit::benchmarks::blobs();

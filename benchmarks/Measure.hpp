@@ -52,4 +52,9 @@ template <class Call> double nanosecondsPer(std::size_t calls, Call&& call) {
 /// processors are noise in latencies.
 void stayOnOneProcessor();
 
+/// From here on memory that is freed stays with this process: every contender allocates from pages that it has
+/// touched before. Without it the allocator gives some contenders fresh pages of the system for each large buffer,
+/// and their first touch costs ten times a copy.
+void keepFreedMemory();
+
 } // namespace vorlinkit::benchmarks
