@@ -13,7 +13,7 @@ import subprocess
 import sys
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from pathlib import Path
 
 import vorlinkit_python as vk
@@ -352,6 +352,19 @@ def frames() -> None:
 # -- encoding and JSON ------------------------------------------------------------------------------------------
 
 
+def reset_usage_counts(numbers: Sequence[int]) -> "vk.ResetUsageCountsRequest":
+    items = []
+    for number in numbers:
+        item = vk.ResetUsageCountsRequestComponentsItem()
+        item.component_number = number
+        items.append(item)
+    request = vk.ResetUsageCountsRequest()
+    request.usage_count_type = 2
+    request.number_of_components = len(items)
+    request.list_of_components = items
+    return request
+
+
 def encoding() -> None:
     time_request = vk.SetServerTimeRequest()
     time_request.timestamp = 0x0123456789ABCDEF
@@ -363,15 +376,7 @@ def encoding() -> None:
         1,
     )
     numbers = list(range(1000))
-    counts = vk.ResetUsageCountsRequest()
-    counts.usage_count_type = 2
-    counts.number_of_components = 1000
-    items = []
-    for component in numbers:
-        item = vk.ResetUsageCountsRequestComponentsItem()
-        item.component_number = component
-        items.append(item)
-    counts.list_of_components = items
+    counts = reset_usage_counts(numbers)
     compare(
         "Python: encode ResetUsageCounts request, 1,000 components, beside struct",
         lambda: vk.encode_reset_usage_counts_request(counts),
@@ -397,6 +402,58 @@ def json_texts() -> None:
             1,
             1,
         )
+
+
+# -- large messages, beside the bare C API ----------------------------------------------------------------------
+
+
+def large_messages(build: Path) -> None:
+    """The peer is a module written by hand in C++ against the interpreter's C API, for just these messages."""
+    sys.path.append(str(build / "benchmarks"))
+    import bench_by_hand as by_hand
+
+    def beside_c_api(name: str, ours: Callable[[], object], peer: Callable[[], object]) -> None:
+        compare(f"Python: {name}, beside the C API by hand", ours, peer, 1.5, 1.1)
+
+    motors = vk.decode_get_attached_motors_response(MOTORS)
+    motors_by_hand = by_hand.motors("conveyor-in", MOTORS[-400:])
+    beside_c_api(
+        "JSON of 200 motors",
+        lambda: vk.get_attached_motors_response_to_json(motors),
+        lambda: by_hand.motors_to_json(motors_by_hand),
+    )
+    ids = range(60_000)
+    commands = vk.decode_get_supported_commands_response(struct.pack(">H60000H", len(ids), *ids))
+    commands_by_hand = by_hand.commands(ids)
+    beside_c_api(
+        "JSON of a list of 60,000 items",
+        lambda: vk.get_supported_commands_response_to_json(commands),
+        lambda: by_hand.commands_to_json(commands_by_hand),
+    )
+    pixels = bytes(range(256)) * (MEBIBYTE // 256)
+    frame = vk.decode_capture_frame_ex_notification(FRAME[:-MEBIBYTE] + pixels)
+    frame_by_hand = by_hand.capture(7, "camera-1", 1, 1024, 1024, pixels)
+    beside_c_api(
+        "JSON of a frame of 1 MiB",
+        lambda: vk.capture_frame_ex_notification_to_json(frame),
+        lambda: by_hand.capture_to_json(frame_by_hand),
+    )
+
+    counts = reset_usage_counts(range(1000))
+    counts_by_hand = by_hand.counts(2, range(1000))
+    beside_c_api(
+        "encode ResetUsageCounts request, 1,000 components",
+        lambda: vk.encode_reset_usage_counts_request(counts),
+        lambda: by_hand.encode_counts(counts_by_hand),
+    )
+    chunk = vk.SendUpdatePackageChunkRequest()
+    chunk.package_id, chunk.chunk_number, chunk.chunk_size, chunk.chunk_bytes = "package", 1, MEBIBYTE, pixels
+    chunk_by_hand = by_hand.chunk("package", 1, pixels)
+    beside_c_api(
+        "encode SendUpdatePackageChunk request of 1 MiB",
+        lambda: vk.encode_send_update_package_chunk_request(chunk),
+        lambda: by_hand.encode_chunk(chunk_by_hand),
+    )
 
 
 # -- the module itself ------------------------------------------------------------------------------------------
@@ -425,6 +482,7 @@ def main() -> None:
     frames()
     encoding()
     json_texts()
+    large_messages(build)
     module()
 
 

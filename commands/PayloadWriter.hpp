@@ -7,6 +7,7 @@
 #include "Layout.hpp"
 
 #include <vorlinkit/Error.hpp>
+#include <vorlinkit/commands/PayloadMemory.hpp>
 
 #include <cstring>
 #include <expected>
@@ -99,6 +100,13 @@ template <class Message> std::expected<std::vector<std::byte>, Error> encode(con
   auto* to = result->data();
   write_record(to, message);
   return result;
+}
+
+/// The same, into memory of the caller's.
+template <class Message> std::expected<void, Error> write(const Message& message, PayloadMemory& memory) {
+  auto* to = memory.allocate(least_size<Message>() + extra_size(message));
+  write_record(to, message);
+  return {};
 }
 
 } // namespace vorlinkit::commands

@@ -187,7 +187,14 @@ def message_functions(command: Command, message: Message) -> Iterator[tuple[str,
     if role == "request":
         name = f"encode_{command.snake}_request"
         signature, about = f"(request: {MODULE}.{record}) -> bytes", encode_doc(command)
-        yield "Encode", name, signature, about, "&" + record, f"encodeRecord<c::{name}, c::{record}>"
+        yield (
+            "Encode",
+            name,
+            signature,
+            about,
+            "&" + record,
+            f"writeRecord<c::write_{command.snake}_request, c::{record}>",
+        )
     else:
         name = f"decode_{command.snake}_{role}"
         signature, about = f"(data: bytes) -> {MODULE}.{record}", decode_doc(command, message)

@@ -57,6 +57,7 @@ def header(family: Family) -> str:
 
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/commands/FieldCodedValues.hpp>
+#include <vorlinkit/commands/PayloadMemory.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -117,6 +118,10 @@ def functions(command: Command, message: Message) -> Iterator[tuple[str, str]]:
     if role == "request":
         result = "std::expected<std::vector<std::byte>, Error>"
         yield f"{result} encode_{command.snake}_request(const {name}& request)", "encode(request)"
+        yield (
+            f"std::expected<void, Error> write_{command.snake}_request(const {name}& request, PayloadMemory& memory)",
+            "write(request, memory)",
+        )
     else:
         result = f"std::expected<{name}, Error>"
         yield (

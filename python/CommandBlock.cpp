@@ -54,6 +54,22 @@ PyObject* toText(const std::string& text) {
   return PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
 }
 
+/// A payload is written straight into the object that Python gets: large ones are not copied once more.
+class BytesMemory final : public commands::PayloadMemory {
+public:
+  std::byte* allocate(std::size_t size) override {
+    bytes_ = py::reinterpret_steal<py::object>(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
+    if (!bytes_) {
+      throw py::error_already_set();
+    }
+    return reinterpret_cast<std::byte*>(PyBytes_AS_STRING(bytes_.ptr()));
+  }
+  PyObject* release() { return bytes_.release().ptr(); }
+
+private:
+  py::object bytes_;
+};
+
 } // namespace
 
 PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
@@ -62,12 +78,12 @@ PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_s
     if (request == nullptr) {
       return refuse(function.doc, arguments, count, names);
     }
-    const EncodedPayload payload = function.act(recordOf(*asRecord(request)));
-    if (!payload) {
-      return fail("Encode failed: ", payload.error());
+    BytesMemory payload;
+    const EncodeResult encoded = function.act(recordOf(*asRecord(request)), payload);
+    if (!encoded) {
+      return fail("Encode failed: ", encoded.error());
     }
-    return PyBytes_FromStringAndSize(reinterpret_cast<const char*>(payload->data()),
-                                     static_cast<Py_ssize_t>(payload->size()));
+    return payload.release();
   });
 }
 

@@ -6,6 +6,7 @@
 
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/commands/FieldCodedValues.hpp>
+#include <vorlinkit/commands/PayloadMemory.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -19,10 +20,10 @@
 
 namespace vorlinkit::python {
 
-using EncodedPayload = std::expected<std::vector<std::byte>, Error>;
+using EncodeResult = std::expected<void, Error>;
 
 // The functions of the catalogue with their record type taken away.
-using Encode = EncodedPayload (*)(const void* record);
+using Encode = EncodeResult (*)(const void* record, commands::PayloadMemory& memory);
 using Decode = Error (*)(std::span<const std::byte> payload, void* memory); ///< an empty message: decoded
 using Render = std::string (*)(const void* record);
 using DescribeCode = std::string (*)(std::uint16_t code);
@@ -62,8 +63,8 @@ std::vector<std::span<BlockEntry>> commandBlocks();
 
 // What the generated tables are written with.
 
-template <auto encode, class Record> EncodedPayload encodeRecord(const void* record) {
-  return encode(*static_cast<const Record*>(record));
+template <auto write, class Record> EncodeResult writeRecord(const void* record, commands::PayloadMemory& memory) {
+  return write(*static_cast<const Record*>(record), memory);
 }
 
 template <auto decode, class Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
