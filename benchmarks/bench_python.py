@@ -413,7 +413,7 @@ def large_messages(build: Path) -> None:
     import bench_by_hand as by_hand
 
     def beside_c_api(name: str, ours: Callable[[], object], peer: Callable[[], object]) -> None:
-        compare(f"Python: {name}, beside the C API by hand", ours, peer, 1.5, 1.1)
+        compare(f"Python: {name}, beside the C API by hand", ours, peer, 1.5, 0)
 
     motors = vk.decode_get_attached_motors_response(MOTORS)
     motors_by_hand = by_hand.motors("conveyor-in", MOTORS[-400:])

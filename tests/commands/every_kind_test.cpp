@@ -7,6 +7,8 @@
 
 #include <gmock/gmock.h>
 
+#include <new>
+
 using namespace vorlinkit;
 using namespace vorlinkit::commands;
 
@@ -58,6 +60,24 @@ TEST(EveryKind, EveryKindIsEncoded) {
   KindsRequest kinds{0x01, 0x0203, 0x04050607, 0x08090A0B0C0D0E0F, std::string("A\0B", 3), 0x10};
   EXPECT_EQ(hex(*encode_kinds_request(kinds)), "01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 41 00 42 00 10");
   EXPECT_EQ(hex(*encode_keywords_request({.default_ = 3, .class_ = "c"})), "03 63 00");
+}
+
+TEST(EveryKind, APayloadCanBeWrittenIntoMemoryOfTheCallers) {
+  struct Exact final : PayloadMemory {
+    std::byte* allocate(std::size_t size) override {
+      given.assign(size, std::byte{0xEE});
+      return given.data();
+    }
+    std::vector<std::byte> given;
+  } exact;
+  const NestingRequest request{7, {{0, {}}, {1, {{"a"}}}}};
+  ASSERT_TRUE(write_nesting_request(request, exact));
+  EXPECT_EQ(exact.given, encode_nesting_request(request));
+
+  struct None final : PayloadMemory {
+    std::byte* allocate(std::size_t) override { throw std::bad_alloc(); }
+  } none;
+  EXPECT_THROW(static_cast<void>(write_nesting_request(request, none)), std::bad_alloc);
 }
 
 TEST(EveryKind, CountsAreEncodedAsTheyStand) {
