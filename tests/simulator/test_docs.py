@@ -8,6 +8,7 @@ import tomllib
 import pytest
 from conftest import ROOT
 from vorlinkit.catalogue import Catalogue
+from vorlinkit.simulator.machine import honest_words
 from vorlinkit.simulator.misbehaviour import ACTIONS
 from vorlinkit.simulator.options import _parser
 from vorlinkit.simulator.scenario import Scenario, parse_text
@@ -32,6 +33,10 @@ def test_rules_on_the_page_are_rules(catalogue: Catalogue) -> None:
     for text in re.findall(r'--rule "([^"]+)"', PAGE):
         scenario.add(parse_text(text), catalogue)
     assert len(scenario.rules) + len(scenario.connection_rules) == 4
+
+
+def test_the_page_shows_what_the_simulator_says_of_itself(catalogue: Catalogue) -> None:
+    assert "\n".join(honest_words(catalogue)) in PAGE
 
 
 def test_every_action_and_option_is_on_the_page() -> None:
