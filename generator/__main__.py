@@ -18,7 +18,7 @@ import sys
 from pathlib import Path
 
 from . import emit_bindings, emit_cpp, emit_json, emit_status, emit_stub, load, notation
-from .model import Catalogue, Finding
+from .model import Catalogue, Finding, each_once
 from .report import report
 from .validate import validate
 
@@ -77,7 +77,7 @@ def read_catalogue(
     index_document, documents = load.documents(folder, overlays or [], only or [], findings)
     index = notation.read_index(index_document, findings)
     catalogue = Catalogue(notation.read_families(documents, findings))
-    return catalogue, findings + validate(catalogue, index, partial)
+    return catalogue, each_once(findings + validate(catalogue, index, partial))
 
 
 def write(path: Path, text: str) -> None:

@@ -1,12 +1,14 @@
 """The catalogue as frozen values: what the notation says and what validation has agreed to.
 
-A layout is a tree: a `Record` has fields in wire order; lists, blobs and variants hold further records.
+A layout is a tree: a `Record` has fields in wire order; lists, blobs and variants hold further records. A field's
+`layout` is the named layout that it was taken from; it says where the field is written and nothing else.
 """
 
 from __future__ import annotations
 
-from collections.abc import Iterator
-from dataclasses import dataclass, field
+import re
+from collections.abc import Iterable, Iterator
+from dataclasses import dataclass, field, replace
 
 from . import names
 
@@ -14,6 +16,8 @@ INTEGER_BITS = {"u8": 8, "u16": 16, "u32": 32, "u64": 64}
 SCALAR_KINDS = (*INTEGER_BITS, "string", "uuid")
 ROLES = ("request", "response", "notification")
 COMMAND_ERROR = "CommandError"
+LAYOUTS = "layouts"
+KEY = re.compile(r"[A-Z][A-Za-z0-9]*")
 
 
 @dataclass(frozen=True)
@@ -23,6 +27,7 @@ class Scalar:
     key: str
     kind: str
     note: str = ""
+    layout: str = ""
 
     @property
     def attribute(self) -> str:
@@ -41,6 +46,7 @@ class List:
     count: str
     item: Record
     note: str = ""
+    layout: str = ""
 
     @property
     def key(self) -> str:
@@ -59,6 +65,7 @@ class Blob:
     count: str
     item: Record
     note: str = ""
+    layout: str = ""
 
     @property
     def attribute(self) -> str:
@@ -92,6 +99,7 @@ class Variant:
     levels: int | None
     alternatives: tuple[Alternative, ...]
     note: str = ""
+    layout: str = ""
 
 
 Field = Scalar | List | Blob | Variant
@@ -243,3 +251,17 @@ class Finding:
     def __str__(self) -> str:
         where = [self.file, self.command, self.message, self.field]
         return ": ".join([part for part in where if part] + [self.text])
+
+
+def each_once(findings: Iterable[Finding]) -> list[Finding]:
+    """What is wrong inside a named layout is said for the first message that uses it; the others are added."""
+    alike: dict[Finding, list[Finding]] = {}
+    for finding in findings:
+        shared = finding.field.startswith(f"{LAYOUTS}.")
+        alike.setdefault(replace(finding, command="", message="") if shared else finding, []).append(finding)
+    result = []
+    for first, *others in alike.values():
+        uses = dict.fromkeys((each.command, each.message) for each in others)
+        also = "; ".join(": ".join(use) for use in uses if use != (first.command, first.message))
+        result.append(replace(first, text=f"{first.text} (also in {also})") if also else first)
+    return result

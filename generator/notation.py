@@ -7,37 +7,32 @@ as possible, so that one run reports everything that is wrong.
 from __future__ import annotations
 
 import re
-from collections.abc import Sequence
 from dataclasses import dataclass, replace
 from typing import Any
 
 from . import names
+from .fields import FieldReader
 from .load import Document
 from .model import (
     COMMAND_ERROR,
+    LAYOUTS,
     ROLES,
-    Alternative,
-    Blob,
     Command,
     Family,
-    Field,
     Finding,
     Index,
     IndexEntry,
-    List,
     Message,
     Record,
     Row,
     Scalar,
     Standing,
     Table,
-    Variant,
 )
 
 HEAD_KEYS = ("title", "standing", "about", "confirmed_by")
 COMMAND_KEYS = ("id", *ROLES, "errors", "coded", "confirmed", "assumed", "why", "confirmed_by", "about")
 STANDINGS = ("confirmed", "assumed")
-MAX_DEPTH = 12
 
 
 @dataclass(frozen=True)
@@ -50,132 +45,8 @@ class Head:
     confirmed_by: str = ""
 
 
-class Reader:
-    """Reads one document; collects findings with the place they belong to."""
-
-    def __init__(self, document: Document, findings: list[Finding]) -> None:
-        self.document = document
-        self.findings = findings
-        self.command = ""
-        self.message = ""
-        self.path: list[str] = []
-
-    def complain(self, text: str, field: str = "") -> None:
-        where = ".".join([*self.path, field] if field else self.path)
-        self.findings.append(Finding(self.document.file, text, self.command, self.message, where))
-
-    # -- small values -------------------------------------------------------------------------------
-
-    def text(self, table: dict[str, Any], key: str, what: str, required: bool = False) -> str:
-        value = table.get(key, "")
-        if not isinstance(value, str):
-            self.complain(f"{what} must be a string, not {value!r}")
-            return ""
-        if required and not value.strip():
-            self.complain(f"{what} is missing")
-        return value.strip()
-
-    def unknown_keys(self, table: dict[str, Any], known: Sequence[str], field: str = "") -> None:
-        for key in table:
-            if key not in known:
-                self.complain(f'unknown key "{key}"; known are {", ".join(known)}', field)
-
-    # -- fields -------------------------------------------------------------------------------------
-
-    def record(self, type_name: str, entries: Any, scopes: tuple[tuple[Field, ...], ...] = ()) -> Record:
-        """The fields of one record; `scopes` are the fields read so far in the enclosing ones, inmost first."""
-        if not isinstance(entries, list):
-            self.complain(f"fields must be an array in wire order, not {type(entries).__name__}")
-            return Record(type_name, ())
-        if len(scopes) >= MAX_DEPTH:
-            self.complain(f"nested more than {MAX_DEPTH} records deep")
-            return Record(type_name, ())
-        fields: list[Field] = []
-        for entry in entries:
-            read = self.field(type_name, entry, (tuple(fields), *scopes))
-            if read is not None:
-                fields.append(read)
-        return Record(type_name, tuple(fields))
-
-    def field(self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]) -> Field | None:
-        if isinstance(entry, str):
-            return self.scalar(entry)
-        if isinstance(entry, dict):
-            if "list" in entry:
-                return self.counted_list(container, entry, scopes)
-            if "blob" in entry:
-                return self.blob(container, entry)
-            if "variant" in entry:
-                return self.variant(container, entry, scopes)
-        self.complain(f'{entry!r} is no field; a field is "Key: kind" or a list, blob or variant table')
-        return None
-
-    def scalar(self, entry: str) -> Scalar | None:
-        notation, _, note = entry.partition("#")
-        key, colon, kind = (part.strip() for part in notation.partition(":"))
-        if not colon or not key:
-            self.complain(f'"{entry}" is no field; write "Key: kind" or "Key: kind  # note"')
-            return Scalar(key, "") if key else None
-        return Scalar(key, kind or "(none)", note.strip())
-
-    def counted_list(
-        self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]
-    ) -> List:
-        base = self.text(entry, "list", "the base name of a list", required=True)
-        self.path.append(names.list_key(base))
-        self.unknown_keys(entry, ("list", "count", "items", "note"))
-        count = self.text(entry, "count", "the count of a list", required=True)
-        item = self.record(names.item_type(container, base), entry.get("items", []), scopes)
-        self.path.pop()
-        return List(base, count, item, self.text(entry, "note", "a note"))
-
-    def blob(self, container: str, entry: dict[str, Any]) -> Blob:
-        key = self.text(entry, "blob", "the key of a blob", required=True)
-        self.path.append(key)
-        self.unknown_keys(entry, ("blob", "count", "item", "note"))
-        count = self.text(entry, "count", "the count of a blob", required=True)
-        byte = Scalar(self.text(entry, "item", "the key of a blob's byte", required=True), "u8")
-        self.path.pop()
-        item = Record(names.item_type(container, key), (byte,))
-        return Blob(key, count, item, self.text(entry, "note", "a note"))
-
-    def variant(
-        self, container: str, entry: dict[str, Any], scopes: tuple[tuple[Field, ...], ...]
-    ) -> Variant:
-        attribute = self.text(entry, "variant", "the attribute of a variant", required=True)
-        self.path.append(attribute)
-        self.unknown_keys(entry, ("variant", "on", "alternatives", "note"))
-        on = self.text(entry, "on", "the discriminator of a variant", required=True)
-        given = entry.get("alternatives", [])
-        if not isinstance(given, list):
-            self.complain("alternatives must be an array of tables")
-            given = []
-        read = [self.alternative(container, each, scopes) for each in given]
-        alternatives = tuple(each for each in read if each)
-        self.path.pop()
-        starts = [each.record.fields[:1] for each in alternatives]
-        inside = any(start and isinstance(start[0], Scalar) and start[0].key == on for start in starts)
-        levels = None if inside else find_outward(on, scopes)
-        return Variant(attribute, on, inside, levels, alternatives, self.text(entry, "note", "a note"))
-
-    def alternative(
-        self, container: str, entry: Any, scopes: tuple[tuple[Field, ...], ...]
-    ) -> Alternative | None:
-        if not isinstance(entry, dict):
-            self.complain(
-                f"{entry!r} is no alternative; write {{ name = ..., when = [...], fields = [...] }}"
-            )
-            return None
-        name = self.text(entry, "name", "the name of an alternative", required=True)
-        self.path.append(name)
-        self.unknown_keys(entry, ("name", "when", "fields"))
-        when = entry.get("when", [])
-        if not isinstance(when, list) or not all(type(value) is int for value in when):
-            self.complain("when must be an array of numbers")
-            when = []
-        record = self.record(container + name, entry.get("fields", []), scopes)
-        self.path.pop()
-        return Alternative(name, tuple(when), record)
+class Reader(FieldReader):
+    """Reads one document: its head and its named layouts, then command by command."""
 
     # -- tables of codes ----------------------------------------------------------------------------
 
@@ -201,7 +72,8 @@ class Reader:
     # -- commands -----------------------------------------------------------------------------------
 
     def head(self) -> Head:
-        table = {key: value for key, value in self.document.data.items() if not isinstance(value, dict)}
+        data = self.document.data
+        table = {key: value for key, value in data.items() if not isinstance(value, dict) and key != LAYOUTS}
         self.unknown_keys(table, HEAD_KEYS)
         standing = self.text(table, "standing", "standing") or "assumed"
         if standing not in STANDINGS:
@@ -224,8 +96,12 @@ class Reader:
             )
 
     def commands(self, head: Head) -> list[Command]:
-        tables = {key: value for key, value in self.document.data.items() if isinstance(value, dict)}
-        return [self.read_command(name, table, head) for name, table in tables.items()]
+        data = self.document.data
+        tables = {key: value for key, value in data.items() if isinstance(value, dict) and key != LAYOUTS}
+        self.read_layouts()
+        commands = [self.read_command(name, table, head) for name, table in tables.items()]
+        self.unused_layouts()
+        return commands
 
     def read_command(self, name: str, table: dict[str, Any], head: Head) -> Command:
         self.command = name
@@ -307,14 +183,6 @@ class Reader:
 
 def has_key(record: Record, key: str) -> bool:
     return any(isinstance(f, Scalar) and f.key == key for each in record.tree() for f in each.fields)
-
-
-def find_outward(key: str, scopes: tuple[tuple[Field, ...], ...]) -> int | None:
-    """How many records outward the field `key` has been read: 0 is the record at hand."""
-    for level, fields in enumerate(scopes):
-        if any(isinstance(f, Scalar) and f.key == key for f in fields):
-            return level
-    return None
 
 
 def read_index(document: Document | None, findings: list[Finding]) -> Index:

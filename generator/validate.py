@@ -9,6 +9,8 @@ from . import names
 from .model import (
     COMMAND_ERROR,
     INTEGER_BITS,
+    KEY,
+    LAYOUTS,
     SCALAR_KINDS,
     Alternative,
     Blob,
@@ -26,7 +28,6 @@ from .model import (
 )
 
 COMMAND_NAME = re.compile(r"([A-Z][a-z0-9]*)+")
-KEY = re.compile(r"[A-Z][A-Za-z0-9]*")
 ATTRIBUTE = re.compile(r"[a-z][a-z0-9]*(_[a-z0-9]+)*")
 FAMILY_NAME = re.compile(r"[a-z][a-z0-9_]*")
 MAX_ROWS = 23
@@ -72,10 +73,16 @@ def command_findings(command: Command) -> Iterator[Finding]:
         yield complain(text, part, field)
 
 
+def place(path: str, field: Field) -> str:
+    """Where a field is written: at the end of a path, or in the named layout that it was taken from."""
+    name = field.attribute if isinstance(field, Variant) else field.key
+    return f"{LAYOUTS}.{field.layout}.{name}" if field.layout else path + name
+
+
 def places(record: Record, path: str = "") -> Iterator[tuple[str, Field]]:
     """Every field of a tree with the path that leads to it."""
     for field in record.fields:
-        here = path + (field.attribute if isinstance(field, Variant) else field.key)
+        here = place(path, field)
         yield here, field
         if isinstance(field, List | Blob):
             yield from places(field.item, here + ".")
@@ -87,7 +94,7 @@ def places(record: Record, path: str = "") -> Iterator[tuple[str, Field]]:
 def record_findings(record: Record, path: str = "") -> Iterator[tuple[str, str]]:
     yield from duplicate_findings(record, path)
     for position, field in enumerate(record.fields):
-        here = path + (field.attribute if isinstance(field, Variant) else field.key)
+        here = place(path, field)
         match field:
             case Scalar():
                 yield from ((here, text) for text in scalar_findings(field))
@@ -159,21 +166,24 @@ def discriminator_findings(variant: Variant) -> Iterator[str]:
         yield f'its discriminator "{variant.on}" has different kinds: {", ".join(sorted(kinds))}'
 
 
-def discriminators(record: Record, enclosing: tuple[Record, ...] = ()) -> Iterator[tuple[Variant, Scalar]]:
-    """Every variant of a tree whose discriminator is known, with that discriminator."""
+def discriminators(
+    record: Record, path: str = "", enclosing: tuple[Record, ...] = ()
+) -> Iterator[tuple[str, Variant, Scalar]]:
+    """Every variant of a tree whose discriminator is known: where it is, itself, and that discriminator."""
     scopes = (record, *enclosing)
     for field in record.fields:
+        here = place(path, field)
         if isinstance(field, List | Blob):
-            yield from discriminators(field.item, scopes)
+            yield from discriminators(field.item, here + ".", scopes)
         if not isinstance(field, Variant):
             continue
         holder = first_record(field.alternatives) if field.inside else None
         if field.levels is not None:
             holder = scopes[field.levels]
         if holder:
-            yield field, next(f for f in holder.fields if isinstance(f, Scalar) and f.key == field.on)
+            yield here, field, next(f for f in holder.fields if isinstance(f, Scalar) and f.key == field.on)
         for alternative in field.alternatives:
-            yield from discriminators(alternative.record, scopes)
+            yield from discriminators(alternative.record, f"{here}.{alternative.name}.", scopes)
 
 
 def first_record(alternatives: tuple[Alternative, ...]) -> Record:
@@ -188,14 +198,15 @@ def duplicate_findings(record: Record, path: str) -> Iterator[tuple[str, str]]:
     for field in record.fields:
         name = field.attribute if isinstance(field, Variant) else field.key
         if field.attribute in attributes and name not in keys:
-            yield path + name, f'has the attribute "{field.attribute}", as {attributes[field.attribute]} has'
+            text = f'has the attribute "{field.attribute}", as {attributes[field.attribute]} has'
+            yield place(path, field), text
         attributes.setdefault(field.attribute, name)
         if isinstance(field, Variant):
             shown = {key for alternative in field.alternatives for key in rendered_keys(alternative.record)}
         else:
             shown = {field.key}
         for key in sorted(shown & keys):
-            yield path + name, f'the key "{key}" stands in this record twice'
+            yield place(path, field), f'the key "{key}" stands in this record twice'
         keys |= shown
 
 
@@ -220,20 +231,14 @@ def message_findings(message: Message) -> Iterator[tuple[str, str]]:
                 yield where, "a request carries no command error"
             elif field.kind and field.kind != "u16":
                 yield where, f"a command error is a u16, not a {field.kind}"
-    for variant, discriminator in discriminators(message.record):
+    for where, variant, discriminator in discriminators(message.record):
         if discriminator.kind and not discriminator.is_integer:
-            yield (
-                variant.attribute,
-                f'its discriminator "{variant.on}" is a {discriminator.kind}, not an integer',
-            )
+            yield where, f'its discriminator "{variant.on}" is a {discriminator.kind}, not an integer'
             continue
         limit = 1 << INTEGER_BITS.get(discriminator.kind, 64)
         for value in (value for each in variant.alternatives for value in each.when):
             if not 0 <= value < limit:
-                yield (
-                    variant.attribute,
-                    f'{value} does not fit "{variant.on}", which is a {discriminator.kind}',
-                )
+                yield where, f'{value} does not fit "{variant.on}", which is a {discriminator.kind}'
 
 
 def table_findings(command: Command) -> Iterator[tuple[tuple[str, str], str]]:

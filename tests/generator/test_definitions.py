@@ -54,7 +54,10 @@ FIELD_CASES = [
     ('request = ["AB1: u8", "Ab1: u8"]', '{}: request: Ab1: has the attribute "ab1", as AB1 has'),
     ("request = []", "{}: request: has no field; a message without a payload is not listed at all"),
     ('request = "A: u8"', "{}: request: fields must be an array in wire order, not str"),
-    ("request = [5]", '{}: request: 5 is no field; a field is "Key: kind" or a list, blob or variant table'),
+    (
+        "request = [5]",
+        '{}: request: 5 is no field; a field is "Key: kind" or a list, blob, variant or layout table',
+    ),
     (
         'request = ["ID: uuid"]',
         "{}: request: ID: a request carries no uuid; identifiers sent to the machine are strings",
@@ -199,7 +202,96 @@ def test_wrong_command(tmp_path: Path, text: str, finding: str) -> None:
     assert findings_of(tmp_path) == [finding.replace("{}", "family.toml: Foo")]
 
 
+# [layouts] of the file, what Foo has in request and notification -> the findings. {} stands for 'family.toml: Foo'.
+LAYOUT_CASES = [
+    (
+        'T = ["A: u8"]',
+        '["B: u8", { layout = "T" }, { layout = "Nix" }]',
+        ['{}: request: unknown layout "Nix"; known in this file: T'],
+    ),
+    (
+        'T = ["A: u8"]\nU = [{ layout = "T" }]',
+        '["B: u8"]',
+        ["family.toml: layouts.T: no message uses it", "family.toml: layouts.U: no message uses it"],
+    ),
+    (
+        'T = ["N: u8", { list = "X", count = "N", items = ["B: u8", { layout = "U" }] }]\nU = ["A: u8", { layout = "T" }]',
+        '[{ layout = "T" }]',
+        ["{}: request: layouts.U: a layout may not use itself: T > U > T"],
+    ),
+    (
+        'T = "A: u8"',
+        '["B: u8", { layout = "T" }]',
+        ["family.toml: layouts.T: fields must be an array in wire order, not str"],
+    ),
+    ("T = []", '["B: u8", { layout = "T" }]', ["family.toml: layouts.T: has no field"]),
+    (
+        't = ["A: u8"]\nFoo = ["B: u8"]',
+        '[{ layout = "t" }, { layout = "Foo" }]',
+        [
+            'family.toml: layouts.t: "t" is no name for a layout; names are in upper camel case',
+            "family.toml: layouts.Foo: has the name of a command of this file",
+        ],
+    ),
+    (
+        'T = ["A: u8"]',
+        '[{ layout = "T", note = "x" }, { layout = ["T"] }]',
+        [
+            '{}: request: unknown key "note"; known are layout',
+            "{}: request: the name of a layout must be a string, not ['T']",
+        ],
+    ),
+    # What is wrong inside is said once, with every message that uses it; what is wrong for one of them, for that one.
+    (
+        'T = ["A: u7", { list = "X", count = "A", items = ["b: u8"] }]',
+        '[{ layout = "T" }]\nnotification = [{ layout = "T" }]',
+        [
+            '{}: request: layouts.T.A: unknown kind "u7"; kinds are u8, u16, u32, u64, string, uuid (also in Foo: notification)',
+            '{}: request: layouts.T.listOfX: its count "A" is a u7; a count is an integer (also in Foo: notification)',
+            '{}: request: layouts.T.listOfX.b: "b" is no key; keys are in upper camel case (also in Foo: notification)',
+        ],
+    ),
+    (
+        'T = ["ID: uuid", { variant = "v", on = "Kind", alternatives = ' + ONE + " }]",
+        '["Kind: string", { layout = "T" }]\nnotification = ["Kind: u8", "ID: u8", { layout = "T" }]',
+        [
+            "{}: request: layouts.T.ID: a request carries no uuid; identifiers sent to the machine are strings",
+            '{}: request: layouts.T.v: its discriminator "Kind" is a string, not an integer',
+            '{}: notification: layouts.T.ID: the key "ID" stands in this record twice',
+        ],
+    ),
+]
+
+
+@pytest.mark.parametrize(("layouts", "messages", "expected"), LAYOUT_CASES)
+def test_wrong_layouts(tmp_path: Path, layouts: str, messages: str, expected: list[str]) -> None:
+    foo = f'[Foo]\nid = 1\nresponse = ["CommandError: u16"]\nrequest = {messages}\n'
+    if "notification" not in messages:
+        foo += 'notification = ["State: u8"]'
+    folder_with(tmp_path, family=f"{HEAD}[layouts]\n{layouts}\n{foo}")
+    assert findings_of(tmp_path) == [each.replace("{}", "family.toml: Foo") for each in expected]
+
+
+def test_named_layouts_come_to_what_they_stand_for(tmp_path: Path) -> None:
+    # A count or a discriminator may stand outside of the layout that needs it.
+    data = '{ variant = "v", on = "Kind", alternatives = ' + ONE + " }"
+    items = '{ list = "X", count = "N", note = "all", items = ["ID: u16  # which", %s] }'
+    foo = GOOD.replace('"Name: string"', '"Kind: u8", "N: u8", %s, "Last: u8"')
+    use = '{ layout = "%s" }'
+    layouts = f"[layouts]\nItems = [{items % (use % 'Data')}]\nData = [{data}]\n"
+    outputs = []
+    for text in (foo % (items % data), layouts + foo % (use % "Items")):
+        catalogue, findings = read_catalogue(folder_with(tmp_path, family=HEAD + text), partial=True)
+        assert not findings
+        outputs.append((emit_cpp.emit(catalogue), emit_json.emit(catalogue)))
+    assert outputs[0] == outputs[1]
+
+
 FILE_CASES = [
+    (
+        "layouts = 5\n" + HEAD + GOOD,
+        ['family.toml: layouts: write [layouts] and below it Name = ["Key: kind", ...]'],
+    ),
     (HEAD + GOOD.replace("id = 1", "id = 2"), ["family.toml: Foo: has id 2; the control list says 1"]),
     (GOOD, ["family.toml: title is missing"]),
     (HEAD + 'standing = "sure"\n' + GOOD, ['family.toml: standing is "confirmed" or "assumed", not "sure"']),
@@ -302,8 +394,8 @@ def test_an_overlay_replaces_and_adds_commands(tmp_path: Path) -> None:
     site = folder_with(
         tmp_path / "site",
         "",
-        mine=f'confirmed_by = "{by}"\n'
-        + GOOD.replace("State: u8", "State: u16")
+        mine=f'confirmed_by = "{by}"\n[layouts]\nState = ["State: u16"]\n'
+        + GOOD.replace('"State: u8"', '{ layout = "State" }')
         + 'assumed.request = "not seen yet"\n[Extra]\nid = 900\nresponse = ["A: u8"]',
     )
     catalogue, findings = read_catalogue(base, [site], partial=True)
@@ -332,13 +424,19 @@ def test_an_overlay_replaces_and_adds_commands(tmp_path: Path) -> None:
         ),
         ('[Extra]\nid = 1\nresponse = ["A: u8"]', "Extra: id 1 belongs to Foo (family.toml)"),
         (
+            GOOD.replace('"State: u8"', '"State: u8", { layout = "Named" }'),
+            'Foo: notification: unknown layout "Named"; known in this file: none; '
+            "an overlay cannot use those of the catalogue",
+        ),
+        (
             GOOD.replace('notification = ["State: u8"]', ""),
             "Foo: notification: is in the control list but not defined",
         ),
     ],
 )
 def test_overlays_are_judged_alike(tmp_path: Path, text: str, finding: str) -> None:
-    base = folder_with(tmp_path / "base", family=HEAD + GOOD)
+    named = GOOD.replace('"Name: string"', '{ layout = "Named" }')
+    base = folder_with(tmp_path / "base", family=HEAD + '[layouts]\nNamed = ["Name: string"]' + named)
     site = folder_with(tmp_path / "site", "", mine=text)
     assert [each.replace(str(tmp_path) + "/", "") for each in findings_of(base, [site])] == [
         f"{tmp_path}/site/mine.toml: {finding}".replace(str(tmp_path) + "/", "")
@@ -468,6 +566,7 @@ FIELD = st.recursive(
                 "list",
                 "blob",
                 "variant",
+                "layout",
                 "on",
                 "count",
                 "items",
@@ -479,7 +578,7 @@ FIELD = st.recursive(
                 "note",
             ]
         ),
-        st.one_of(st.text(max_size=6), st.lists(inner, max_size=3)),
+        st.one_of(st.just("Foos"), st.text(max_size=6), st.lists(inner, max_size=3)),
     ),
     max_leaves=12,
 )
@@ -494,7 +593,8 @@ def test_no_definition_upsets_the_generator(entries: list[object]) -> None:
     from generator.validate import validate
 
     findings: list[Finding] = []
-    document = Document("x.toml", "x", 0, {"title": "X", "Foo": {"id": 1, "response": entries}})
+    data = {"title": "X", "layouts": {"Foos": entries}, "Foo": {"id": 1, "response": entries}}
+    document = Document("x.toml", "x", 0, data)
     catalogue = Catalogue(read_families([document], findings))
     findings += validate(catalogue, Index("index.toml"), partial=True)
     assert all(str(finding) for finding in findings)
