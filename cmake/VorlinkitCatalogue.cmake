@@ -90,4 +90,13 @@ function(vorlinkit_generate_blocks target output stub)
   add_custom_target(${target}_generated DEPENDS ${output}/${target}.stamp)
   add_dependencies(${target} ${target}_generated)
   target_sources(${target} PRIVATE ${sources})
+
+  # Four families to a compiler run, if TARGET compiles groups together: the headers that all of them share cost as
+  # much as a small family does.
+  set(at 0)
+  foreach(source IN LISTS sources)
+    math(EXPR group "${at} / 4")
+    math(EXPR at "${at} + 1")
+    set_source_files_properties(${source} PROPERTIES UNITY_GROUP families${group})
+  endforeach()
 endfunction()

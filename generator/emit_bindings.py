@@ -65,13 +65,13 @@ namespace c = commands;
 namespace {{
 
 {tables}
-constinit BlockEntry entries[] = {{
+constinit BlockEntry {family.name}_entries[] = {{
 {entries}}};
 
 }} // namespace
 
 extern const std::span<BlockEntry> {family.name}_blocks;
-const std::span<BlockEntry> {family.name}_blocks(entries);
+const std::span<BlockEntry> {family.name}_blocks({family.name}_entries);
 
 }} // namespace vorlinkit::python
 """
