@@ -44,7 +44,10 @@ void registerCodedValues(py::module_& module) {
 
   py::class_<FieldCodedValues>(module, "FieldCodedValues", "The known codes of a coded field.")
       .def_property_readonly("values", &copyOfRows, "A new list of the rows, in the order of the protocol.")
-      .def_readwrite("kind", &FieldCodedValues::kind, "Whether the codes are values or flags.");
+      .def_property(
+          "kind", [](const FieldCodedValues& table) { return table.kind; },
+          [](FieldCodedValues& table, CodedValueKind kind) { table.kind = kind; },
+          "Whether the codes are values or flags.");
 }
 
 } // namespace vorlinkit::python

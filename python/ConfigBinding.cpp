@@ -22,6 +22,17 @@ void defineMilliseconds(py::class_<SessionConfig>& binding, const char* name, Mi
       [member](SessionConfig& config, std::int32_t value) { config.*member = std::chrono::milliseconds(value); }, doc);
 }
 
+/// The binding library's own conversion would take bytes for a text.
+void writeHost(SessionConfig& config, const py::str& host) {
+  Py_ssize_t length = 0;
+  const char* const text = PyUnicode_AsUTF8AndSize(host.ptr(), &length);
+  if (text == nullptr) {
+    PyErr_Clear();
+    throw py::type_error("host: a lone surrogate is no part of a name or an address");
+  }
+  config.host.assign(text, static_cast<std::size_t>(length));
+}
+
 py::tuple readAccessKeys(const SessionConfig& config) {
   const auto& keys = config.access_keys;
   return py::make_tuple(keys[0], keys[1], keys[2], keys[3]);
@@ -39,8 +50,9 @@ void writeAccessKeys(SessionConfig& config, const py::tuple& keys) {
 void registerConfig(py::module_& module) {
   py::class_<SessionConfig> config(module, "SessionConfig", CONFIG_DOC);
   config.def(py::init<>(), "A configuration with the defaults.");
-  config.def_readwrite("host", &SessionConfig::host,
-                       "Name or numeric address of the machine's control server. Default \"localhost\".");
+  config.def_property(
+      "host", [](const SessionConfig& given) { return given.host; }, &writeHost,
+      "Name or numeric address of the machine's control server. Default \"localhost\".");
   config.def_readwrite("port", &SessionConfig::port, "TCP port of the control server, 0 to 65535. Default 50713.");
   defineMilliseconds(config, "connection_timeout", &SessionConfig::connection_timeout,
                      "Milliseconds one connect attempt may take, name lookup included. Default 3000.");

@@ -42,8 +42,13 @@ void PyVorlinLogger::callOverride(LogLevel level, const std::string& file, std::
   // An object that is being torn down is still registered, but must not be revived.
   if (!self || Py_REFCNT(self.ptr()) == 0) return;
   const auto owner = py::reinterpret_borrow<py::object>(self);
-  const auto method = py::get_override(static_cast<const IVorlinLogger*>(this), "log");
-  if (!method) return;
+  // Asked like any attribute, so that one that is no Python function counts, too; without any, nothing is logged.
+  const auto method = py::reinterpret_steal<py::object>(PyObject_GetAttrString(owner.ptr(), "log"));
+  if (!method) {
+    py::error_already_set missing;
+    if (!missing.matches(PyExc_AttributeError)) throw missing;
+    return;
+  }
   const std::array<py::object, 4> arguments{LogLevels::of(level), decodeCoreText(file), py::int_(line),
                                             decodeCoreText(message)};
   callReported(WHERE, method, arguments.data(), arguments.size());

@@ -80,7 +80,6 @@ void MessageFramer::failAll(const Error& error, bool closeQueue) {
   if (const auto request = std::exchange(active_, nullptr)) request->complete(std::unexpected(error));
   for (const auto& request : std::exchange(queue_, {}))
     request->complete(std::unexpected(error));
-  timedOut_ = false;
   if (closeQueue) {
     closed_ = true;
     started_ = false;

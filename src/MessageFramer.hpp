@@ -67,9 +67,9 @@ public:
   void failAll(const Error& error, bool closeQueue);
   /// Forgets half-received frames; for the session, when a connection has ended.
   void resetReceiveState() { assembler_.reset(); }
-  /// Whether the machine has answered all it was sent and nothing waits, so that a request that is begun now
-  /// overtakes no other and finds room in the socket.
-  bool allAnswered() const { return !active_ && queue_.empty() && !timedOut_ && !closed_; }
+  /// Whether nothing is in flight, waits or is still being written, so that a request that is begun now
+  /// overtakes no other and does not land inside a frame: a machine may refuse one before it has read it all.
+  bool allAnswered() const { return !active_ && queue_.empty() && !writing_ && !closed_; }
   /// Any thread: whether `submitBegun` will be called in time for a request that was begun before this call.
   bool keepsTime() const noexcept { return responseDeadline_.armed(); }
 
@@ -115,7 +115,7 @@ private:
   std::uint32_t attempt_ = 0;          // of the active request, from 1
   std::optional<RawMessage> response_; // to the active request; stored for the send loop
   bool activeSettled_ = false;         // the chunk at hand has brought the active request its end
-  bool timedOut_ = false;              // the last request has; the machine may not have read it yet
+  bool writing_ = false;               // a frame; its request may have been completed meanwhile
   Deadline responseDeadline_;
   Wakeup sendLoop_;
   bool started_ = false;

@@ -9,6 +9,22 @@
 
 namespace vorlinkit {
 
+namespace {
+
+/// Set while a frame is being written, also when the write throws.
+class Writing {
+public:
+  explicit Writing(bool& flag) : flag_(flag) { flag_ = true; }
+  ~Writing() { flag_ = false; }
+  Writing(const Writing&) = delete;
+  Writing& operator=(const Writing&) = delete;
+
+private:
+  bool& flag_;
+};
+
+} // namespace
+
 asio::awaitable<void> MessageFramer::processLoop() {
   for (;;) {
     while (queue_.empty() && !closed_)
@@ -79,7 +95,11 @@ asio::awaitable<const char*> MessageFramer::writeActive() {
     co_return endActive(std::unexpected(std::move(*refused)));
   }
 
-  std::expected<void, Error> written = co_await writeChannel_.write(std::move(*frame));
+  std::expected<void, Error> written;
+  {
+    const Writing mark(writing_);
+    written = co_await writeChannel_.write(std::move(*frame));
+  }
   if (written) co_return nullptr;
   if (mayRetry()) co_return "Write failed for commandId={}, retrying attempt {} of {}";
   co_return endActive(std::unexpected(std::move(written.error())));
@@ -114,7 +134,6 @@ std::optional<Error> MessageFramer::observeSent(std::span<const std::byte> frame
 }
 
 const char* MessageFramer::giveUpAfterTimeout(std::uint16_t commandId) {
-  timedOut_ = true;
   TrafficCounters::add(counters_.requestsTimedOut, 1);
   TrafficCounters::add(counters_.timeoutsOf, commandId, 1);
   return endActive(
@@ -131,7 +150,6 @@ void MessageFramer::completeActive(Outcome outcome) {
   responseDeadline_.clear();
   const auto request = std::exchange(active_, nullptr);
   if (!request) return;
-  if (outcome) timedOut_ = false;
   // Before the caller goes on, who may have the next request at hand.
   if (outcome && queue_.empty()) callbacks_.allAnswered();
   request->complete(std::move(outcome));

@@ -2,6 +2,7 @@
 
 #include "Platform.hpp"
 
+#include <exception>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -9,72 +10,105 @@
 
 namespace vorlinkit {
 
-namespace {
-
-NameLookup::Result lookUp(const std::string& host, std::uint16_t port) {
-  NameLookup::Result result;
-  asio::io_context unused; // the blocking look-up needs no event loop, but asio wants one
-  asio::ip::tcp::resolver resolver(unused);
-  for (const auto& entry : resolver.resolve(host, std::to_string(port), result.failure))
-    result.endpoints.push_back(entry.endpoint());
-  return result;
-}
-
-} // namespace
-
 /// What the two threads share. It outlives the session when the look-up does.
 struct NameLookup::Shared {
+  Shared(std::string name, std::uint16_t number) : host(std::move(name)), port(number) {}
+
+  const std::string host;
+  const std::uint16_t port;
   std::mutex lock;
-  std::function<void()> deliver; // empty once nobody waits any more
+  bool running = false;
+  std::function<void()> deliver; // empty while nobody waits
   std::optional<Result> result;
+
+  bool answered() {
+    const std::lock_guard guard(lock);
+    return result.has_value();
+  }
+
+  /// The thread's work. No exception leaves it: it would end the program.
+  void run() noexcept {
+    Result found;
+    try {
+      found = ask();
+    } catch (const std::exception&) { // only memory can run out
+      found.failure = asio::error::no_memory;
+    }
+    const std::lock_guard guard(lock);
+    running = false;
+    if (!deliver) return;
+    result = std::move(found);
+    try {
+      deliver();
+    } catch (const std::exception&) { // NOLINT: the attempt's deadline ends the wait
+    }
+  }
+
+private:
+  Result ask() const {
+    Result found;
+    asio::io_context unused; // the blocking look-up needs no event loop, but asio wants one
+    asio::ip::tcp::resolver resolver(unused);
+    for (const auto& entry : resolver.resolve(host, std::to_string(port), found.failure))
+      found.endpoints.push_back(entry.endpoint());
+    return found;
+  }
 };
 
-NameLookup::NameLookup(const asio::any_io_executor& executor)
-    : executor_(executor), shared_(std::make_shared<Shared>()), answered_(std::make_shared<Wakeup>(executor)) {}
+NameLookup::NameLookup(asio::any_io_executor executor, std::string host, std::uint16_t port)
+    : executor_(std::move(executor)), shared_(std::make_shared<Shared>(std::move(host), port)),
+      answered_(std::make_shared<Wakeup>(executor_)) {}
 
 NameLookup::~NameLookup() { abandon(); }
 
-asio::awaitable<NameLookup::Result> NameLookup::find(std::string host, std::uint16_t port) {
+asio::awaitable<NameLookup::Result> NameLookup::find() {
+  abandoned_ = false;
   Result result;
   std::error_code notNumeric;
-  const auto address = asio::ip::make_address(host, notNumeric);
+  const auto address = asio::ip::make_address(shared_->host, notNumeric);
   if (!notNumeric) {
-    result.endpoints.emplace_back(address, port);
+    result.endpoints.emplace_back(address, shared_->port);
     co_return result;
   }
 
-  // The lock is held while the result is posted, so that the event loop cannot go away meanwhile:
-  // whoever ends it abandons the look-up first.
-  shared_->deliver = [executor = executor_, answered = answered_] {
-    asio::post(executor, [answered] { answered->notify(); });
-  };
-  try {
-    auto body = [shared = shared_, name = std::move(host), port] {
-      Result found = lookUp(name, port);
-      const std::lock_guard guard(shared->lock);
-      shared->result = std::move(found);
-      if (shared->deliver) shared->deliver();
-    };
-    platform::startThread(std::move(body)).detach();
-  } catch (const std::system_error& noThread) {
-    result.failure = noThread.code();
-  }
+  result.failure = startUnlessRunning();
   if (result.failure) co_return result;
-
   const auto shared = shared_;
-  if (!abandoned_) co_await answered_->wait();
+  while (!abandoned_ && !shared->answered()) // an earlier look-up may have left a wake-up behind
+    co_await answered_->wait();
   const std::lock_guard guard(shared->lock);
   shared->deliver = nullptr;
-  if (shared->result && !abandoned_) co_return std::move(*shared->result);
+  if (shared->result) co_return std::move(*std::exchange(shared->result, std::nullopt));
   result.failure = asio::error::operation_aborted;
   co_return result;
 }
 
+/// Sees to it that the thread's result, or that of the one that still runs, is delivered.
+std::error_code NameLookup::startUnlessRunning() {
+  const std::lock_guard guard(shared_->lock);
+  // The thread holds the lock, too, while it posts, so that the event loop cannot go away meanwhile: whoever
+  // ends it abandons the look-up first.
+  shared_->deliver = [executor = executor_, answered = answered_] {
+    asio::post(executor, [answered] { answered->notify(); });
+  };
+  shared_->result.reset();
+  if (shared_->running) return {};
+  try {
+    platform::startThread([shared = shared_] { shared->run(); }).detach();
+    shared_->running = true;
+    return {};
+  } catch (const std::system_error& noThread) {
+    shared_->deliver = nullptr;
+    return noThread.code();
+  }
+}
+
 void NameLookup::abandon() {
-  if (std::exchange(abandoned_, true)) return;
+  abandoned_ = true;
   {
     const std::lock_guard guard(shared_->lock);
     shared_->deliver = nullptr;
+    shared_->result.reset();
   }
   answered_->notify();
 }

@@ -21,18 +21,21 @@ public:
     std::vector<asio::ip::tcp::endpoint> endpoints;
   };
 
-  explicit NameLookup(const asio::any_io_executor& executor);
+  NameLookup(asio::any_io_executor executor, std::string host, std::uint16_t port);
   ~NameLookup();
   NameLookup(const NameLookup&) = delete;
   NameLookup& operator=(const NameLookup&) = delete;
 
-  /// A numeric host needs no look-up and is answered without waiting. Once per object.
-  asio::awaitable<Result> find(std::string host, std::uint16_t port);
+  /// One at a time. A numeric host needs no look-up and is answered without waiting; a thread that an
+  /// abandoned look-up left behind is waited for instead of starting another one.
+  asio::awaitable<Result> find();
   /// Makes a running `find` yield operation-aborted.
   void abandon();
 
 private:
   struct Shared;
+
+  std::error_code startUnlessRunning();
 
   asio::any_io_executor executor_;
   std::shared_ptr<Shared> shared_;

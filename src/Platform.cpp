@@ -12,7 +12,11 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#endif
+#ifdef __linux__
+#include <linux/sockios.h>
 #endif
 
 namespace vorlinkit::platform {
@@ -68,6 +72,15 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
+bool sendBufferIsEmpty([[maybe_unused]] asio::ip::tcp::socket::native_handle_type socket) noexcept {
+#ifdef SIOCOUTQ
+  int unsentBytes = 0;
+  return ::ioctl(socket, SIOCOUTQ, &unsentBytes) == 0 && unsentBytes == 0;
+#else
+  return false;
+#endif
+}
+
 std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
                             std::span<const std::byte> bytes) noexcept {
 #ifdef MSG_NOSIGNAL
@@ -95,6 +108,8 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
 }
+
+bool sendBufferIsEmpty(asio::ip::tcp::socket::native_handle_type) noexcept { return false; }
 
 std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type, std::span<const std::byte>) noexcept {
   return asio::error::operation_not_supported;

@@ -29,11 +29,9 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
 /// On loopback a port nobody listens on may be answered by the very socket that asks.
 bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept;
 
-#ifdef __unix__
-inline constexpr bool canWriteAtOnce = true;
-#else
-inline constexpr bool canWriteAtOnce = false;
-#endif
+/// Whether the peer's system has taken everything that was written, so that a small write surely finds room.
+/// False where the platform does not tell. Any thread.
+bool sendBufferIsEmpty(asio::ip::tcp::socket::native_handle_type socket) noexcept;
 
 /// Writes all of `bytes` without waiting; what the system does not take whole counts as an error. May run
 /// on any thread, beside reads and writes of the socket's owner.

@@ -5,6 +5,8 @@
 #include "Log.hpp"
 #include "Platform.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace vorlinkit {
@@ -12,6 +14,8 @@ namespace vorlinkit {
 namespace {
 
 constexpr std::size_t readBufferSize = 65536;
+// A peer is given time to read even by those who give it none to answer.
+constexpr std::chrono::milliseconds leastPatience{20};
 
 Error transportError(const char* what, const std::error_code& reason) {
   return {ErrorCode::Transport, what + reason.message()};
@@ -21,7 +25,7 @@ Error transportError(const char* what, const std::error_code& reason) {
 
 TcpTransport::TcpTransport(asio::io_context& context, SessionConfig config, std::shared_ptr<IVorlinLogger> logger)
     : executor_(context.get_executor()), logger_(std::move(logger)), socket_(context), reconnectTimer_(context),
-      config_(std::move(config)), readBuffer_(readBufferSize) {}
+      config_(std::move(config)), lookup_(executor_, config_.host, config_.port), readBuffer_(readBufferSize) {}
 
 asio::awaitable<void> TcpTransport::readLoop(std::shared_ptr<Connection> connection) {
   std::error_code failure = asio::error::operation_aborted; // unless a read says otherwise
@@ -66,8 +70,8 @@ asio::awaitable<std::expected<void, Error>> TcpTransport::write(std::vector<std:
 
 bool TcpTransport::writeAtOnce(std::span<const std::byte> frame, const std::function<bool()>& begin) {
   const std::lock_guard guard(writableLock_);
-  if (!platform::canWriteAtOnce || !writable_ || !begin()) return false;
-  // Nothing was unanswered, so the socket has room: what it does not take now it will not take later.
+  if (!writable_ || !platform::sendBufferIsEmpty(writable_->socket) || !begin()) return false;
+  // There is room: what the socket does not take now it will not take later.
   if (const std::error_code failure = platform::writeAtOnce(writable_->socket, frame))
     asio::post(executor_,
                [this, connection = writable_->connection, failure] { onDisconnected(*connection, failure); });
@@ -86,14 +90,13 @@ asio::awaitable<std::error_code> TcpTransport::writeRest(std::span<const std::by
   asio::steady_timer patience(executor_);
   std::error_code failure;
   while (!rest.empty() && !failure) {
-    if (config_.request_timeout.count() > 0) {
-      patience.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.request_timeout));
-      patience.async_wait([this, watch, connection](std::error_code cancelled) {
-        if (cancelled || watch->over) return;
-        watch->stalled = true;
-        onDisconnected(*connection, asio::error::timed_out);
-      });
-    }
+    const auto longest = std::max(config_.request_timeout, leastPatience);
+    patience.expires_at(saturatingAdd(std::chrono::steady_clock::now(), longest));
+    patience.async_wait([this, watch, connection](std::error_code cancelled) {
+      if (cancelled || watch->over) return;
+      watch->stalled = true;
+      onDisconnected(*connection, asio::error::timed_out);
+    });
     const std::size_t written = co_await socket_.async_write_some(asio::buffer(rest.data(), rest.size()),
                                                                   asio::redirect_error(asio::use_awaitable, failure));
     rest = rest.subspan(written);

@@ -89,6 +89,7 @@ private:
   asio::ip::tcp::socket socket_;
   asio::steady_timer reconnectTimer_;
   const SessionConfig config_;
+  NameLookup lookup_;
   BytesCallback onBytes_;
   StateCallback onStateChanged_;
   std::atomic<bool> connected_{false};
@@ -118,10 +119,9 @@ struct TcpTransport::Activity {
 
 /// One try to connect, from the look-up to the result.
 struct TcpTransport::Attempt : Activity {
-  explicit Attempt(const asio::any_io_executor& executor) : Activity(executor), deadline(executor), lookup(executor) {}
+  explicit Attempt(const asio::any_io_executor& executor) : Activity(executor), deadline(executor) {}
   bool abandoned = false; // a newer connect or a close has taken over
   asio::steady_timer deadline;
-  NameLookup lookup;
 };
 
 /// One connection, from its success to its read loop's end.

@@ -40,7 +40,7 @@ asio::awaitable<std::expected<void, Error>> TcpTransport::connect() {
 }
 
 asio::awaitable<std::error_code> TcpTransport::establish(Attempt& attempt) {
-  NameLookup::Result found = co_await attempt.lookup.find(config_.host, config_.port);
+  NameLookup::Result found = co_await lookup_.find();
   if (found.failure) co_return found.failure;
   log(logger_, LogLevel::info, "Connecting to {}:{}", config_.host, config_.port);
   std::error_code failure = co_await connectToAny(found.endpoints);
@@ -80,7 +80,7 @@ void TcpTransport::startDeadline(const std::shared_ptr<Attempt>& attempt) {
   attempt->deadline.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.connection_timeout));
   attempt->deadline.async_wait([this, attempt](std::error_code cancelled) {
     if (cancelled || attempt->over || attempt->abandoned || attempt != attempt_) return;
-    attempt->lookup.abandon();
+    lookup_.abandon();
     // A connect that has succeeded, though nobody has been told yet, is left alone.
     std::error_code notConnected;
     socket_.remote_endpoint(notConnected);
@@ -92,7 +92,7 @@ void TcpTransport::giveUp(Attempt& attempt) {
   if (attempt.over) return;
   attempt.abandoned = true;
   attempt.deadline.cancel();
-  attempt.lookup.abandon();
+  lookup_.abandon();
 }
 
 void TcpTransport::onConnected() {

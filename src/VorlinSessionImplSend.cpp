@@ -37,10 +37,12 @@ std::future<std::expected<RawMessage, Error>> VorlinSessionImpl::send(std::uint1
 /// the connection. Observers run on the I/O thread, so with one the request goes there, too.
 bool VorlinSessionImpl::sendHere(std::unique_ptr<FutureRequest>& request) {
   if (!inbox_.wayPastIsOpen() || request->payload.size() > smallPayload || callbacks_.observesFrames()) return false;
-  const auto frame = codec_->encodeRequest(request->commandId, clientId(), request->payload);
+  const std::uint8_t sender = clientId();
+  const auto frame = codec_->encodeRequest(request->commandId, sender, request->payload);
   if (!frame) return false;
   const auto begin = [&] {
-    if (begun_ != nullptr || !inbox_.takeWayPast()) return false;
+    // A response may have brought another client id while the frame was made.
+    if (begun_ != nullptr || clientId() != sender || !inbox_.takeWayPast()) return false;
     request->begun = {std::chrono::steady_clock::now(), frame->size()};
     begun_ = request.release();
     return true;

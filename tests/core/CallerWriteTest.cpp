@@ -72,10 +72,12 @@ TEST(CallerWrite, ReachesTheMachineAtOnceAndIsNotOvertaken) {
 
 TEST(CallerWrite, FailsWithItsConnectionAndIsNoGhostOnTheNext) {
   for (const bool writeFails : {false, true}) {
+    std::promise<void> connected; // a reset that comes earlier may fail the connect
     std::promise<void> gone;
     std::promise<std::uint16_t> next;
     ScriptedMachine machine({[&](Peer& peer) {
                                peer.write(notification(busy, {}));
+                               connected.get_future().wait();
                                if (!writeFails) peer.read();
                                peer.reset();
                                gone.set_value();
@@ -83,11 +85,13 @@ TEST(CallerWrite, FailsWithItsConnectionAndIsNoGhostOnTheNext) {
                              [&](Peer& peer) {
                                next.set_value(peer.read().value().commandId);
                                peer.write(response(9, {}));
+                               peer.read(); // until the client goes
                              }});
     BusySession busySession(machine);
+    connected.set_value();
     std::promise<void> up;
-    busySession.session.on_connection_state_changed([&](bool connected, const std::string&) {
-      if (connected) up.set_value();
+    busySession.session.on_connection_state_changed([&](bool isUp, const std::string&) {
+      if (isUp) up.set_value();
     });
     if (writeFails) gone.get_future().wait();
     auto lost = busySession.session.send(8);

@@ -19,6 +19,7 @@ public:
   asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte> frame) override {
     written.push_back(std::move(frame));
     if (onWrite) onWrite();
+    if (room) co_await room->wait();
     std::expected<void, Error> result;
     if (!failures.empty()) {
       result = std::unexpected(failures.front());
@@ -32,6 +33,7 @@ public:
   std::vector<Bytes> written;
   std::deque<Error> failures;
   std::function<void()> onWrite;
+  std::unique_ptr<Wakeup> room; // while there is one, writes take until it is notified
 };
 
 struct Framer : testing::Test {
@@ -121,6 +123,18 @@ TEST_F(Framer, ReportsMajorAndMinorErrors) {
   EXPECT_TRUE(warned.get());
   EXPECT_EQ(framerRecords().back(),
             "3 src/MessageFramer VORLIN protocol warning (minorError): UnknownRequestVersion (0x00000001)");
+}
+
+TEST_F(Framer, IsNotAtRestWhileARefusedRequestIsStillBeingWritten) {
+  make();
+  channel.room = std::make_unique<Wakeup>(channel.getExecutor());
+  auto refused = send(5);
+  receive(response(5, {}, 0x20));
+  EXPECT_TRUE(ready(refused));
+  EXPECT_FALSE(framer->allAnswered());
+  channel.room->notify();
+  settle();
+  EXPECT_TRUE(framer->allAnswered());
 }
 
 TEST_F(Framer, LearnsTheClientIdFromCommandOne) {

@@ -83,6 +83,10 @@ def test_arguments_by_name_and_subclasses():
 
 def test_coded_values():
     codes = vorlin.flush_log_command_error_codes()
+    kind = codes.kind
+    codes.kind = vorlin.CodedValueKind.Enum
+    assert kind == vorlin.CodedValueKind.Bitfield, "a copy"
+    codes = vorlin.flush_log_command_error_codes()
     assert codes.kind == vorlin.CodedValueKind.Bitfield
     assert [(row.code, row.description) for row in codes.values] == [
         (1, "Invalid log name"),

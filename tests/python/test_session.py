@@ -319,6 +319,20 @@ class Failing(vorlin.IVorlinLogger):
         raise KeyError(message)
 
 
+class Broken(vorlin.IVorlinLogger):
+    @property
+    def log(self):
+        raise KeyError("no log today")
+
+
+class NoFunction(vorlin.IVorlinLogger):
+    log = 5
+
+
+class BuiltIn(vorlin.IVorlinLogger):
+    log = print
+
+
 def test_a_python_logger_gets_the_records_above_its_threshold():
     logger = Records()
     assert logger.get_log_level() is not None and logger.get_log_level() == vorlin.LogLevel.info
@@ -347,13 +361,19 @@ def test_loggers_that_cannot_log_do_no_harm(capsys):
         gc.collect()
         assert session.send(1) == (b"", "")
     assert capsys.readouterr().err == ""
-    failing = Failing()
-    with connected_session(echo, failing):
+    for logger, complaint in (
+        (Failing(), "KeyError: 'Connected successfully'"),
+        (Broken(), "KeyError: 'no log today'"),
+        (NoFunction(), "TypeError: 'int' object is not callable"),
+    ):
+        with connected_session(echo, logger):
+            pass
+        report = f"Exception in Python IVorlinLogger.log callback: {complaint}\n"
+        assert report in capsys.readouterr().err
+    built_in = BuiltIn()
+    with connected_session(echo, built_in):
         pass
-    assert (
-        "Exception in Python IVorlinLogger.log callback: KeyError: 'Connected successfully'\n"
-        in capsys.readouterr().err
-    )
+    assert "Connected successfully" in capsys.readouterr().out
 
 
 def test_notifications_in_bulk_arrive_whole_and_in_order():

@@ -45,6 +45,8 @@ def test_values_that_are_stored(name, value):
     ("name", "value"),
     [
         ("host", 7),
+        ("host", b"machine-7"),
+        ("host", "machine-\ud800"),
         ("port", 65536),
         ("port", -1),
         ("connection_timeout", 2**31),
