@@ -2,11 +2,11 @@
 
 For authors of catalogue files, from the project root:
 
-  python3 -m generator --check --partial catalogue/motors.toml   one file (or several) while others are
-                                                                 still missing; prints every finding
-  python3 -m generator --check                                   the whole catalogue against its index
-  python3 -m generator --check --overlay ~/our-machine           the catalogue with a folder of corrections
-  python3 -m generator --report                                  totals and standings per family
+  python3 -m generator --check --partial catalogue/devices.toml  one file (or several) while others are
+                                                                  still missing; prints every finding
+  python3 -m generator --check                                    the whole catalogue against its index
+  python3 -m generator --check --overlay ~/our-machine            the catalogue with a folder of corrections
+  python3 -m generator --report                                   totals and standings per family
 
 The exit code is 1 if anything is wrong, and nothing is written then.
 """

@@ -26,7 +26,7 @@ MODULE = "vorlinkit_python"
 
 def emit(catalogue: Catalogue) -> dict[str, str]:
     """Relative path -> text of every file."""
-    files = {"python/families.blocks.cpp": families(catalogue)}
+    files = {"python/commandBlocks.cpp": families(catalogue)}
     for family in catalogue.families:
         files[f"python/{family.name}.blocks.cpp"] = blocks(family)
     return files
@@ -56,6 +56,7 @@ def blocks(family: Family) -> str:
 
 #include <vorlinkit/commands/{family.name}.hpp>
 
+#include <array>
 #include <cstddef>
 
 namespace vorlinkit::python {{
@@ -65,8 +66,8 @@ namespace c = commands;
 namespace {{
 
 {tables}
-constinit BlockEntry {family.name}_entries[] = {{
-{entries}}};
+constinit std::array<BlockEntry, {entries.count(chr(10))}> {family.name}_entries{{{{
+{entries}}}}};
 
 }} // namespace
 
@@ -120,7 +121,7 @@ def field_operations(record: Record, field: Field) -> str:
         case Blob(item=item):
             return f"constexpr BlobOperations {item.type}_list = blobOf<c::{item.type}>({item.type});\n"
         case Variant():
-            stem = f"{record.type}_{field.attribute}"
+            stem = f"{record.type}_{field.attribute}_variant"
             held = ", ".join("&" + each.record.type for each in field.alternatives)
             member = f"c::{record.type}::{names.cpp_member(field.attribute)}"
             return (
@@ -143,7 +144,7 @@ def field_rows(command: Command, record: Record, field: Field) -> Iterator[str]:
             case List() | Blob():
                 yield f"list({literal(name)}, {place}, {field.item.type}_list, {doc})"
             case Variant():
-                yield f"variant({literal(name)}, {place}, {record.type}_{attribute}, {doc})"
+                yield f"variant({literal(name)}, {place}, {record.type}_{attribute}_variant, {doc})"
 
 
 def attributes(command: Command, record: Record, field: Field) -> Iterator[tuple[str, str, str]]:

@@ -3,6 +3,7 @@ tables for the templates of `commands/`, and the definitions that join the two."
 
 from __future__ import annotations
 
+import re
 from collections.abc import Iterator
 
 from . import names
@@ -269,7 +270,8 @@ def command_definitions(command: Command) -> str:
 
 def literal(text: str) -> str:
     """A C++ string literal; source files are UTF-8, and so are the texts of the machine."""
-    return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
+    escaped = text.replace("\\", "\\\\").replace('"', '\\"')
+    return '"' + re.sub(r"(?<=\?)\?", r"\\?", escaped) + '"'  # two in a row may begin a trigraph
 
 
 def comment(prefix: str, text: str) -> str:

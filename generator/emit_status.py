@@ -35,7 +35,7 @@ print(status.standing, status.why, status.confirmed_by)
 
 def emit(catalogue: Catalogue) -> str:
     parts = [HEAD, totals(catalogue)]
-    parts += [section(family) for family in catalogue.families]
+    parts += [section(family) for family in catalogue.families if family.commands]
     return "\n".join(parts)
 
 

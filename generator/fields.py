@@ -53,7 +53,13 @@ class FieldReader:
             return ""
         if required and not value.strip():
             self.complain(f"{what} is missing")
-        return value.strip()
+        return self.one_line(value.strip(), what)
+
+    def one_line(self, text: str, what: str) -> str:
+        """Texts become comments and literals, whose line must not end early or go on."""
+        if not text.isprintable() or text.endswith("\\"):
+            self.complain(f"{what} is one line of printable characters that does not end in a backslash")
+        return text
 
     def unknown_keys(self, table: dict[str, Any], known: Sequence[str], field: str = "") -> None:
         for key in table:
@@ -107,7 +113,7 @@ class FieldReader:
         if not colon or not key:
             self.complain(f'"{entry}" is no field; write "Key: kind" or "Key: kind  # note"')
             return Scalar(key, "") if key else None
-        return Scalar(key, kind or "(none)", note.strip())
+        return Scalar(key, kind or "(none)", self.one_line(note.strip(), "a note"))
 
     def counted_list(self, container: str, entry: dict[str, Any], scopes: Scopes) -> List:
         base = self.text(entry, "list", "the base name of a list", required=True)

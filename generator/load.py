@@ -35,7 +35,7 @@ def family_files(folder: Path, findings: list[Finding]) -> list[Path]:
     if not folder.is_dir():
         findings.append(Finding(str(folder), "is not a folder"))
         return []
-    return sorted(path for path in folder.glob("*.toml") if path.name != INDEX)
+    return sorted(folder.glob("*.toml"))
 
 
 def documents(
@@ -43,7 +43,9 @@ def documents(
 ) -> tuple[Document | None, list[Document]]:
     """The index and the family documents. `only` names single files to read instead of the whole folder."""
     index = read(folder / INDEX, 0, findings)
-    layers = [only or family_files(folder, findings)]
+    layers = [only or [path for path in family_files(folder, findings) if path.name != INDEX]]
     layers += [family_files(overlay, findings) for overlay in overlays]
+    for path in (path for files in layers[1:] for path in files if path.name == INDEX):
+        findings.append(Finding(str(path), "the list of commands is the catalogue's; give the file another name"))
     found = [read(path, layer, findings) for layer, paths in enumerate(layers) for path in paths]
     return index, [document for document in found if document]

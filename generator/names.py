@@ -2,6 +2,7 @@
 
 import re
 
+# And one name that no member can have, since the standard library defines it as a macro.
 CPP_KEYWORDS = frozenset(
     (
         "alignas alignof and and_eq asm auto bitand bitor bool break case catch char char8_t char16_t char32_t "
@@ -10,7 +11,7 @@ CPP_KEYWORDS = frozenset(
         "goto if inline int long mutable namespace new noexcept not not_eq nullptr operator or or_eq private "
         "protected public register reinterpret_cast requires return short signed sizeof static static_assert "
         "static_cast struct switch template this thread_local throw true try typedef typeid typename union "
-        "unsigned using virtual void volatile wchar_t while xor xor_eq"
+        "unsigned using virtual void volatile wchar_t while xor xor_eq errno"
     ).split()
 )
 

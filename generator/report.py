@@ -11,7 +11,7 @@ COLUMNS = ("commands", *(role + "s" for role in ROLES), "confirmed", "assumed", 
 
 
 def report(catalogue: Catalogue) -> str:
-    rows = [(family.name, tally(family.commands)) for family in catalogue.families]
+    rows = [(family.name, tally(family.commands)) for family in catalogue.families if family.commands]
     rows.append(("total", tally(catalogue.commands())))
     width = max(len(name) for name, _ in rows + [("family", {})])
     lines = ["  ".join(["family".ljust(width), *COLUMNS])]

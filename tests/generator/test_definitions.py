@@ -52,6 +52,14 @@ FIELD_CASES = [
         '{}: request: NumberOfI_Ds: "NumberOfI_Ds" is no key; keys are in upper camel case',
     ),
     ('request = ["AB1: u8", "Ab1: u8"]', '{}: request: Ab1: has the attribute "ab1", as AB1 has'),
+    (
+        r'request = ["A: u8  # C:\\"]',
+        "{}: request: a note is one line of printable characters that does not end in a backslash",
+    ),
+    (
+        r'request = ["A: u8"]' + '\nwhy = """one\ntwo"""',
+        "{}: why is one line of printable characters that does not end in a backslash",
+    ),
     ("request = []", "{}: request: has no field; a message without a payload is not listed at all"),
     ('request = "A: u8"', "{}: request: fields must be an array in wire order, not str"),
     (
@@ -441,6 +449,13 @@ def test_overlays_are_judged_alike(tmp_path: Path, text: str, finding: str) -> N
     assert [each.replace(str(tmp_path) + "/", "") for each in findings_of(base, [site])] == [
         f"{tmp_path}/site/mine.toml: {finding}".replace(str(tmp_path) + "/", "")
     ]
+
+
+def test_an_overlay_has_no_list_of_commands(tmp_path: Path) -> None:
+    base = folder_with(tmp_path / "base", family=HEAD + GOOD)
+    site = folder_with(tmp_path / "site", GOOD)
+    text = "the list of commands is the catalogue's; give the file another name"
+    assert f"{site}/index.toml: {text}" in findings_of(base, [site])
 
 
 # -- what is written ------------------------------------------------------------------------------------

@@ -17,8 +17,9 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "correcting-a-layout.md").read_text(encoding="utf-8")
 
-# A command of a made-up option of a made-up machine: no line of code anywhere knows of it.
-NEW_COMMAND = """
+# A command of a made-up option of a made-up machine: no line of code anywhere knows of it. Some of its names and
+# texts mean something else in C++.
+NEW_COMMAND = r"""
 confirmed_by = "Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe: the maker's note on the magnet option"
 
 [GetMagnetStrength]
@@ -29,8 +30,20 @@ response = [
   "NumberOfReadings: u8",
   { list = "Readings", count = "NumberOfReadings", items = ["Position: u16  # in millimetres", "Label: string"] },
 ]
-notification = ["MagnetNumber: u8", "Strength: u32"]
-errors = ["0x0001 No such magnet"]
+notification = [
+  "MagnetNumber: u8",
+  "Strength: u32",
+  { variant = "fields", on = "MagnetNumber", alternatives = [{ name = "Two", when = [2], fields = ["Errno: u16"] }] },
+]
+errors = ["0x0001 No such magnet??/"]
+"""
+
+# A file of corrections alone, which is named after none of the catalogue's.
+CORRECTIONS = """
+[StopGrabObjects]
+id = 172
+response = ["CommandError: u16"]
+confirmed_by = "Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe: a capture"
 """
 
 USE_NEW_COMMAND = """
@@ -47,8 +60,9 @@ assert payload == b"\\2\\1", payload
 captured = bytes.fromhex("0000 02 0102 4100 0304 4200")
 response = vorlin.decode_get_magnet_strength_response(captured)
 assert [(one.position, one.label) for one in response.list_of_readings] == [(0x102, "A"), (0x304, "B")]
-assert vorlin.get_magnet_strength_command_error_string(3) == "No such magnet; Unknown (0x0002); "
-assert layout_status()["GetMagnetStrengthResponse"].confirmed_by.startswith("Example Sorter 4")
+assert vorlin.get_magnet_strength_command_error_string(3) == "No such magnet??/; Unknown (0x0002); "
+for name in ("GetMagnetStrengthResponse", "StopGrabObjectsResponse"):
+    assert layout_status()[name].confirmed_by.startswith("Example Sorter 4")
 
 with SimulatorProcess() as simulator:
     config = vorlin.SessionConfig()
@@ -61,7 +75,9 @@ with SimulatorProcess() as simulator:
     assert answer is not None, problem
     response = vorlin.decode_get_magnet_strength_response(answer)
     assert len(response.list_of_readings) == response.number_of_readings
-    assert vorlin.decode_get_magnet_strength_notification(told.get(timeout=10)).magnet_number == 2
+    notification = vorlin.decode_get_magnet_strength_notification(told.get(timeout=10))
+    assert notification.magnet_number == 2
+    assert isinstance(notification.fields.errno, int)
     session.disconnect()
 """
 
@@ -86,6 +102,7 @@ def python_path() -> Iterator[Path]:
         own = Path(folder) / "our machine"
         own.mkdir()
         (own / "magnets.toml").write_text(NEW_COMMAND, encoding="utf-8")
+        (own / "corrections.toml").write_text(CORRECTIONS, encoding="utf-8")
         build = Path(folder) / "build"
         overlays = f"{ROOT / 'examples' / 'overlay'};{own}"
         configured = run(
