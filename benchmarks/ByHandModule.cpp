@@ -115,13 +115,16 @@ struct Capture {
 
 struct Counts {
   std::uint8_t type = 0;
-  std::vector<std::uint16_t> components;
+  std::vector<std::string> components;
 
   PyObject* encode() const {
-    return bytes(3 + 2 * components.size(), [this](char* to) {
+    std::size_t size = 3;
+    for (const auto& component : components)
+      size += component.size() + 1;
+    return bytes(size, [this](char* to) {
       to = putBytes(putBytes(to, type), static_cast<std::uint16_t>(components.size()));
-      for (const std::uint16_t component : components)
-        to = putBytes(to, component);
+      for (const auto& component : components)
+        to = put(to, {component.c_str(), component.size() + 1});
     });
   }
 };
@@ -152,11 +155,11 @@ template <class Message, PyObject* (Message::*act)() const> PyObject* call(PyObj
 }
 
 /// The numbers of a sequence; nothing on an error, which is set.
-template <class Number> bool load(PyObject* sequence, std::vector<Number>& numbers) {
+bool load(PyObject* sequence, std::vector<std::uint16_t>& numbers) {
   for (Py_ssize_t i = 0, size = PySequence_Size(sequence); i < size; ++i) {
     PyObject* element = PySequence_GetItem(sequence, i);
     if (element == nullptr) return false;
-    numbers.push_back(static_cast<Number>(PyLong_AsUnsignedLong(element)));
+    numbers.push_back(static_cast<std::uint16_t>(PyLong_AsUnsignedLong(element)));
     Py_DECREF(element);
   }
   return PyErr_Occurred() == nullptr;
@@ -188,9 +191,12 @@ PyObject* holdCapture(PyObject*, PyObject* arguments) {
 
 PyObject* holdCounts(PyObject*, PyObject* arguments) {
   Counts counts;
-  PyObject* components = nullptr;
-  if (!PyArg_ParseTuple(arguments, "bO", &counts.type, &components)) return nullptr;
-  return load(components, counts.components) ? hold(std::move(counts)) : nullptr;
+  const char* components = nullptr; // each with its end
+  Py_ssize_t size = 0;
+  if (!PyArg_ParseTuple(arguments, "by#", &counts.type, &components, &size)) return nullptr;
+  for (const char* end = components + size; components < end; components += counts.components.back().size() + 1)
+    counts.components.emplace_back(components);
+  return hold(std::move(counts));
 }
 
 PyObject* holdChunk(PyObject*, PyObject* arguments) {
@@ -205,7 +211,7 @@ PyMethodDef methods[] = {
     {"motors", holdMotors, METH_VARARGS, "motors(device: str, pairs: bytes)"},
     {"commands", holdCommands, METH_O, "commands(ids)"},
     {"capture", holdCapture, METH_VARARGS, "capture(id, source: str, timestamp, pixels, lines, frame: bytes)"},
-    {"counts", holdCounts, METH_VARARGS, "counts(type, components)"},
+    {"counts", holdCounts, METH_VARARGS, "counts(type, components: bytes)"},
     {"chunk", holdChunk, METH_VARARGS, "chunk(package: str, number, data: bytes)"},
     {"motors_to_json", call<Motors, &Motors::toJson>, METH_O, "motors_to_json(motors) -> str"},
     {"commands_to_json", call<Commands, &Commands::toJson>, METH_O, "commands_to_json(commands) -> str"},

@@ -115,8 +115,8 @@ void requests() {
   compareRequest("GetAttachedMotors request", GetAttachedMotorsRequest{"conveyor-in"},
                  encode_get_attached_motors_request, by_hand::encodeMotors);
   ResetUsageCountsRequest counts{2, 1000, {}};
-  for (std::uint16_t i = 0; i < 1000; ++i)
-    counts.list_of_components.push_back({i});
+  for (int i = 0; i < 1000; ++i)
+    counts.list_of_components.push_back({"ejector-" + std::to_string(i)});
   compareRequest("ResetUsageCounts request, 1,000 components", counts, encode_reset_usage_counts_request,
                  by_hand::encodeResetUsageCounts);
 }

@@ -122,10 +122,13 @@ Encoded encodeMotors(const GetAttachedMotorsRequest& request) {
 }
 
 Encoded encodeResetUsageCounts(const ResetUsageCountsRequest& request) {
-  std::vector<std::byte> bytes(3 + 2 * request.list_of_components.size());
+  std::size_t size = 3;
+  for (const auto& component : request.list_of_components)
+    size += component.component_id.size() + 1;
+  std::vector<std::byte> bytes(size);
   auto* to = put(put(bytes.data(), request.usage_count_type), request.number_of_components);
   for (const auto& component : request.list_of_components)
-    to = put(to, component.component_number);
+    to = put(to, component.component_id);
   return bytes;
 }
 

@@ -13,7 +13,7 @@ import subprocess
 import sys
 import threading
 import time
-from collections.abc import Callable, Sequence
+from collections.abc import Callable
 from pathlib import Path
 
 import vorlinkit_python as vk
@@ -352,11 +352,14 @@ def frames() -> None:
 # -- encoding and JSON ------------------------------------------------------------------------------------------
 
 
-def reset_usage_counts(numbers: Sequence[int]) -> "vk.ResetUsageCountsRequest":
+COMPONENTS = [f"ejector-{number}" for number in range(1000)]
+
+
+def reset_usage_counts() -> "vk.ResetUsageCountsRequest":
     items = []
-    for number in numbers:
+    for component in COMPONENTS:
         item = vk.ResetUsageCountsRequestComponentsItem()
-        item.component_number = number
+        item.component_id = component
         items.append(item)
     request = vk.ResetUsageCountsRequest()
     request.usage_count_type = 2
@@ -375,12 +378,11 @@ def encoding() -> None:
         1,
         1,
     )
-    numbers = list(range(1000))
-    counts = reset_usage_counts(numbers)
+    counts = reset_usage_counts()
     compare(
         "Python: encode ResetUsageCounts request, 1,000 components, beside struct",
         lambda: vk.encode_reset_usage_counts_request(counts),
-        lambda: struct.pack(">BH1000H", 2, 1000, *numbers),
+        lambda: struct.pack(">BH", 2, 1000) + "\0".join([*COMPONENTS, ""]).encode(),
         1,
         1,
     )
@@ -439,8 +441,8 @@ def large_messages(build: Path) -> None:
         lambda: by_hand.capture_to_json(frame_by_hand),
     )
 
-    counts = reset_usage_counts(range(1000))
-    counts_by_hand = by_hand.counts(2, range(1000))
+    counts = reset_usage_counts()
+    counts_by_hand = by_hand.counts(2, "\0".join([*COMPONENTS, ""]).encode())
     beside_c_api(
         "encode ResetUsageCounts request, 1,000 components",
         lambda: vk.encode_reset_usage_counts_request(counts),
