@@ -225,6 +225,22 @@ def test_rules_come_and_go_while_it_runs(bench: Bench) -> None:
         peer.until_end()
 
 
+def test_a_client_that_floods_and_does_not_read_holds_up_nobody(bench: Bench) -> None:
+    simulator = bench.simulator("--blob-size", "250000")
+    flood, other = bench.peer(simulator), bench.peer(simulator)
+    flood.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+    for _ in range(100):
+        flood.send("CaptureFrame", CapturableID="Camera1", listOfCaptureOptions=[])
+    for _ in range(300):  # each of which gives the first client a turn, too
+        other.ask("GetServerTime")
+    other.ask("GetMachineInfo")
+    simulator.wait_for("answered", connection=2, command=INFO)
+    served = [one for one in simulator.events if one["event"] == "request" and one.get("command") == 69]
+    assert len(served) < 100
+    kinds = [flood.frame().type for _ in range(200)]
+    assert kinds == [frames.RESPONSE, frames.NOTIFICATION] * 100
+
+
 @pytest.mark.parametrize("suffix", [".toml", ".json"])
 def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
     rules = [{"command": "GetMachineInfo", "from": 2, "to": 3, "minor_error": ["ControlBlocked"]}]

@@ -2,7 +2,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Iterable, Iterator
+from itertools import repeat
 
 from vorlinkit.catalogue import Command
 
@@ -16,31 +17,29 @@ OF_NOTHING_ELSE = "RegisterForExclusiveControlNotifications"
 
 
 def maker(machine: Machine, client: Client, reply: Reply | None = None) -> NotificationMaker:
-    """What makes the notifications of a burst.
+    """What makes the notifications of a burst, one by one, so that a long burst takes no memory.
 
     They are of the command asked for, else of the one that is answered, else of one subscribed to.
     """
 
-    def make(command_id: int | None, count: int, size: int | None) -> Sequence[bytes]:
+    def make(command_id: int | None, count: int, size: int | None) -> Iterable[bytes]:
         command = _command(machine, client, reply, command_id)
         if size is not None:
             return numbered(command.id if command is not None else command_id or 0, count, size)
         if command is None:
-            return [frames.notification(command_id or 0)] * count
+            return repeat(frames.notification(command_id or 0), count)
         answered = reply is not None and reply.command is command
         known = (reply.known, reply.request, reply.response) if reply is not None and answered else ()
-        return [machine.notification(command, *known)] * count
+        return repeat(machine.notification(command, *known), count)
 
     return make
 
 
-def numbered(command_id: int, count: int, size: int) -> Sequence[bytes]:
+def numbered(command_id: int, count: int, size: int) -> Iterator[bytes]:
     """Notifications with payloads of ``size`` bytes, which begin with a running 32-bit number if it fits."""
     filler = bytes(max(0, size - 4))
-    return [
-        frames.notification(command_id, (at.to_bytes(4, "big") + filler) if size >= 4 else bytes(size))
-        for at in range(count)
-    ]
+    for at in range(count):
+        yield frames.notification(command_id, (at.to_bytes(4, "big") + filler) if size >= 4 else bytes(size))
 
 
 def _command(machine: Machine, client: Client, reply: Reply | None, command_id: int | None) -> Command | None:

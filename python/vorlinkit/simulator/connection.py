@@ -5,8 +5,9 @@ from __future__ import annotations
 import asyncio
 import socket
 import struct
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass, replace
+from itertools import chain, islice
 from typing import Final
 
 from . import frames
@@ -22,21 +23,31 @@ from .subscriptions import Client
 BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000
 """Requests with longer payloads are told without their values."""
-LONGEST_BACKLOG: Final = 1000
+LONGEST_BACKLOG: Final = 256 * 1024
+"""How many bytes may wait for a client before no more of its requests are read."""
 LAST_PATIENCE: Final = 1.0
 """How many seconds a client that sends no more gets to take its last answers."""
 
 
 @dataclass(frozen=True)
 class Outgoing:
-    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if so."""
+    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if so.
+
+    ``burst`` comes behind the parts; its frames are made when the client takes them.
+    """
 
     parts: Sequence[bytes]
     frames: int = 0
+    burst: Iterable[bytes] = ()
     chunk: int | None = None
     together: bool = False
     ending: Ending | None = None
     answered: int | None = None
+
+    @property
+    def size(self) -> int:
+        """The bytes that are held in memory."""
+        return sum(len(part) for part in self.parts)
 
 
 class ClientConnection:
@@ -62,6 +73,7 @@ class ClientConnection:
         self._scenario = scenario
         self._events = events
         self._outbox: asyncio.Queue[Outgoing] = asyncio.Queue()
+        self._backlog = 0
         self._held_back: list[bytes] | None = None
         self._sent = 0
         self._shut = False
@@ -93,6 +105,7 @@ class ClientConnection:
         try:
             while (frame := await self._read()) is not None:
                 await self._serve(frame)
+                await self._give_way()
         except asyncio.IncompleteReadError:
             by = "simulator" if self._writer.is_closing() else "client"
             await self._send_the_rest()
@@ -104,9 +117,9 @@ class ClientConnection:
             self._writer.close()
             self._events("closed", connection=self.number, by=by)
 
-    def send_unsolicited(self, made: Sequence[bytes]) -> None:
+    def send_unsolicited(self, made: Iterable[bytes], count: int) -> None:
         """Send notifications that no request asked for."""
-        self._put(Outgoing(made, frames=len(made)))
+        self._put(Outgoing((), frames=count, burst=made))
 
     def end(self, how: Ending) -> None:
         """End the connection behind what is waiting to be sent."""
@@ -122,6 +135,12 @@ class ClientConnection:
             await asyncio.wait_for(self.flushed(), LAST_PATIENCE)
         except TimeoutError:
             self._events("unflushed", connection=self.number)
+
+    async def _give_way(self) -> None:
+        """Let the others have their turn; a client that does not take its answers is not read any further."""
+        await asyncio.sleep(0)
+        if self._lags():
+            await self.flushed()
 
     # --- receiving --------------------------------------------------------------------------------
 
@@ -179,33 +198,34 @@ class ClientConnection:
             self._put(Outgoing([frame], frames=1))
 
     def _lags(self) -> bool:
-        return self._outbox.qsize() > LONGEST_BACKLOG
+        return self._backlog > LONGEST_BACKLOG
 
     def _send_answer(self, answer: Answer, asked: int) -> None:
         response = answer.response()
         how, moment = answer.ending if answer.ending is not None else (None, None)
-        if answer.silent or moment == "instead":
-            self._put(Outgoing(answer.behind, frames=len(answer.behind), chunk=answer.chunk, ending=how))
-            return
-        if moment == "middle":
+        unanswered = answer.silent or moment == "instead"
+        if moment == "middle" and not unanswered:
             self._put(
                 Outgoing([*answer.ahead, response[: len(response) // 2]], chunk=answer.chunk, ending=how)
             )
             return
-        parts = [*answer.ahead, *([response] * answer.copies), *answer.behind]
+        parts = () if unanswered else (*answer.ahead, *([response] * answer.copies))
+        parts += answer.behind
         self._put(
             Outgoing(
                 parts,
-                frames=len(parts),
+                frames=len(parts) + answer.burst_count,
+                burst=answer.burst,
                 chunk=answer.chunk,
                 together=answer.together,
                 ending=how,
-                answered=asked,
+                answered=None if unanswered else asked,
             )
         )
 
     def _put(self, outgoing: Outgoing) -> None:
         if not self._silent:
+            self._backlog += outgoing.size
             self._outbox.put_nowait(outgoing)
 
     async def _write_all(self) -> None:
@@ -216,12 +236,16 @@ class ClientConnection:
             except ConnectionError:
                 pass
             finally:
+                self._backlog -= outgoing.size
                 self._outbox.task_done()
+            await asyncio.sleep(0)  # a client that takes everything at once must not keep the others waiting
 
     async def _write(self, outgoing: Outgoing) -> None:
         if self._shut or self._writer.is_closing():
             return
-        for block in _blocks(outgoing, self._frames_left()):
+        for at, block in enumerate(_blocks(outgoing, self._frames_left())):
+            if at > 0:
+                await asyncio.sleep(0)
             self._writer.write(block)
             await self._writer.drain()
         self._sent += outgoing.frames
@@ -254,17 +278,26 @@ class ClientConnection:
 
 def _blocks(outgoing: Outgoing, frames_left: int | None) -> Iterator[bytes]:
     """The writes that send it: one per frame, or one for all, or many small frames to a block, or pieces."""
-    parts = outgoing.parts if frames_left is None else outgoing.parts[:frames_left]
+    parts = islice(chain(outgoing.parts, outgoing.burst), frames_left)
     if outgoing.chunk is not None:
-        whole = b"".join(parts)
-        yield from (whole[at : at + outgoing.chunk] for at in range(0, len(whole), outgoing.chunk))
+        yield from _pieces(parts, outgoing.chunk)
         return
     if outgoing.together:
-        yield b"".join(parts)
-        return
-    if len(parts) < 100:
-        yield from parts
-        return
+        yield b"".join(islice(parts, len(outgoing.parts)))
+    yield from parts if outgoing.frames < 100 else _filled(parts)
+
+
+def _pieces(parts: Iterable[bytes], size: int) -> Iterator[bytes]:
+    rest = bytearray()
+    for part in parts:
+        rest += part
+        while len(rest) >= size:
+            yield bytes(rest[:size])
+            del rest[:size]
+    yield bytes(rest)
+
+
+def _filled(parts: Iterable[bytes]) -> Iterator[bytes]:
     block = bytearray()
     for part in parts:
         block += part

@@ -6,8 +6,9 @@ connection then carries it out. So what goes wrong is decided in one place and c
 
 from __future__ import annotations
 
-from collections.abc import Callable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping
 from dataclasses import dataclass, field, replace
+from itertools import chain
 from typing import Any, Final, Literal, Protocol
 
 from . import frames
@@ -16,7 +17,7 @@ from .frames import MajorError, MinorError
 Ending = Literal["half-close", "reset", "close"]
 Moment = Literal["instead", "middle", "after"]
 
-NotificationMaker = Callable[[int | None, int, int | None], Sequence[bytes]]
+NotificationMaker = Callable[[int | None, int, int | None], Iterable[bytes]]
 """Makes notification frames: of which command (None: the one that is answered), how many, of which payload
 size.
 """
@@ -37,6 +38,8 @@ class Answer:
     together: bool = False
     ahead: tuple[bytes, ...] = ()
     behind: tuple[bytes, ...] = ()
+    burst: Iterable[bytes] = ()
+    burst_count: int = 0
     frame: bytes | None = None
     ending: tuple[Ending, Moment] | None = None
     silent: bool = False
@@ -224,8 +227,8 @@ class Burst:
     size: int | None
 
     def apply(self, answer: Answer) -> Answer:
-        made = tuple(answer.make_notifications(self.command, self.count, self.size))
-        return replace(answer, behind=answer.behind + made)
+        made = answer.make_notifications(self.command, self.count, self.size)
+        return replace(answer, burst=chain(answer.burst, made), burst_count=answer.burst_count + self.count)
 
 
 CORRUPT_PARTS: Final = ("protocol", "version", "type", "header_length")

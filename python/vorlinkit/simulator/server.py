@@ -5,7 +5,8 @@ from __future__ import annotations
 import asyncio
 import errno
 import os
-from collections.abc import Callable, Sequence
+from collections.abc import Callable, Iterable, Sequence
+from itertools import repeat
 from typing import Any
 
 from vorlinkit.catalogue import Catalogue
@@ -116,9 +117,11 @@ class SimulatorServer:
                 definition = self.machine.command_with_id(command)
                 if definition is None:
                     raise ScenarioError(f"there is no command {name}")
-                connection.send_unsolicited([self.machine.notification(definition, words)] * count)
+                made: Iterable[bytes] = repeat(self.machine.notification(definition, words), count)
+                connection.send_unsolicited(made, count)
             else:
-                connection.send_unsolicited(maker(self.machine, connection.client)(command, count, size))
+                made = maker(self.machine, connection.client)(command, count, size)
+                connection.send_unsolicited(made, count)
 
     def _control_end(self, how: Any, text: str) -> None:
         only = parse_text(text).get("connection")
