@@ -9,6 +9,7 @@ from typing import cast
 import pytest
 from conftest import Bench
 from vorlinkit.simulator import frames
+from vorlinkit.simulator.clock import LATEST, Clock
 from vorlinkit.simulator.frames import MajorError
 from vorlinkit.simulator.records import Record
 
@@ -90,9 +91,13 @@ def test_clock(bench: Bench) -> None:
     assert peer.ask("GetServerTime") == {"Timestamp": 1000}
     other.ask("GetServerTimeWithNotifications", NotificationLevel=1)
     assert other.notification("GetServerTimeWithNotifications") == {"Timestamp": 1000}
-    assert peer.ask("SetServerTime", Timestamp=1 << 40)["CommandError"] == 0
-    assert other.notification("GetServerTimeWithNotifications") == {"Timestamp": 1 << 40}
-    assert peer.ask("GetServerTime") == {"Timestamp": 1 << 40}
+    for late in ((1 << 53) + 1, LATEST):
+        assert peer.ask("SetServerTime", Timestamp=late)["CommandError"] == 0
+        assert other.notification("GetServerTimeWithNotifications") == {"Timestamp": late}
+        assert peer.ask("GetServerTime") == {"Timestamp": late}
+    running = Clock()
+    running.set(LATEST)
+    assert running.now() == LATEST
 
 
 def test_identity(bench: Bench) -> None:

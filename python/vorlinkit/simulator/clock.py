@@ -5,6 +5,10 @@ choice.
 from __future__ import annotations
 
 import time
+from typing import Final
+
+LATEST: Final = (1 << 64) - 1
+"""Where the clock stops: it travels as 64 bits."""
 
 
 class Clock:
@@ -12,15 +16,16 @@ class Clock:
 
     def __init__(self, standing_at: int | None = None) -> None:
         self._standing = standing_at is not None
-        self._base = time.time() if standing_at is None else float(standing_at)
-        self._since = time.monotonic()
+        now = time.time()
+        self._base = int(now) if standing_at is None else standing_at
+        self._since = time.monotonic() - now % 1
 
     def now(self) -> int:
         """The machine's time."""
-        passed = 0.0 if self._standing else time.monotonic() - self._since
-        return max(0, int(self._base + passed))
+        passed = 0 if self._standing else int(time.monotonic() - self._since)
+        return min(self._base + passed, LATEST)
 
     def set(self, timestamp: int) -> None:
         """Set the machine's time; a running clock runs on from there."""
-        self._base = float(timestamp)
+        self._base = timestamp
         self._since = time.monotonic()
