@@ -12,7 +12,9 @@ from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator import SimulatorFailed, SimulatorProcess, frames
 from vorlinkit.simulator.frames import MajorError, MinorError
 from vorlinkit.simulator.misbehaviour import ACTIONS, Answer, ScenarioError, build
+from vorlinkit.simulator.options import parse
 from vorlinkit.simulator.scenario import Scenario, parse_text, read_file
+from vorlinkit.simulator.server import _why_not
 
 INFO = 11
 
@@ -225,6 +227,32 @@ def test_rules_come_and_go_while_it_runs(bench: Bench) -> None:
         peer.until_end()
 
 
+def test_mistakes_in_lines_of_control_are_named(bench: Bench) -> None:
+    simulator = bench.simulator()
+    peer = bench.peer(simulator)
+    for line, complaint in (
+        ("notify GetMotorPosition count=x", "count is a whole number from 1 to 4294967295, not 'x'"),
+        ("notify GetMotorPosition count=-3", "count is a whole number"),
+        ("notify GetMotorPosition size=-1", "size is a whole number from 0"),
+        ("notify GetMotorPosition size=4 ActualMotorPosition=1", "say either size or ActualMotorPosition"),
+        ("notify GetMotorPosition connection=x", "connection is a whole number from 1"),
+        ("notify GetMotorPosition connection=7", "connection 7 is not open"),
+        ("notify GetMotorPosition Nope=1", "'Nope' is not known here"),
+        ("notify GetMotorPosition ActualMotorPosition=99999", "does not take '99999'"),
+        ("notify GetStatistics StatisticsID=250", "does not take '250'"),
+        ("notify GetMachineInfo", "GetMachineInfo has no notification"),
+        ("notify 9999", "9999 has no notification"),
+        ("notify Nope", "there is no command 'Nope'"),
+        ("close nonsense", "'nonsense' is not known here"),
+        ("clear-rules now", "'now' is not known here"),
+        ("rule command=007 delay=99999999999", "delay is a whole number"),
+    ):
+        with pytest.raises(SimulatorFailed, match=complaint):
+            simulator.control(line)
+    simulator.control("notify GetServerStatus DetailedStatus=5 count=2 connection=1")
+    assert [peer.notification("GetServerStatus")["DetailedStatus"] for _ in range(2)] == ["5", "5"]
+
+
 def test_a_client_that_floods_and_does_not_read_holds_up_nobody(bench: Bench) -> None:
     simulator = bench.simulator("--blob-size", "250000")
     flood, other = bench.peer(simulator), bench.peer(simulator)
@@ -269,6 +297,18 @@ def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
         ("burst=5 of=GetNothing", "there is no command 'GetNothing'"),
         ("silent delay=5", "'delay' is not known here"),
         ("drop_on_accept=gently", "drop_on_accept"),
+        ("wrong_command_id=70000", "from 0 to 65535"),
+        ("command_error=99999", "from 0 to 65535"),
+        ("major_error=99999999999", "from 1 to 4294967295"),
+        ("minor_error=ControlBlocked,4294967296", "from 1 to 4294967295"),
+        pytest.param(f"delay={'9' * 400}", "from 0 to 4294967295", id="long delay"),
+        ("burst=1 size=4294967295", "size is a whole number from 0 to"),
+        ("no_answer=false delay=1", "no_answer is true"),
+        ("silent=1", "silent is true"),
+        ("silent=false", "silent is true"),
+        ("delay=5 size=3", "size says something of a burst"),
+        ("delay=5 of=11", "of says something of a burst"),
+        ("from=5 to=3 delay=1", "to=3 comes before from=5"),
     ],
 )
 def test_mistakes_in_rules_are_named(catalogue: Catalogue, rule: str, complaint: str) -> None:
@@ -282,6 +322,7 @@ def test_mistakes_in_rules_are_named(catalogue: Catalogue, rule: str, complaint:
     [
         ("x = [", "is not TOML"),
         ("x = 1", "has no rules"),
+        pytest.param("x = " + "[" * 5000, "is not TOML", id="deeply nested"),
         ("y = 1\n[[rule]]\nsplit = true", "unknown entry 'y'"),
     ],
 )
@@ -309,6 +350,18 @@ def test_a_stream_of_nonsense_ends_the_connection(bench: Bench) -> None:
     except ConnectionResetError:
         pass  # what it had not read yet makes the end of the connection a reset
     simulator.wait_for("closed", connection=1)
+
+
+def test_a_host_that_is_not_known_is_said_in_plain_words() -> None:
+    error = socket.gaierror(socket.EAI_NONAME, "Name or service not known")
+    assert _why_not("nohost", 1, error) == "Cannot listen on nohost: Name or service not known."
+
+
+@pytest.mark.parametrize("option", ["--clock", "--notify-every", "--motor-interval", "--blob-size"])
+def test_options_have_bounds(option: str, capsys: pytest.CaptureFixture[str]) -> None:
+    with pytest.raises(SystemExit):
+        parse([option, "9" * 400])
+    assert "is not a whole number from 0 to" in capsys.readouterr().err
 
 
 def test_port_in_use_is_said_in_plain_words(catalogue: Catalogue) -> None:

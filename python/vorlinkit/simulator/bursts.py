@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator
+from collections.abc import Iterable, Iterator, Mapping
 from itertools import repeat
 
-from vorlinkit.catalogue import Command
+from vorlinkit.catalogue import Command, ScalarField, VariantField
 
 from . import frames
 from .machine import Machine, Reply
-from .misbehaviour import NotificationMaker
+from .misbehaviour import NotificationMaker, ScenarioError
+from .records import Record, Variant
+from .scenario import known_words, plain_value
 from .subscriptions import Client
 
 OF_NOTHING_ELSE = "RegisterForExclusiveControlNotifications"
@@ -40,6 +42,24 @@ def numbered(command_id: int, count: int, size: int) -> Iterator[bytes]:
     filler = bytes(max(0, size - 4))
     for at in range(count):
         yield frames.notification(command_id, (at.to_bytes(4, "big") + filler) if size >= 4 else bytes(size))
+
+
+def notification_of(machine: Machine, command: Command, words: Mapping[str, str]) -> bytes:
+    """A notification with the values of words ``Field=VALUE``, which have to fit its layout."""
+    fields = command.notification.fields if command.notification is not None else ()
+    kinds: dict[str, str] = {one.on: "u8" for one in fields if isinstance(one, VariantField)}
+    kinds |= {one.key: one.kind for one in fields if isinstance(one, ScalarField)}
+    known_words(words, tuple(kinds))
+    values: Record = {
+        key: word if kinds[key] in ("string", "uuid") else plain_value(word)  # type: ignore[misc]
+        for key, word in words.items()
+    }
+    made = machine.plausible.complete(fields, values)
+    variants = [one.fields for one in made.values() if isinstance(one, Variant)]
+    for key, value in values.items():
+        if not any(one.get(key) == value for one in (made, *variants)):
+            raise ScenarioError(f"{key} does not take {words[key]!r}")
+    return machine.notification(command, values)
 
 
 def _command(machine: Machine, client: Client, reply: Reply | None, command_id: int | None) -> Command | None:

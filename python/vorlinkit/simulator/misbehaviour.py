@@ -252,69 +252,75 @@ ACTIONS: Final = (
     "burst",
 )
 """The names of the misbehaviours in a rule, in the order in which they change an answer."""
+MOST_AT_ONCE: Final = 1_000_000
+"""How many frames may leave with one answer, other than a burst."""
+LARGEST_PAYLOAD: Final = 1 << 28
+"""How many bytes one frame may hold."""
 
 
 def build(action: str, value: object, rule: Mapping[str, Any]) -> Misbehaviour:
     """The misbehaviour that a rule names; ``rule`` holds what else the rule says."""
     if action == "delay":
-        return Delay(_number(action, value, 0))
+        return Delay(whole_number(action, value, 0))
     if action == "no_answer":
-        _yes(action, value)
+        only_true(action, value)
         return NoAnswer()
     if action == "wrong_command_id":
-        return WrongCommandId(None if value is True else _number(action, value, 0))
+        return WrongCommandId(None if value is True else whole_number(action, value, 0, 0xFFFF))
     if action == "duplicate":
-        return Duplicate(1 if value is True else _number(action, value, 1))
+        return Duplicate(1 if value is True else whole_number(action, value, 1, MOST_AT_ONCE))
     if action == "major_error":
         return SetMajorError(_flags(action, value, MajorError))
     if action == "minor_error":
         return SetMinorError(_flags(action, value, MinorError))
     if action == "command_error":
-        return SetCommandError(_number(action, value, 0) & 0xFFFF)
+        return SetCommandError(whole_number(action, value, 0, 0xFFFF))
     if action == "split":
-        return Split(1 if value is True else _number(action, value, 1))
+        return Split(1 if value is True else whole_number(action, value, 1))
     if action == "glued":
-        return Glued(1 if value is True else _number(action, value, 1))
+        return Glued(1 if value is True else whole_number(action, value, 1, MOST_AT_ONCE))
     if action == "junk":
         return Junk(_junk(value))
     if action == "short_payload":
-        return ShortPayload(1 if value is True else _number(action, value, 1))
+        return ShortPayload(1 if value is True else whole_number(action, value, 1))
     if action == "announce":
-        return AnnouncedLength(1000 if value is True else _number(action, value, 1))
+        return AnnouncedLength(1000 if value is True else whole_number(action, value, 1))
     if action == "corrupt":
         if value not in CORRUPT_PARTS:
             raise ScenarioError(f"corrupt is one of {', '.join(CORRUPT_PARTS)}, not {value!r}")
         return Corrupt(str(value))
     if action == "burst":
-        size = rule.get("size")
-        return Burst(
-            _number(action, value, 0), rule.get("of"), None if size is None else _number("size", size, 0)
-        )
+        return Burst(whole_number(action, value, 0), rule.get("of"), payload_size(rule.get("size")))
     return End(_ENDINGS[action], _moment(action, value))
 
 
 _ENDINGS: Final[Mapping[str, Ending]] = {"half_close": "half-close", "close": "close", "reset": "reset"}
 
 
-def _yes(action: str, value: object) -> None:
+def only_true(action: str, value: object) -> None:
     if value is not True:
         raise ScenarioError(f"{action} is true or left out, not {value!r}")
 
 
-def _number(action: str, value: object, least: int) -> int:
-    if isinstance(value, bool) or not isinstance(value, int) or value < least:
-        raise ScenarioError(f"{action} is a whole number from {least}, not {value!r}")
+def whole_number(name: str, value: object, least: int, most: int = 0xFFFFFFFF) -> int:
+    """A number of a rule or of a line of control; raises ScenarioError for anything else."""
+    if isinstance(value, bool) or not isinstance(value, int) or not least <= value <= most:
+        raise ScenarioError(f"{name} is a whole number from {least} to {most}, not {value!r}")
     return value
 
 
+def payload_size(value: object) -> int | None:
+    return None if value is None else whole_number("size", value, 0, LARGEST_PAYLOAD)
+
+
 def _flags(action: str, value: object, kind: type[MajorError] | type[MinorError]) -> int:
-    names = value if isinstance(value, list) else [value]
+    names = value if isinstance(value, list) and value else [value]
     flags = 0
     for name in names:
         if isinstance(name, str) and name in kind.__members__:
             flags |= kind[name]
         else:
-            flags |= _number(f"{action} (a number or one of {', '.join(kind.__members__)})", name, 1)
+            flags |= whole_number(f"{action} (a number or one of {', '.join(kind.__members__)})", name, 1)
     return flags
 
 
@@ -326,7 +332,7 @@ def _junk(value: object) -> bytes:
             return bytes.fromhex(value.removeprefix("hex:"))
         except ValueError:
             raise ScenarioError(f"junk is a number of bytes or hex:DIGITS, not {value!r}") from None
-    count = _number("junk", value, 1)
+    count = whole_number("junk", value, 1, LARGEST_PAYLOAD)
     return (b"no frame " * (count // 9 + 1))[:count]
 
 

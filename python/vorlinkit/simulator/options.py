@@ -3,14 +3,19 @@
 from __future__ import annotations
 
 import argparse
-from collections.abc import Sequence
+import re
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Final
 
+from .clock import LATEST
 from .machine import MachineOptions
+from .misbehaviour import LARGEST_PAYLOAD
 
 DEFAULT_PORT: Final = 50713
+LONGEST_WAIT: Final = 0xFFFFFFFF
+"""Milliseconds."""
 
 _EPILOGUE: Final = """\
 What the simulator checks of a request, and the flags of majorError that it answers with:
@@ -104,17 +109,34 @@ def _parser() -> argparse.ArgumentParser:
         action="store_true",
         help="refuse requests of clients that have not asked for an id",
     )
-    add("--notify-every", type=_count, default=0, metavar="MS", help="repeat every subscribed notification")
+    add(
+        "--notify-every",
+        type=_up_to(LONGEST_WAIT),
+        default=0,
+        metavar="MS",
+        help="repeat every subscribed notification",
+    )
     add("--notify-on-change-only", action="store_true", help="no notification just for having subscribed")
     add(
         "--motor-interval",
-        type=_count,
+        type=_up_to(LONGEST_WAIT),
         default=50,
         metavar="MS",
         help="time between two motor steps (default 50)",
     )
-    add("--clock", type=_count, metavar="SECONDS", help="have the machine's clock stand still at this time")
-    add("--blob-size", type=_count, default=64, metavar="BYTES", help="size of captured frames (default 64)")
+    add(
+        "--clock",
+        type=_up_to(LATEST),
+        metavar="SECONDS",
+        help="have the machine's clock stand still at this time",
+    )
+    add(
+        "--blob-size",
+        type=_up_to(LARGEST_PAYLOAD),
+        default=64,
+        metavar="BYTES",
+        help="size of captured frames (default 64)",
+    )
     add(
         "--prefer",
         action="append",
@@ -137,7 +159,10 @@ def _port(text: str) -> int:
     raise argparse.ArgumentTypeError(f"{text!r} is not a port (0 to 65535)")
 
 
-def _count(text: str) -> int:
-    if text.isdigit():
-        return int(text)
-    raise argparse.ArgumentTypeError(f"{text!r} is not a whole number from 0")
+def _up_to(most: int) -> Callable[[str], int]:
+    def number(text: str) -> int:
+        if re.fullmatch("[0-9]{1,20}", text) and int(text) <= most:
+            return int(text)
+        raise argparse.ArgumentTypeError(f"{text!r} is not a whole number from 0 to {most}")
+
+    return number

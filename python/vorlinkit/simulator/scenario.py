@@ -12,7 +12,7 @@ from typing import Any, Final
 
 from vorlinkit.catalogue import Catalogue
 
-from .misbehaviour import ACTIONS, Answer, Misbehaviour, ScenarioError, build
+from .misbehaviour import ACTIONS, Answer, Misbehaviour, ScenarioError, build, only_true, whole_number
 
 _WHEN: Final = ("command", "request", "from", "to", "connection")
 _BESIDE: Final = ("size", "of")
@@ -94,7 +94,7 @@ def read_file(path: Path) -> Sequence[Mapping[str, Any]]:
     try:
         text = data.decode("utf-8")
         content = json.loads(text) if path.suffix == ".json" else tomllib.loads(text)
-    except ValueError as error:
+    except (ValueError, RecursionError) as error:
         raise ScenarioError(
             f"the scenario {path} is not {'JSON' if path.suffix == '.json' else 'TOML'}: {error}"
         ) from error
@@ -111,19 +111,24 @@ def read_file(path: Path) -> Sequence[Mapping[str, Any]]:
 
 def parse_text(text: str) -> Mapping[str, Any]:
     """A rule as words, ``command=11 request=2 delay=500``; a word without a value means true."""
-    table: dict[str, Any] = {}
-    for word in text.split():
-        key, equals, value = word.partition("=")
-        table[key] = _value(value) if equals else True
-    return table
+    return {key: plain_value(value) for key, value in words_of(text).items()}
 
 
-def _value(text: str) -> object:
+def words_of(text: str) -> dict[str, str]:
+    """Words of ``key=value``, with the values as they stand."""
+    parted = (word.partition("=") for word in text.split())
+    return {key: value if equals else "true" for key, equals, value in parted}
+
+
+def plain_value(text: str) -> object:
+    """What a word means: true or false, a number, a list of such, or else the text that it is."""
     if text in ("true", "false"):
         return text == "true"
-    if re.fullmatch(r"\d+|0x[0-9A-Fa-f]+", text):
-        return int(text, 0)
-    return [_value(part) for part in text.split(",")] if "," in text else text
+    if re.fullmatch(r"[0-9]{1,20}", text):
+        return int(text)
+    if re.fullmatch(r"0x[0-9A-Fa-f]{1,16}", text):
+        return int(text, 16)
+    return [plain_value(part) for part in text.split(",")] if "," in text else text
 
 
 def _plain(value: object) -> str:
@@ -133,38 +138,43 @@ def _plain(value: object) -> str:
 
 
 def _rule(text: str, table: Mapping[str, Any], catalogue: Catalogue) -> Rule:
-    _known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
+    known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
+    for word in _BESIDE:
+        if word in table and "burst" not in table:
+            raise ScenarioError(f"{word} says something of a burst, and there is none")
     if "of" in table:
-        table = {**table, "of": _command_id(table["of"], catalogue)}
-    actions = tuple(
-        build(name, table[name], table) for name in ACTIONS if table.get(name, False) is not False
-    )
+        table = {**table, "of": command_id(table["of"], catalogue)}
+    actions = tuple(build(name, table[name], table) for name in ACTIONS if name in table)
     if not actions:
         raise ScenarioError(f"it does nothing; say one of {', '.join((*ACTIONS, *_CONNECTION_ACTIONS))}")
     first, last = _bounds(table)
     return Rule(
-        text, _command_id(table.get("command"), catalogue), _count(table, "connection"), first, last, actions
+        text, command_id(table.get("command"), catalogue), _count(table, "connection"), first, last, actions
     )
 
 
 def _connection_rule(text: str, table: Mapping[str, Any]) -> ConnectionRule:
-    _known_words(table, ("connection", *_CONNECTION_ACTIONS))
+    known_words(table, ("connection", *_CONNECTION_ACTIONS))
+    if "silent" in table:
+        only_true("silent", table["silent"])
     drop = table.get("drop_on_accept", "")
-    if drop not in ("", "close", "reset"):
+    if "drop_on_accept" in table and drop not in ("close", "reset"):
         raise ScenarioError(f'drop_on_accept is "close" or "reset", not {drop!r}')
     return ConnectionRule(
         text=text,
         connection=_count(table, "connection"),
-        silent=table.get("silent", False) is True,
+        silent="silent" in table,
         drop_on_accept=drop,
         drop_after=_count(table, "drop_after"),
     )
 
 
-def _known_words(table: Mapping[str, Any], words: Sequence[str]) -> None:
+def known_words(table: Mapping[str, Any], words: Sequence[str]) -> None:
+    """Raises ScenarioError for a word that is none of these."""
     unknown = [key for key in table if key not in words]
     if unknown:
-        raise ScenarioError(f"{unknown[0]!r} is not known here; the words are {', '.join(words)}")
+        known = f"the words are {', '.join(words)}" if words else "nothing follows"
+        raise ScenarioError(f"{unknown[0]!r} is not known here; {known}")
 
 
 def _bounds(table: Mapping[str, Any]) -> tuple[int, int | None]:
@@ -173,17 +183,18 @@ def _bounds(table: Mapping[str, Any]) -> tuple[int, int | None]:
         if "from" in table or "to" in table:
             raise ScenarioError("say either request, or from and to")
         return nth, nth
-    return _count(table, "from") or 1, _count(table, "to")
+    first, last = _count(table, "from") or 1, _count(table, "to")
+    if last is not None and last < first:
+        raise ScenarioError(f"to={last} comes before from={first}")
+    return first, last
 
 
 def _count(table: Mapping[str, Any], key: str) -> int | None:
-    value = table.get(key)
-    if value is not None and (isinstance(value, bool) or not isinstance(value, int) or value < 1):
-        raise ScenarioError(f"{key} is a whole number from 1, not {value!r}")
-    return value
+    return whole_number(key, table[key], 1) if key in table else None
 
 
-def _command_id(value: object, catalogue: Catalogue) -> int | None:
+def command_id(value: object, catalogue: Catalogue) -> int | None:
+    """The id of a command by its name or its id, also of one that the catalogue does not have."""
     if value is None:
         return None
     if isinstance(value, int) and not isinstance(value, bool) and 0 <= value <= 0xFFFF:

@@ -5,20 +5,21 @@ from __future__ import annotations
 import asyncio
 import errno
 import os
-from collections.abc import Callable, Iterable, Sequence
+import socket
+from collections.abc import Callable, Mapping, Sequence
 from itertools import repeat
 from typing import Any
 
 from vorlinkit.catalogue import Catalogue
 
-from .bursts import maker
+from .bursts import notification_of, numbered
 from .clock import Clock
 from .connection import ClientConnection
 from .events import EventLog
 from .machine import Machine
-from .misbehaviour import ScenarioError
+from .misbehaviour import ScenarioError, payload_size, whole_number
 from .options import Options
-from .scenario import Scenario, parse_text
+from .scenario import Scenario, command_id, known_words, parse_text, plain_value, words_of
 
 STOP_PATIENCE = 1.0
 """How many seconds clients get to take their last notifications when the simulator stops."""
@@ -49,7 +50,7 @@ class SimulatorServer:
         host, port = self._options.host, self._options.port
         try:
             self._server = await asyncio.start_server(self._accept, host, port, limit=1 << 20)
-        except OSError as error:
+        except (OSError, UnicodeError) as error:
             raise ListenError(_why_not(host, port, error)) from error
         self.machine.motion_wanted = self._moving.set
         self._background(self._move_motors())
@@ -88,46 +89,57 @@ class SimulatorServer:
             "close": lambda text: self._control_end("close", text),
             "reset": lambda text: self._control_end("reset", text),
             "half-close": lambda text: self._control_end("half-close", text),
-            "stop": lambda text: self.stop(),
+            "stop": self._control_stop,
         }
         try:
             if word not in actions:
                 raise ScenarioError(f"{word!r} is not known here; the words are {', '.join(actions)}")
             actions[word](rest)
             self._events("done", line=line.strip())
-        except (ScenarioError, KeyError, ValueError) as error:
+        except ScenarioError as error:
             self._events("refused", line=line.strip(), reason=str(error))
 
     def _control_rule(self, text: str) -> None:
         self._scenario.add(parse_text(text), self.catalogue)
 
     def _control_clear_rules(self, text: str) -> None:
+        known_words(words_of(text), ())
         self._scenario.rules.clear()
         self._scenario.connection_rules.clear()
 
+    def _control_stop(self, text: str) -> None:
+        known_words(words_of(text), ())
+        self.stop()
+
     def _control_notify(self, text: str) -> None:
         name, _, rest = text.partition(" ")
-        words: dict[str, Any] = dict(parse_text(rest))
-        count, size, only = words.pop("count", 1), words.pop("size", None), words.pop("connection", None)
-        command = int(name) if name.isdigit() else self.catalogue.named(name).id
-        for number, connection in list(self._connections.items()):
-            if only not in (None, number):
-                continue
-            if words:
-                definition = self.machine.command_with_id(command)
-                if definition is None:
-                    raise ScenarioError(f"there is no command {name}")
-                made: Iterable[bytes] = repeat(self.machine.notification(definition, words), count)
-                connection.send_unsolicited(made, count)
-            else:
-                made = maker(self.machine, connection.client)(command, count, size)
-                connection.send_unsolicited(made, count)
+        words = words_of(rest)
+        own = {key: plain_value(words.pop(key)) for key in ("count", "size", "connection") if key in words}
+        count, size = whole_number("count", own.get("count", 1), 1), payload_size(own.get("size"))
+        command = self.machine.command_with_id(command_id(plain_value(name), self.catalogue) or 0)
+        if command is None or command.notification is None:
+            raise ScenarioError(f"{name} has no notification")
+        if words and size is not None:
+            raise ScenarioError(f"say either size or {next(iter(words))}")
+        frame = notification_of(self.machine, command, words)
+        for connection in self._connections_meant(own):
+            made = repeat(frame, count) if size is None else numbered(command.id, count, size)
+            connection.send_unsolicited(made, count)
 
     def _control_end(self, how: Any, text: str) -> None:
-        only = parse_text(text).get("connection")
-        for number, connection in list(self._connections.items()):
-            if only in (None, number):
-                connection.end(how)
+        table = parse_text(text)
+        known_words(table, ("connection",))
+        for connection in self._connections_meant(table):
+            connection.end(how)
+
+    def _connections_meant(self, table: Mapping[str, Any]) -> Sequence[ClientConnection]:
+        """The connection that a line names, or else all."""
+        if "connection" not in table:
+            return list(self._connections.values())
+        number = whole_number("connection", table["connection"], 1)
+        if number not in self._connections:
+            raise ScenarioError(f"connection {number} is not open")
+        return [self._connections[number]]
 
     async def _accept(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         task = asyncio.current_task()
@@ -163,7 +175,9 @@ class SimulatorServer:
             self.machine.report_all()
 
 
-def _why_not(host: str, port: int, error: OSError) -> str:
+def _why_not(host: str, port: int, error: OSError | UnicodeError) -> str:
+    if isinstance(error, (UnicodeError, socket.gaierror)):
+        return f"Cannot listen on {host}: {getattr(error, 'strerror', 'this is not the name of a host')}."
     if error.errno == errno.EADDRINUSE:
         return (
             f"Port {port} on {host} is already in use, perhaps by another simulator. "
