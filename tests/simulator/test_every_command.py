@@ -44,6 +44,14 @@ NUMBERS = {
     "CameraPosition": 1,
     "Side": 1,
 }
+TASKS = set(
+    "AbortRemoteUpdate Calibrate CaptureFrame CaptureFrameDorvex CaptureFrameEx CaptureFrameSequence "
+    "CaptureHistogram CaptureMultipleHistograms EnableLampTestMode EnableLightingStrip GetDataDump "
+    "GrabObjects RecallMode RequestTestWipe ResetToCalibrationDefaults RestoreConfigurationFromBackup "
+    "SetReverseSortState StartCapturableSignals StartEjectorTest StartSequentialLampTest StopEjectorTest "
+    "UpdateUsingPackage".split()
+)
+"""What reports on itself, also where subscriptions are not confirmed."""
 REFUSED = {"ReleaseExclusiveControl": 2, "StopRemoteAccess": 1}
 """What a client that has just connected may not do."""
 
@@ -100,6 +108,16 @@ def test_every_command_is_answered_and_every_subscription_confirmed(catalogue: c
         if command.notification is not None and command.name not in ON_EVENT_ONLY:
             told = list(talk.notifications(command))
             assert told, f"{command.name}: {response}"
+
+
+def test_on_change_only_tasks_still_report(catalogue: catalogues.Catalogue) -> None:
+    told = set()
+    for command in catalogue.commands:
+        talk = Talk(catalogue, command.name)
+        talk.machine.options = MachineOptions(notify_at_once=False)
+        talk.ask(command, **NAMES, **DEVICE, **NUMBERS)
+        told |= {command.name} if talk.delivered else set()
+    assert told == TASKS
 
 
 def test_the_rest_is_told_when_it_happens(catalogue: catalogues.Catalogue) -> None:

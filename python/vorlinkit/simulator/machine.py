@@ -208,9 +208,11 @@ class Machine:
             return
         if level is not None:
             subscribe(client, command, reply.request)
-        if self.options.notify_at_once and command.name not in self._own_notifications:
-            for stage in course(command):
-                client.deliver(self.notification(command, stage, reply.known, reply.request, reply.response))
+        only_asked = level is not None and _QUESTION.match(command.name)
+        if command.name in self._own_notifications or (only_asked and not self.options.notify_at_once):
+            return
+        for stage in course(command):
+            client.deliver(self.notification(command, stage, reply.known, reply.request, reply.response))
 
     def notification(self, command: Command, *known: Known) -> bytes:
         """A whole notification frame of a command, completed from what is known."""
@@ -269,7 +271,8 @@ class Machine:
         client.deliver(self.notification(command, extra, known, request, response))
 
 
-_QUESTION: Final = re.compile(r"(Get|Is|Read)[A-Z]")
+_QUESTION: Final = re.compile(r"(?!GetDataDump$)(Get|Is|Read)[A-Z]|.*Notifications?$")
+"""Commands that ask or subscribe and change nothing. A data dump is made when it is asked for."""
 _OPEN_TO_ALL: Final = (
     "GetClientId",
     "NoOpCommand",
