@@ -7,11 +7,12 @@ import subprocess
 import sys
 from collections.abc import Iterator
 from pathlib import Path
+from typing import cast
 
 import pytest
 from conftest import ROOT, Bench
 from vorlinkit import catalogue as catalogues
-from vorlinkit.catalogue import Command
+from vorlinkit.catalogue import Command, ScalarField
 from vorlinkit.simulator import coder, frames
 from vorlinkit.simulator.clock import Clock
 from vorlinkit.simulator.machine import Machine, MachineOptions
@@ -194,6 +195,19 @@ def test_what_is_set_shows_in_lists(catalogue: catalogues.Catalogue) -> None:
     talk.ask(catalogue.named("SetFaultStatus"), FaultID=second["FaultID"], FaultStatus=7)  # type: ignore[index,call-overload,arg-type]
     _, after = talk.ask(faults, NotificationLevel=0)
     assert [one["FaultStatus"] for one in after["listOfFaults"]] == [1, 7]  # type: ignore[union-attr,index,call-overload]
+    constraints = {"Division": "D1", "ColumnName": "Column2", "State": 7}
+    talk.ask(catalogue.named("ModifyConstraintColumn"), **constraints)  # type: ignore[arg-type]
+    _, shapes = talk.ask(catalogue.named("GetShapeConstraints"), Division="D1")
+    columns = [(one["State"], one["listOfConstraints"][0]["State"]) for one in shapes["listOfColumns"]]  # type: ignore[union-attr,index,call-overload]
+    assert columns == [(1, 1), (7, 1)]
+
+
+@pytest.mark.parametrize("names", ["MinimumValue MaximumValue", "Minimum Maximum", "LowestStep HighestStep"])
+def test_a_made_up_value_lies_within_its_limits(names: str) -> None:
+    low, high = names.split()
+    fields = [ScalarField(key, key, "u16", "") for key in (low, "CurrentValue", high)]
+    record = cast("dict[str, int]", Plausible(lambda: 0).complete(fields))
+    assert record[low] < record["CurrentValue"] <= record[high]
 
 
 def test_both_layouts_of_a_shared_id(catalogue: catalogues.Catalogue) -> None:

@@ -215,6 +215,18 @@ def test_feeders_and_other_pairs_are_remembered_from_their_layouts(bench: Bench)
     assert peer.ask("GetWiperInterval", NotificationLevel=0)["WiperInterval"] == 600
 
 
+def test_disabled_objects_are_listed_and_told(bench: Bench) -> None:
+    simulator = bench.simulator("--notify-on-change-only")
+    peer, watcher = bench.peer(simulator), bench.peer(simulator)
+    watcher.ask("GetDisabledSystemObjects", NotificationLevel=1)
+    for enable, left in ((0, ["Lamp3"]), (0, ["Lamp3"]), (1, [])):
+        peer.ask("EnableDisableSystemObject", SystemObjectID="Lamp3", Enable=enable)
+        listed = peer.ask("GetDisabledSystemObjects", NotificationLevel=0)["listOfSystemObjects"]
+        assert [one["SystemObjectID"] for one in cast("list[Record]", listed)] == left
+    told = [watcher.notification("GetDisabledSystemObjects") for _ in range(2)]
+    assert [(one["SystemObjectID"], one["ListAction"]) for one in told] == [("Lamp3", 1), ("Lamp3", 3)]
+
+
 def test_server_status_is_told_at_the_end(bench: Bench) -> None:
     simulator = bench.simulator()
     peer = bench.peer(simulator)

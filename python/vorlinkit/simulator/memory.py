@@ -36,7 +36,6 @@ PAIRS: Final[Mapping[str, Sequence[str]]] = {
     "SetModeAdjustmentParameter": ("GetModeAdjustmentParams",),
     "WriteParameterNodeDataProperty": ("GetParameterNodeProperty", "ParameterNodeDataChangeNotification"),
     "RequestProcessStateChange": ("GetProcessState",),
-    "EnableDisableSystemObject": ("GetDisabledSystemObjects",),
     "ForceUserFeedPreference": ("GetUserFeedPreference",),
 }
 """Setters whose getter has another name than theirs."""
@@ -119,7 +118,9 @@ class Memory:
             for item in value:
                 within = {**scope, **item}
                 for (family, address), held in self._families.items():
-                    if family == command.family and all(within.get(key) == wanted for key, wanted in address):
+                    # The last part of the address is what names the object itself, not what holds it.
+                    own = family == command.family and address[-1][0] in item
+                    if own and all(within.get(key) == wanted for key, wanted in address):
                         item.update({key: new for key, new in held.items() if key in item})
                 self.overlay(command, item, within)
 

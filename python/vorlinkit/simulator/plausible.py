@@ -42,8 +42,8 @@ _PERCENTAGES: Final = re.compile(
     r"^Percent|(Level|Rate|Percent|Percentage|Complete|Brightness|Coverage|Scope)$"
 )
 _BOUNDS: Final = (
-    (re.compile(r"^(Min|Lower|First)(?=[A-Z])"), 0),
-    (re.compile(r"^(Max|Upper|Last)(?=[A-Z])"), 100),
+    (re.compile(r"^(Min(imum)?|Lower|Lowest|First)(?=[A-Z]|$)"), 0),
+    (re.compile(r"^(Max(imum)?|Upper|Highest|Last)(?=[A-Z]|$)"), 100),
 )
 
 _TEXTS: Final[Sequence[tuple[re.Pattern[str], str]]] = tuple(
@@ -147,7 +147,7 @@ class Plausible:
             return self._clock()
         for pattern, bound in _BOUNDS:
             if pattern.search(key):
-                return bound
+                return bound if field.kind == "u8" else 10 * bound  # so that made-up values lie between
         if _SWITCHES.search(key):
             return 1
         if _ORDINALS.search(key):

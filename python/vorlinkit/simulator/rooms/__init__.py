@@ -18,6 +18,7 @@ from .modes import ModesRoom
 from .sensitivities import SensitivitiesRoom
 from .server import ServerRoom
 from .statistics import StatisticsRoom
+from .system import SystemObjectsRoom
 
 if TYPE_CHECKING:
     from ..machine import Machine, Room
@@ -35,4 +36,5 @@ def furnish(machine: Machine) -> Sequence[Room]:
         SensitivitiesRoom(machine),
         ModesRoom(machine),
         StatisticsRoom(machine),
+        SystemObjectsRoom(machine),
     )
