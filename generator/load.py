@@ -46,6 +46,8 @@ def documents(
     layers = [only or [path for path in family_files(folder, findings) if path.name != INDEX]]
     layers += [family_files(overlay, findings) for overlay in overlays]
     for path in (path for files in layers[1:] for path in files if path.name == INDEX):
-        findings.append(Finding(str(path), "the list of commands is the catalogue's; give the file another name"))
+        findings.append(
+            Finding(str(path), "the list of commands is the catalogue's; give the file another name")
+        )
     found = [read(path, layer, findings) for layer, paths in enumerate(layers) for path in paths]
     return index, [document for document in found if document]
