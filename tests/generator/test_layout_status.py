@@ -24,8 +24,6 @@ def test_the_committed_page_is_what_the_catalogue_says() -> None:
 def test_an_overlay_shows_in_the_page() -> None:
     changed = set(page(ROOT / "examples" / "overlay").splitlines()) - set(page().splitlines())
     assert "| 187 | GetEjectorRateLimit | site-confirmed | site-confirmed | - | site-confirmed |" in changed
-    by = "confirmed by Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe"
-    assert any(
-        line.startswith(f"- GetEjectorRateLimit, request and response and error rows: {by}")
-        for line in changed
-    )
+    who = "confirmed by Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe"
+    told = f"- GetEjectorRateLimit, request and response and error rows: {who}"
+    assert any(line.startswith(told) for line in changed)
