@@ -39,10 +39,18 @@ def read_request(connection):
     return fields[4], receive_exactly(connection, fields[-1])
 
 
-def echo(connection):
-    """Answers every request with its own payload."""
-    while True:
-        connection.sendall(response(*read_request(connection)))
+def echo_behind(*frames):
+    """A server that answers every request with these frames and the request's own payload."""
+
+    def play(connection):
+        while True:
+            command_id, payload = read_request(connection)
+            connection.sendall(b"".join(frames) + response(command_id, payload))
+
+    return play
+
+
+echo = echo_behind()
 
 
 def silence(connection):
@@ -108,6 +116,4 @@ def run_script(script, *arguments, timeout=20):
     """Runs a script in an interpreter of its own, with the modules of this one."""
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join([os.path.dirname(__file__), *sys.path]))
     command = [sys.executable, "-c", script, *map(str, arguments)]
-    return subprocess.run(
-        command, env=environment, capture_output=True, text=True, timeout=timeout, check=False
-    )
+    return subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout)

@@ -13,6 +13,25 @@ DEFAULTS = {
     "auto_reconnect": True,
     "access_keys": (90, 195, 30, 135),
 }
+STORED = {
+    "host": ["machine-7.plant"],
+    "port": [0, 65535],
+    "connection_timeout": [-5],
+    "request_timeout": [2**31 - 1],
+    "request_attempts": [2**32 - 1],
+    "reconnect_delay": [-(2**31)],
+    "auto_reconnect": [False],
+    "access_keys": [(1, 2, 3, 255)],
+}
+REFUSED = {
+    "host": [7, b"machine-7", "machine-\ud800"],
+    "port": [65536, -1],
+    "connection_timeout": [2**31],
+    "request_timeout": [1.5],
+    "request_attempts": [-1],
+    "reconnect_delay": [-(2**31) - 1],
+    "access_keys": [[9, 8, 7, 6], b"1234"],
+}
 
 
 def test_defaults():
@@ -21,62 +40,28 @@ def test_defaults():
     assert [name for name in vars(vorlin.SessionConfig) if not name.startswith("_")] == list(DEFAULTS)
 
 
-@pytest.mark.parametrize(
-    ("name", "value"),
-    [
-        ("host", "machine-7.plant"),
-        ("port", 0),
-        ("port", 65535),
-        ("connection_timeout", -5),
-        ("request_timeout", 2**31 - 1),
-        ("reconnect_delay", -(2**31)),
-        ("request_attempts", 2**32 - 1),
-        ("auto_reconnect", False),
-        ("access_keys", (1, 2, 3, 255)),
-    ],
-)
-def test_values_that_are_stored(name, value):
+@pytest.mark.parametrize("name", DEFAULTS)
+def test_values_that_are_stored_and_refused(name):
     config = vorlin.SessionConfig()
-    setattr(config, name, value)
-    assert getattr(config, name) == value
-
-
-@pytest.mark.parametrize(
-    ("name", "value"),
-    [
-        ("host", 7),
-        ("host", b"machine-7"),
-        ("host", "machine-\ud800"),
-        ("port", 65536),
-        ("port", -1),
-        ("connection_timeout", 2**31),
-        ("request_timeout", 1.5),
-        ("reconnect_delay", -(2**31) - 1),
-        ("request_attempts", -1),
-        ("access_keys", [9, 8, 7, 6]),
-        ("access_keys", b"1234"),
-    ],
-)
-def test_values_that_are_refused(name, value):
-    config = vorlin.SessionConfig()
-    with pytest.raises(TypeError):
+    for value in REFUSED.get(name, []):
+        with pytest.raises(TypeError):
+            setattr(config, name, value)
+        assert getattr(config, name) == DEFAULTS[name]
+    for value in STORED[name]:
         setattr(config, name, value)
-    assert getattr(config, name) == DEFAULTS[name]
+        assert getattr(config, name) == value
 
 
-@pytest.mark.parametrize("keys", [(), (9, 8, 7), (9, 8, 7, 6, 5)])
-def test_access_keys_of_another_length_are_ignored(keys):
+def test_access_keys_of_another_length_are_ignored_and_a_bad_one_keeps_those_before_it():
     config = vorlin.SessionConfig()
-    config.access_keys = keys
-    assert config.access_keys == DEFAULTS["access_keys"]
-
-
-@pytest.mark.parametrize("bad", [300, -1, 7.0, "7"])
-def test_a_bad_access_key_keeps_the_elements_before_it(bad):
-    config = vorlin.SessionConfig()
-    with pytest.raises(RuntimeError, match="^Unable to cast Python instance of type "):
-        config.access_keys = (9, 8, bad, 6)
-    assert config.access_keys == (9, 8, 30, 135)
+    for keys in ((), (9, 8, 7), (9, 8, 7, 6, 5)):
+        config.access_keys = keys
+        assert config.access_keys == DEFAULTS["access_keys"]
+    for bad in (300, -1, 7.0, "7"):
+        config = vorlin.SessionConfig()
+        with pytest.raises(RuntimeError, match="^Unable to cast Python instance of type "):
+            config.access_keys = (9, 8, bad, 6)
+        assert config.access_keys == (9, 8, 30, 135)
 
 
 @pytest.mark.parametrize(
@@ -92,9 +77,7 @@ def test_enumerations(enumeration, members):
     assert list(kind.__members__) == members
     for value, name in enumerate(members):
         member = getattr(kind, name)
-        assert int(member) == value
-        assert kind(value) == member
-        assert member.name == name
+        assert (int(member), member.name, kind(value)) == (value, name, member)
         assert getattr(vorlin, name) is member
     with pytest.raises(TypeError):
         member < member  # noqa: B015

@@ -1,20 +1,21 @@
 """A session and the process it lives in: signals, exit, fork, other interpreters."""
 
+import contextlib
 import os
 import signal
 import socket
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 import vorlinkit_python as vorlin
 from fake_server import (
     config_for,
-    connected_session,
     echo,
+    echo_behind,
     notification,
     read_request,
-    response,
     run_script,
     serving,
     silence,
@@ -25,15 +26,11 @@ from fake_server import (
 BUSY_SCRIPT = """
 import sys, threading
 import vorlinkit_python as vorlin
+from fake_server import config_for
 
 class Logger(vorlin.IVorlinLogger):
     def log(self, level, file, line, message):
         seen.append(message)
-
-def config(port):
-    config = vorlin.SessionConfig()
-    config.host, config.port, config.reconnect_delay = "127.0.0.1", port, 1
-    return config
 
 def ask(session):
     while True:
@@ -41,9 +38,9 @@ def ask(session):
 
 seen = []
 logger = Logger()
-busy, silent, lost = (vorlin.VorlinSession(config(int(port)), logger) for port in sys.argv[1:4])
 enough = threading.Event()
-for session in (busy, silent, lost):
+for port in sys.argv[1:4]:  # a busy server, a silent one, none
+    session = vorlin.VorlinSession(config_for(int(port), auto_reconnect=True, reconnect_delay=1), logger)
     session.on_frame(lambda *frame: seen.append(frame))
     session.on_connection_state_changed(lambda *change: seen.append(change))
     session.on_notification(44, lambda payload: (seen.append(payload), len(seen) > 100 and enough.set()))
@@ -53,12 +50,7 @@ for session in (busy, silent, lost):
 enough.wait()
 sys.exit(7)
 """
-
-
-def chatter(connection):
-    while True:
-        command_id, _ = read_request(connection)
-        connection.sendall(notification(44, b"x" * 50) * 5 + response(command_id))
+chatter = echo_behind(*[notification(44, b"x" * 50)] * 5)
 
 
 @pytest.mark.parametrize("turn", range(5))
@@ -73,12 +65,11 @@ def test_a_script_exits_at_once_and_silently(turn):
 
 
 STUCK_SCRIPT = """
-import sys, threading, time
+import sys, threading
 import vorlinkit_python as vorlin
+from fake_server import config_for
 
-config = vorlin.SessionConfig()
-config.host, config.port = "127.0.0.1", int(sys.argv[1])
-session = vorlin.VorlinSession(config)
+session = vorlin.VorlinSession(config_for(int(sys.argv[1])))
 stuck, never = threading.Event(), threading.Event()
 session.on_notification(44, lambda payload: (stuck.set(), never.wait()))
 session.connect()
@@ -109,9 +100,9 @@ def last():
 
 atexit.register(last)  # registered before the module's own step, so it runs behind it
 import vorlinkit_python as vorlin
+from fake_server import config_for
 
-config = vorlin.SessionConfig()
-config.host, config.port = "127.0.0.1", int(sys.argv[1])
+config = config_for(int(sys.argv[1]))
 session = vorlin.VorlinSession(config)
 session.connect()
 atexit.register(lambda: print(session.send(1, b"still here")))
@@ -136,44 +127,45 @@ def interrupt(*_):
     raise Interrupted
 
 
+@contextlib.contextmanager
+def deaf_port():
+    """The port of a listener whose backlog is full; it drops further attempts, so that connect has to wait."""
+    with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(0)
+        for filler in (first, second):
+            filler.setblocking(False)
+            filler.connect_ex(listener.getsockname())
+        yield listener.getsockname()[1]
+
+
 @pytest.mark.parametrize("method", ["send", "connect"])
 def test_a_signal_ends_a_wait(method):
     earlier = signal.signal(signal.SIGUSR1, interrupt)
     timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGUSR1))
     try:
-        if method == "send":
-            with connected_session(silence) as session:
-                started = time.monotonic()
-                timer.start()
-                with pytest.raises(Interrupted):
-                    session.send(1)
-        else:
-            # A listener whose backlog is full drops further attempts, so that connect has to wait.
-            with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
-                listener.bind(("127.0.0.1", 0))
-                listener.listen(0)
-                for filler in (first, second):
-                    filler.setblocking(False)
-                    filler.connect_ex(listener.getsockname())
-                session = vorlin.VorlinSession(config_for(listener.getsockname()[1]))
-                started = time.monotonic()
-                timer.start()
-                with pytest.raises(Interrupted):
-                    session.connect()
-        assert time.monotonic() - started < 0.3 + 0.2
+        with serving(silence) if method == "send" else deaf_port() as port:
+            session = vorlin.VorlinSession(config_for(port))
+            assert method == "connect" or session.connect() == (True, "")
+            started = time.monotonic()
+            timer.start()
+            with pytest.raises(Interrupted):
+                session.send(1) if method == "send" else session.connect()
+            assert time.monotonic() - started < 0.3 + 0.2
     finally:
         timer.cancel()
         signal.signal(signal.SIGUSR1, earlier)
     # The request that was given up does no harm.
+    session.disconnect()
     assert session.send(1) == (None, "Not connected")
 
 
 FORK_SCRIPT = """
 import gc, os, sys, threading
 import vorlinkit_python as vorlin
+from fake_server import config_for
 
-config = vorlin.SessionConfig()
-config.host, config.port = "127.0.0.1", int(sys.argv[1])
+config = config_for(int(sys.argv[1]), auto_reconnect=True)
 session = vorlin.VorlinSession(config)
 session.on_frame(lambda *frame: None)
 assert session.connect() == (True, "")
@@ -261,16 +253,12 @@ def test_disconnect_lets_every_waiting_thread_go():
         waiting.release()
         silence(connection)
 
-    with serving(note_first) as port:
+    with ThreadPoolExecutor(20) as threads, serving(note_first) as port:
         session = vorlin.VorlinSession(config_for(port))
         assert session.connect() == (True, "")
-        answers = []
-        senders = [threading.Thread(target=lambda: answers.append(session.send(1))) for _ in range(20)]
-        for sender in senders:
-            sender.start()
+        answers = [threads.submit(session.send, 1) for _ in range(20)]
         assert waiting.acquire(timeout=5)
         session.disconnect()
-        for sender in senders:
-            sender.join(5)
-    assert len(answers) == 20
-    assert all(payload is None and error for payload, error in answers)
+        for answer in answers:
+            payload, error = answer.result(timeout=5)
+            assert payload is None and error
