@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,10 +20,8 @@ inline Bytes bytes(std::initializer_list<int> values) {
 }
 
 inline Bytes text(const std::string& characters) {
-  Bytes result;
-  for (const char character : characters)
-    result.push_back(static_cast<std::byte>(character));
-  return result;
+  const auto data = std::as_bytes(std::span(characters));
+  return {data.begin(), data.end()};
 }
 
 inline Bytes operator+(Bytes left, const Bytes& right) {

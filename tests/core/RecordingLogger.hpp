@@ -31,18 +31,19 @@ public:
   }
   long count(std::string_view part) const {
     const std::lock_guard guard(lock_);
-    return std::ranges::count_if(records_, [&](const auto& record) { return record.find(part) != std::string::npos; });
+    return counted(part);
   }
-  /// Until a record that holds `part` is there; false after ten seconds.
-  bool await(std::string_view part, long times = 1) const {
+  /// Until as many records that hold `part` are there; false after ten seconds.
+  bool await(std::string_view part, long times) const {
     std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, std::chrono::seconds(10), [&] {
-      return std::ranges::count_if(records_,
-                                   [&](const auto& record) { return record.find(part) != std::string::npos; }) >= times;
-    });
+    return changed_.wait_for(guard, std::chrono::seconds(10), [&] { return counted(part) >= times; });
   }
 
 private:
+  long counted(std::string_view part) const {
+    return std::ranges::count_if(records_, [&](const auto& record) { return record.contains(part); });
+  }
+
   mutable std::mutex lock_;
   mutable std::condition_variable changed_;
   std::vector<std::string> records_;

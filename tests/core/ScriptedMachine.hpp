@@ -4,6 +4,8 @@
 #include "Asio.hpp"
 #include "Frames.hpp"
 
+#include <vorlinkit/VorlinSession.hpp>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,6 +14,25 @@
 #include <vector>
 
 namespace vorlinkit::test {
+
+using namespace std::chrono_literals;
+using Outcome = std::expected<RawMessage, Error>;
+
+/// For a session on this computer; it re-connects if it is said after how long.
+inline SessionConfig configFor(std::uint16_t port, std::optional<std::chrono::milliseconds> reconnect = {}) {
+  SessionConfig config;
+  config.host = "127.0.0.1";
+  config.port = port;
+  config.auto_reconnect = reconnect.has_value();
+  config.reconnect_delay = reconnect.value_or(1h);
+  return config;
+}
+
+/// Puts down what the state observer is told; `states` has to outlive the session.
+inline void noteStates(VorlinSession& session, std::vector<std::string>& states) {
+  session.on_connection_state_changed(
+      [&](bool connected, const std::string& reason) { states.push_back(connected ? "up" : reason); });
+}
 
 /// The machine's end of one connection.
 class Peer {
@@ -50,6 +71,11 @@ public:
   void echo() {
     while (const auto got = read())
       write(response(got->commandId, got->payload()));
+  }
+  /// Takes requests until the client goes, and answers none.
+  void ignore() {
+    while (read())
+      continue;
   }
   void close() { socket_.close(); }
   void reset() {

@@ -4,7 +4,6 @@
 #include "VorlinSessionImpl.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,25 +11,11 @@
 namespace vorlinkit::test {
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-SessionConfig configFor(std::uint16_t port, const char* host = "127.0.0.1") {
-  SessionConfig config;
-  config.host = host;
-  config.port = port;
-  config.reconnect_delay = 1h;
-  return config;
-}
-
 TEST(SessionLife, EndsQuicklyInEveryState) {
-  ScriptedMachine silent({[](Peer& peer) {
-    while (peer.read())
-      continue;
-  }});
-  const std::uint16_t port = silent.port();
-  using Stage = std::function<void(VorlinSession&)>;
-  const std::pair<const char*, Stage> states[] = {
+  ScriptedMachine silent({&Peer::ignore});
+  const std::pair<const char*, std::function<void(VorlinSession&)>> states[] = {
       {"idle", [](VorlinSession&) {}},
       {"connecting", [](VorlinSession& session) { session.connect(); }},
       {"waiting to re-connect", [](VorlinSession& session) { session.connect().get(); }},
@@ -43,7 +28,7 @@ TEST(SessionLife, EndsQuicklyInEveryState) {
   for (const auto& [name, reach] : states) {
     const bool refused = std::string_view(name) == "waiting to re-connect";
     for (const bool disconnectFirst : {true, false}) {
-      auto session = std::make_unique<VorlinSession>(configFor(refused ? std::uint16_t{1} : port));
+      auto session = std::make_unique<VorlinSession>(configFor(refused ? std::uint16_t{1} : silent.port(), 1h));
       reach(*session);
       auto last = session->send(9);
       auto started = Clock::now();
@@ -59,7 +44,9 @@ TEST(SessionLife, EndsQuicklyInEveryState) {
 }
 
 TEST(SessionLife, ALookupThatHangsHoldsNobodyUp) {
-  auto session = std::make_unique<VorlinSession>(configFor(1, "no-such-host.invalid"));
+  SessionConfig config = configFor(1, 1h);
+  config.host = "no-such-host.invalid";
+  auto session = std::make_unique<VorlinSession>(config);
   auto connecting = session->connect();
   const auto started = Clock::now();
   session->disconnect();
@@ -82,8 +69,7 @@ TEST(SessionLife, MayEndInsideItsOwnCallback) {
   };
   auto canary = std::make_shared<Canary>();
   auto freed = canary->gone.get_future();
-  auto holder =
-      std::make_shared<std::unique_ptr<VorlinSession>>(std::make_unique<VorlinSession>(configFor(machine.port())));
+  auto holder = std::make_shared<std::unique_ptr<VorlinSession>>(new VorlinSession(configFor(machine.port(), 1h)));
   (*holder)->on_notification(4, [holder, canary](const RawMessage&) {
     (*holder)->disconnect();
     auto pending = (*holder)->send(5);
@@ -97,12 +83,9 @@ TEST(SessionLife, MayEndInsideItsOwnCallback) {
 }
 
 TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
-  ScriptedMachine machine({[](Peer& peer) {
-    while (peer.read())
-      continue;
-  }});
+  ScriptedMachine machine({&Peer::ignore});
   const auto logger = std::make_shared<RecordingLogger>(LogLevel::err);
-  VorlinSessionImpl session(configFor(machine.port()), logger);
+  VorlinSessionImpl session(configFor(machine.port(), 1h), logger);
   ASSERT_TRUE(session.connect().get());
   auto inFlight = session.send(9, {});
   auto queued = session.send(10, {});
@@ -116,8 +99,8 @@ TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
 }
 
 TEST(SessionLife, AForkedChildDropsASessionWithoutWaiting) {
-  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
-  auto session = std::make_unique<VorlinSession>(configFor(machine.port()));
+  ScriptedMachine machine({&Peer::echo});
+  auto session = std::make_unique<VorlinSession>(configFor(machine.port(), 1h));
   ASSERT_TRUE(session->connect().get());
   const pid_t child = fork();
   if (child == 0) {

@@ -4,19 +4,12 @@
 #include "RecordingLogger.hpp"
 #include "ScriptedMachine.hpp"
 
-#include <vorlinkit/VorlinSession.hpp>
-
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <sys/socket.h>
 
 namespace vorlinkit::test {
 namespace {
 
-using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 using Clock = std::chrono::steady_clock;
@@ -46,47 +39,16 @@ std::uint16_t closedPort() {
   return asio::ip::tcp::acceptor(context, {asio::ip::address_v4::loopback(), 0}).local_endpoint().port();
 }
 
-SessionConfig configFor(std::uint16_t port) {
-  SessionConfig config;
-  config.host = "127.0.0.1";
-  config.port = port;
-  config.auto_reconnect = false;
-  return config;
-}
-
-/// What the state observer is told; shared with it, since the session may outlive the one who asks.
-class States {
-public:
-  explicit States(VorlinSession& session) {
-    session.on_connection_state_changed([told = told_](bool connected, const std::string& reason) {
-      const std::lock_guard guard(told->lock);
-      told->seen.push_back(connected ? "up" : reason);
-    });
-  }
-  std::vector<std::string> get() {
-    const std::lock_guard guard(told_->lock);
-    return told_->seen;
-  }
-
-private:
-  struct Told {
-    std::mutex lock;
-    std::vector<std::string> seen;
-  };
-  std::shared_ptr<Told> told_ = std::make_shared<Told>();
-};
-
 TEST(Transport, ReportsARefusedConnection) {
-  SessionConfig config = configFor(closedPort());
-  config.auto_reconnect = true;
   const auto logger = std::make_shared<RecordingLogger>();
-  VorlinSession session(config, logger);
-  States states(session);
+  std::vector<std::string> states;
+  VorlinSession session(configFor(closedPort(), 1000ms), logger);
+  noteStates(session, states);
   const auto result = session.connect().get();
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error(), (Error{ErrorCode::Transport, "Failed to connect: Connection refused"}));
   session.disconnect();
-  EXPECT_THAT(states.get(), ElementsAre("Connection failed: Connection refused"));
+  EXPECT_THAT(states, ElementsAre("Connection failed: Connection refused"));
   EXPECT_THAT(logger->records(), ElementsAre(StartsWith("2 src/TcpTransport Connecting to 127.0.0.1:"),
                                              "4 src/TcpTransport Connection failed: Connection refused",
                                              "3 src/TcpTransport Scheduling reconnect in 1000ms"));
@@ -96,30 +58,30 @@ TEST(Transport, GivesUpAtTheDeadline) {
   DeafPort deaf;
   SessionConfig config = configFor(deaf.port());
   config.connection_timeout = 50ms;
+  std::vector<std::string> states;
   VorlinSession session(config);
-  States states(session);
+  noteStates(session, states);
   const auto started = Clock::now();
   const auto result = session.connect().get();
   EXPECT_GE(Clock::now() - started, 50ms);
   EXPECT_LT(Clock::now() - started, 1s);
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error(), (Error{ErrorCode::Timeout, "Failed to connect: Connection timeout"}));
-  EXPECT_THAT(states.get(), ElementsAre("Connection failed: Connection timeout"));
+  EXPECT_THAT(states, ElementsAre("Connection failed: Connection timeout"));
 }
 
 TEST(Transport, AcceptsTheStrangestDurations) {
-  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
-  for (const auto timeout :
-       {std::chrono::milliseconds::max(), std::chrono::milliseconds(std::numeric_limits<std::int32_t>::max())}) {
+  ScriptedMachine machine({&Peer::echo});
+  using std::chrono::milliseconds;
+  for (const auto timeout : {milliseconds::max(), milliseconds(std::numeric_limits<std::int32_t>::max())}) {
     SessionConfig config = configFor(machine.port());
-    config.connection_timeout = timeout;
-    config.request_timeout = timeout;
+    config.connection_timeout = config.request_timeout = timeout;
     VorlinSession session(config);
     ASSERT_TRUE(session.connect().get());
     EXPECT_TRUE(session.send(2).get());
   }
   SessionConfig config = configFor(DeafPort().port());
-  config.connection_timeout = std::chrono::milliseconds::min();
+  config.connection_timeout = milliseconds::min();
   EXPECT_FALSE(VorlinSession(config).connect().get());
 }
 
@@ -139,17 +101,15 @@ TEST(Transport, ANewerConnectTakesOver) {
 }
 
 TEST(Transport, ConnectingAnewWhileConnectedReportsTheLossOnce) {
-  ScriptedMachine machine({[](Peer& peer) { peer.echo(); }});
-  SessionConfig config = configFor(machine.port());
-  config.auto_reconnect = true;
-  config.reconnect_delay = 5ms;
+  ScriptedMachine machine({&Peer::echo});
   const auto logger = std::make_shared<RecordingLogger>();
-  VorlinSession session(config, logger);
-  States states(session);
+  std::vector<std::string> states;
+  VorlinSession session(configFor(machine.port(), 5ms), logger);
+  noteStates(session, states);
   ASSERT_TRUE(session.connect().get());
   ASSERT_TRUE(session.connect().get());
   EXPECT_TRUE(session.send(3).get());
-  EXPECT_THAT(states.get(), ElementsAre("up", StartsWith("Disconnected: "), "up"));
+  EXPECT_THAT(states, ElementsAre("up", StartsWith("Disconnected: "), "up"));
   EXPECT_EQ(logger->count("Scheduling reconnect in 5ms"), 1);
   ASSERT_TRUE(session.connect().get()); // gives the re-connect that must not happen twice the time it would take
   EXPECT_TRUE(session.send(3).get());   // by now the machine has counted this connection
@@ -157,11 +117,8 @@ TEST(Transport, ConnectingAnewWhileConnectedReportsTheLossOnce) {
 }
 
 TEST(Transport, DisconnectEndsReconnecting) {
-  SessionConfig config = configFor(closedPort());
-  config.auto_reconnect = true;
-  config.reconnect_delay = 1ms;
   const auto logger = std::make_shared<RecordingLogger>();
-  VorlinSession session(config, logger);
+  VorlinSession session(configFor(closedPort(), 1ms), logger);
   session.connect().get();
   ASSERT_TRUE(logger->await("Connection failed", 3));
   session.disconnect();
@@ -197,42 +154,31 @@ TEST(Platform, TellsASocketThatAnswersItself) {
   EXPECT_FALSE(platform::connectedToItself(other));
 }
 
-TEST(NameLookup, AnswersAtOnceWhenAbandoned) {
-  asio::io_context context;
-  NameLookup lookup(context.get_executor(), "no-such-host.invalid", 1);
-  for (int again = 0; again < 3; ++again) {
-    auto found = asio::co_spawn(context, lookup.find(), asio::use_future);
-    context.poll();
-    lookup.abandon();
-    context.restart();
-    context.poll();
-    ASSERT_EQ(found.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(found.get().failure, asio::error::operation_aborted);
-    context.restart();
-  }
-}
-
-TEST(NameLookup, FindsNamesAndNeedsNoThreadForNumbers) {
+TEST(NameLookup, FindsNamesAndAnswersAtOnceWhenAbandoned) {
   const struct {
     const char* host;
-    const char* expected;
-  } cases[] = {{"localhost", "127.0.0.1"}, {"127.0.0.9", "127.0.0.9"}, {"::1", "::1"}};
-  for (const auto& [host, expected] : cases) {
+    const char* address; // null if it is not waited for
+  } cases[] = {{"localhost", "127.0.0.1"}, {"127.0.0.9", "127.0.0.9"}, {"::1", "::1"}, {"no-such-host.invalid", {}}};
+  for (const auto& [host, address] : cases) {
     asio::io_context context;
     const auto work = asio::make_work_guard(context);
     NameLookup lookup(context.get_executor(), host, 80);
-    auto abandoned = asio::co_spawn(context, lookup.find(), asio::use_future);
-    context.poll();
-    lookup.abandon();
-    context.poll();
-    ASSERT_EQ(abandoned.wait_for(10s), std::future_status::ready);
+    for (int again = 0; again < 3; ++again) {
+      auto abandoned = asio::co_spawn(context, lookup.find(), asio::use_future);
+      context.poll();
+      lookup.abandon();
+      context.poll();
+      ASSERT_EQ(abandoned.wait_for(10s), std::future_status::ready) << host;
+      EXPECT_TRUE(address || abandoned.get().failure == asio::error::operation_aborted);
+    }
+    if (!address) continue;
     auto found = asio::co_spawn(context, lookup.find(), asio::use_future);
     while (found.wait_for(0s) != std::future_status::ready)
       context.run_one_for(1ms);
     std::vector<std::string> addresses;
     for (const auto& endpoint : found.get().endpoints)
       addresses.push_back(endpoint.address().to_string());
-    EXPECT_THAT(addresses, testing::Contains(expected));
+    EXPECT_THAT(addresses, testing::Contains(address));
   }
 }
 
