@@ -10,6 +10,7 @@ the C++ test headers.inc and decoders.inc, a table of all decoders.
 import random
 import sys
 from pathlib import Path
+from uuid import UUID
 
 from generator.__main__ import read_catalogue, write
 from generator.model import INTEGER_BITS, Blob, Command, List, Message, Record, Scalar, Variant
@@ -28,9 +29,8 @@ class Sample:
 
     def number(self, kind: str) -> int:
         limit = 1 << INTEGER_BITS[kind]
-        return {0: 0, 1: limit - 1}.get(
-            self.choice, self.random.choice([self.random.randrange(limit), 1, 9, 10, 99, 100])
-        )
+        some = self.random.choice([self.random.randrange(limit), 1, 9, 10, 99, 100])
+        return {0: 0, 1: limit - 1}.get(self.choice, some)
 
     def record(self, record: Record, outer: list[dict[str, int]]) -> list[str]:
         """Appends the record's bytes; returns its JSON entries."""
@@ -42,11 +42,9 @@ class Sample:
                 case Scalar():
                     entries += self.scalar(record, field, values, field.key in counts)
                 case List() | Blob():
-                    items = [
-                        "{" + ", ".join(self.record(field.item, [values, *outer])) + "}"
-                        for _ in range(values[field.count])
-                    ]
-                    entries.append(f'"{field.key}": [{", ".join(items)}]')
+                    items = (self.record(field.item, [values, *outer]) for _ in range(values[field.count]))
+                    texts = ["{" + ", ".join(item) + "}" for item in items]
+                    entries.append(f'"{field.key}": [{", ".join(texts)}]')
                 case Variant():
                     alternative = field.alternatives[self.choice % len(field.alternatives)]
                     if field.levels is not None:
@@ -66,9 +64,7 @@ class Sample:
         if field.kind == "uuid":
             raw = self.random.randbytes(16)
             self.bytes += raw
-            digits = raw.hex().upper()
-            parts = (digits[:8], digits[8:12], digits[12:16], digits[16:20], digits[20:])
-            return [f'"{field.key}": "{"-".join(parts)}"']
+            return [f'"{field.key}": "{str(UUID(bytes=raw)).upper()}"']
         steering = list(discriminated(record, field.key))
         value = self.number(field.kind)
         if self.leading is not None:
@@ -111,12 +107,8 @@ def describe(kind, rows, value: int) -> str:
 
 
 def samples(command: Command, message: Message):
-    most = [
-        len(field.alternatives)
-        for each in message.record.tree()
-        for field in each.fields
-        if isinstance(field, Variant)
-    ]
+    fields = [field for record in message.record.tree() for field in record.fields]
+    most = [len(field.alternatives) for field in fields if isinstance(field, Variant)]
     for choice in range(max([3, *most]) + 1):
         sample = Sample(command, choice)
         entries = sample.record(message.record, [])
