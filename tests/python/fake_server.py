@@ -3,24 +3,12 @@
 import contextlib
 import os
 import socket
-import struct
 import subprocess
 import sys
 import threading
 
 import vorlinkit_python as vorlin
-
-REQUEST_HEADER = struct.Struct(">2sBBHHBB4sI")
-RESPONSE_HEADER = struct.Struct(">2sBBHHIII")
-NOTIFICATION_HEADER = struct.Struct(">2sBBHHI")
-
-
-def response(command_id, payload=b"", major_error=0):
-    return RESPONSE_HEADER.pack(b"VR", 1, 2, 16, command_id, major_error, 0, len(payload)) + payload
-
-
-def notification(command_id, payload=b""):
-    return NOTIFICATION_HEADER.pack(b"VR", 1, 3, 8, command_id, len(payload)) + payload
+from vorlinkit.simulator.frames import REQUEST_HEADER, response
 
 
 def receive_exactly(connection, size):

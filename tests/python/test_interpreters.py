@@ -19,8 +19,7 @@ with SimulatorProcess() as simulator:
     config.host, config.port = simulator.host, simulator.port
     session = vorlin.VorlinSession(config)
     assert session.connect() == (True, "")
-    payload, problem = session.send(vorlin.GET_MACHINE_INFO_COMMAND_ID)
-    assert payload is not None, problem
+    payload, _ = session.send(vorlin.GET_MACHINE_INFO_COMMAND_ID)
     print(vorlin.decode_get_machine_info_response(payload).machine_type, sys.executable)
 """
 
@@ -28,14 +27,13 @@ with SimulatorProcess() as simulator:
 def interpreters() -> list[str]:
     """Every CPython 3.11, by the file that is really run."""
     found: dict[Path, str] = {}
-    for candidate in (sys.executable, "/usr/bin/python3", "python3", "python3.11"):
-        words = shutil.which(candidate)
-        if words is None:
-            continue
+    for words in filter(
+        None, map(shutil.which, (sys.executable, "/usr/bin/python3", "python3", "python3.11"))
+    ):
         told = subprocess.run([words, "-c", WHO], capture_output=True, text=True)
-        implementation, *version, executable = told.stdout.split(maxsplit=3) or [""]
+        implementation, *version, executable = told.stdout.strip().split(maxsplit=3) or [""]
         if (implementation, version) == ("CPython", ["3", "11"]):
-            found.setdefault(Path(executable.strip()).resolve(), executable.strip())
+            found.setdefault(Path(executable).resolve(), executable)
     return list(found.values())
 
 

@@ -9,15 +9,8 @@ from functools import partial
 
 import pytest
 import vorlinkit_python as vorlin
-from fake_server import (
-    config_for,
-    connected_session,
-    echo,
-    echo_behind,
-    notification,
-    response,
-    serving,
-)
+from fake_server import config_for, connected_session, echo, echo_behind, serving
+from vorlinkit.simulator.frames import notification, response
 
 WAIT = 5  # seconds an awaited event may take before the test gives up
 
