@@ -60,7 +60,7 @@ def cases(table: str) -> list[tuple[str, list[str]]]:
 
 
 def family(text: str) -> str:
-    """The file for a text about Foo: what the text leaves out is as in GOOD. What stands before [Foo] is its head."""
+    """The file for a text about Foo, whose head stands before [Foo]; what the text leaves out is as in GOOD."""
     head, foo, rest = f"\n{text}\n".rpartition("\n[Foo]")
     given = re.findall(r"^\w+", rest.partition("\n[")[0], re.MULTILINE)
     lines = [line for line in GOOD.splitlines()[2:] if line.split()[0] not in given]
@@ -68,43 +68,37 @@ def family(text: str) -> str:
 
 
 WRONG = r"""
-request = ["A: u7"]
-=> Foo: request: A: unknown kind "u7"; kinds are u8, u16, u32, u64, string, uuid
-request = ["A u8"]
+request = ["A: u7", "A u8", "b: u8", "A: u16", 5, "ID: uuid", "CommandError: u16"]
+response = ["CommandError: u8"]
 => Foo: request: "A u8" is no field; write "Key: kind" or "Key: kind  # note"
-request = ["a: u8"]
-=> Foo: request: a: "a" is no key; keys are in upper camel case
-request = ["A: u8", "A: u16"]
+=> Foo: request: 5 is no field; a field is "Key: kind" or a list, blob, variant or layout table
 => Foo: request: A: the key "A" stands in this record twice
-request = ["NumberOfIDs: u8", "NumberOfI_Ds: u8"]
+=> Foo: request: A: unknown kind "u7"; kinds are u8, u16, u32, u64, string, uuid
+=> Foo: request: b: "b" is no key; keys are in upper camel case
+=> Foo: request: ID: a request carries no uuid; identifiers sent to the machine are strings
+=> Foo: request: CommandError: a request carries no command error
+=> Foo: response: CommandError: a command error is a u16, not a u8
+request = ["NumberOfIDs: u8", "NumberOfI_Ds: u8", "AB1: u8", "Ab1: u8"]
 => Foo: request: NumberOfI_Ds: has the attribute "number_of_i_ds", as NumberOfIDs has
-=> Foo: request: NumberOfI_Ds: "NumberOfI_Ds" is no key; keys are in upper camel case
-request = ["AB1: u8", "Ab1: u8"]
 => Foo: request: Ab1: has the attribute "ab1", as AB1 has
+=> Foo: request: NumberOfI_Ds: "NumberOfI_Ds" is no key; keys are in upper camel case
 request = ["A: u8  # C:\\"]
-=> Foo: request: a note is one line of printable characters that does not end in a backslash
 why = "one\ntwo"
 => Foo: why is one line of printable characters that does not end in a backslash
+=> Foo: request: a note is one line of printable characters that does not end in a backslash
 request = []
 => Foo: request: has no field; a message without a payload is not listed at all
 request = "A: u8"
 => Foo: request: fields must be an array in wire order, not str
 => Foo: request: has no field; a message without a payload is not listed at all
-request = ["A: u8", 5]
-=> Foo: request: 5 is no field; a field is "Key: kind" or a list, blob, variant or layout table
-request = ["ID: uuid"]
-=> Foo: request: ID: a request carries no uuid; identifiers sent to the machine are strings
-request = ["CommandError: u16"]
-=> Foo: request: CommandError: a request carries no command error
-response = ["CommandError: u8"]
-=> Foo: response: CommandError: a command error is a u16, not a u8
 request = [{ list = "X", count = "N", items = ["A: u8"] }, "N: u8"]
 => Foo: request: listOfX: its count "N" is not an earlier field of the same record
 request = ["N: string", { list = "X", count = "N", items = ["A: u8"] }]
 => Foo: request: listOfX: its count "N" is a string; a count is an integer
 request = ["N: u8", { list = "X", count = "N", items = [] }]
 => Foo: request: listOfX: its items have no field
-request = ["N: u8", { list = "X", count = "N", items = ["M: u8", { list = "Y", count = "N", items = ["A: u8"] }] }]
+request = ["N: u8", { list = "X", count = "N", items = [
+  "M: u8", { list = "Y", count = "N", items = ["A: u8"] }] }]
 => Foo: request: listOfX.listOfY: its count "N" is not an earlier field of the same record
 request = ["N: u8", { list = "X", count = "N", item = ["A: u8"] }]
 => Foo: request: listOfX: unknown key "item"; known are list, count, items, note
@@ -123,7 +117,8 @@ request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
 => Foo: request: v: 256 does not fit "ID", which is a u8
 request = ["ID: u8", { variant = "v", on = "ID", alternatives = [] }]
 => Foo: request: v: has no alternatives
-request = ["ID: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [], fields = ["X: u8"] }] }]
+request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
+  { name = "A", when = [], fields = ["X: u8"] }] }]
 => Foo: request: v: alternative A: when is empty, so nothing selects it
 request = ["ID: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [1], fields = [] }] }]
 => Foo: request: v: alternative A: has no field
@@ -131,7 +126,8 @@ request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
   { name = "A", when = [1], fields = ["X: u8"] }, { name = "B", when = [2, 1], fields = ["Y: u8"] }] }]
 => Foo: request: v: alternative B: 1 already selects A
 request = [{ variant = "v", on = "ID", alternatives = [
-  { name = "A", when = [1], fields = ["ID: u8"] }, { name = "B", when = [2], fields = ["Y: u8", "ID: u8"] }] }]
+  { name = "A", when = [1], fields = ["ID: u8"] },
+  { name = "B", when = [2], fields = ["Y: u8", "ID: u8"] }] }]
 => Foo: request: v: alternative B: does not begin with "ID" as the others do
 request = [{ variant = "v", on = "ID", alternatives = [
   { name = "A", when = [1], fields = ["ID: u8"] }, { name = "B", when = [2], fields = ["ID: u16"] }] }]
@@ -144,36 +140,30 @@ request = ["ID: u8", { variant = "Data", on = "ID", alternatives = ONE }]
 idd = 1
 => Foo: unknown key "idd"; known are id, request, response, notification, errors, coded, confirmed,
    assumed, why, confirmed_by, about
-errors = ["0x10000 Text"]
-=> Foo: errors: row 0x10000 "Text": the code does not fit 16 bits
-errors = ["0 Text"]
-=> Foo: errors: row 0x0000 "Text": 0 is success and has no row
-errors = ["1 A", "1 B"]
-=> Foo: errors: row 0x0001 "B": the code has a row already
-errors = ["1 Text; "]
-=> Foo: errors: row 0x0001 "Text; ": the text ends in ";"; the separator is added when it is rendered
-errors = ["1 Text "]
-=> Foo: errors: row 0x0001 "Text ": the text is empty or has blanks at its ends
-errors = ["one Text"]
+errors = ["0x10000 Text", "0 Text", "1 A", "1 B", "2 Text; ", "3 Text ", "one Text"]
 => Foo: errors: 'one Text' is no row; write "0x0001 Text" or "1 Text"
+=> Foo: errors: row 0x10000 "Text": the code does not fit 16 bits
+=> Foo: errors: row 0x0000 "Text": 0 is success and has no row
+=> Foo: errors: row 0x0001 "B": the code has a row already
+=> Foo: errors: row 0x0002 "Text; ": the text ends in ";"; the separator is added when it is rendered
+=> Foo: errors: row 0x0003 "Text ": the text is empty or has blanks at its ends
 errors = ["1 T", "2 T", "3 T", "4 T", "5 T", "6 T", "7 T", "8 T", "9 T", "10 T", "11 T", "12 T",
   "13 T", "14 T", "15 T", "16 T", "17 T", "18 T", "19 T", "20 T", "21 T", "22 T", "23 T", "24 T"]
 => Foo: errors: has 24 rows; no table has more than 23
 coded.Nothing = ["1 A"]
-=> Foo: coded: Nothing: no field has this key
 coded.Name = ["1 A"]
-=> Foo: coded: Name: request: a coded field is a u8 or u16, not a string
 coded.CommandError = ["1 A"]
 => Foo: coded: CommandError: the rows of CommandError are written as errors = [...]
-confirmed = ["answer"]
-=> Foo: standing of "answer"; it must be one of request, response, notification, errors
+=> Foo: coded: Nothing: no field has this key
+=> Foo: coded: Name: request: a coded field is a u8 or u16, not a string
+confirmed = ["answer", "request"]
 assumed.errors = "why"
-=> Foo: standing of "errors", which the command does not have
-confirmed = ["request"]
 assumed.request = "why"
+assumed.response = ""
+=> Foo: standing of "answer"; it must be one of request, response, notification, errors
 => Foo: request is called both confirmed and assumed
-assumed.request = ""
-=> Foo: assumed.request is missing
+=> Foo: standing of "errors", which the command does not have
+=> Foo: assumed.response is missing
 confirmed_by = "me"
 => Foo: confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed
 
@@ -191,14 +181,12 @@ request = [{ layout = "T" }]
 T = ["N: u8", { list = "X", count = "N", items = ["B: u8", { layout = "U" }] }]
 U = ["A: u8", { layout = "T" }]
 => Foo: request: layouts.U: a layout may not use itself: T > U > T
-request = ["B: u8", { layout = "T" }]
+request = ["B: u8", { layout = "T" }, { layout = "U" }]
 [layouts]
 T = "A: u8"
+U = []
 => layouts.T: fields must be an array in wire order, not str
-request = ["B: u8", { layout = "T" }]
-[layouts]
-T = []
-=> layouts.T: has no field
+=> layouts.U: has no field
 request = [{ layout = "t" }, { layout = "Foo" }]
 [layouts]
 t = ["A: u8"]
@@ -210,7 +198,7 @@ request = [{ layout = "T", note = "x" }, { layout = ["T"] }]
 T = ["A: u8"]
 => Foo: request: unknown key "note"; known are layout
 => Foo: request: the name of a layout must be a string, not ['T']
-# What is wrong inside is said once, with every message that uses it; what is wrong for one of them, for that one.
+# What is wrong inside is said once, with every message that uses it; what is wrong for one, for that one.
 request = [{ layout = "T" }]
 notification = [{ layout = "T" }]
 [layouts]

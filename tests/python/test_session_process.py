@@ -121,7 +121,7 @@ def interrupt(*_):
 
 @contextlib.contextmanager
 def deaf_port():
-    """The port of a listener whose backlog is full; it drops further attempts, so that connect has to wait."""
+    """The port of a listener whose backlog is full: it drops further attempts, so connect has to wait."""
     with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
         listener.bind(("127.0.0.1", 0))
         listener.listen(0)
