@@ -1,5 +1,3 @@
-#include "Descriptions.hpp"
-
 #include <vorlinkit/commands/connection.hpp>
 #include <vorlinkit/commands/every_kind.hpp>
 
@@ -8,12 +6,11 @@
 using namespace vorlinkit::commands;
 
 TEST(Descriptions, FollowTheTable) {
-  struct Case {
+  const struct {
     std::string (*describe)(std::uint16_t);
     std::uint16_t value;
     const char* text;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {flush_log_command_error_string, 0, "Success"},
       {flush_log_command_error_string, 1, "Invalid log name; "},
       {flush_log_command_error_string, 3, "Invalid log name; Couldn't flush log; "},
@@ -32,15 +29,8 @@ TEST(Descriptions, FollowTheTable) {
       {codes_mode_string, 2, "Operator\xE2\x80\x99s view"},
       {codes_mode_string, 0xABCD, "Unknown value (0xABCD)"},
   };
-  for (const auto& each : cases)
-    EXPECT_EQ(each.describe(each.value), each.text) << each.value;
-}
-
-TEST(Descriptions, ARowForEveryBitLeavesNothingUnknown) {
-  const FieldCodedValue rows[] = {{1, "One"}, {2, "Two"}, {0xFFFF, "Custom error"}};
-  const FieldCodedValues table{rows, CodedValueKind::Bitfield};
-  EXPECT_EQ(describe(table, 3), "One; Two; Custom error; ");
-  EXPECT_EQ(describe(table, 0x4000), "Custom error; ");
+  for (const auto& [describe, value, text] : cases)
+    EXPECT_EQ(describe(value), text) << value;
 }
 
 TEST(Descriptions, TablesAreInTheirOwnOrder) {

@@ -18,6 +18,9 @@ namespace vorlinkit::test {
 using namespace std::chrono_literals;
 using Outcome = std::expected<RawMessage, Error>;
 
+/// The error of an outcome; one that no session has if it succeeded.
+inline Error errorOf(const auto& outcome) { return outcome ? Error{{}, "succeeded"} : outcome.error(); }
+
 /// For a session on this computer; it re-connects if it is said after how long.
 inline SessionConfig configFor(std::uint16_t port, std::optional<std::chrono::milliseconds> reconnect = {}) {
   SessionConfig config;

@@ -10,13 +10,16 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from vorlinkit import catalogue as catalogues
+from vorlinkit.catalogue import Message
+from vorlinkit.simulator import coder
+from vorlinkit.simulator.records import Record
 
 ROOT = Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "correcting-a-layout.md").read_text(encoding="utf-8")
 BLOCK = re.compile(
     r"(?:^<!-- (?P<mark>[^\n]+) -->\n)?^```(?P<language>\w+)\n(?P<text>.*?)^```$", re.MULTILINE | re.DOTALL
 )
-WIDTHS = {"u8": 1, "u16": 2, "u32": 4, "u64": 8}
 
 
 def marked(purpose: str) -> dict[str, str]:
@@ -67,23 +70,13 @@ def test_the_page_shows_the_files_as_they_are() -> None:
         assert text == (ROOT / path).read_text(encoding="utf-8"), path
 
 
-def rate_limit_response(project: Path, *options: str) -> tuple[dict[str, str], list[dict[str, str]]]:
-    """The response of command 187 as generated: the message itself and its fields."""
-    done = run(" ".join(["python3 -m generator --json out.json", *options]), project)
+def read_response(payload: bytes, project: Path, options: str = "") -> tuple[Message, Record, int]:
+    """The response of GetEjectorRateLimit as generated, the payload read by it, and how much is left over."""
+    done = run(f"python3 -m generator --json out.json {options}", project)
     assert done.returncode == 0, done.stdout
-    commands = json.loads((project / "out.json").read_text(encoding="utf-8"))["commands"]
-    message = next(each for each in commands if each["id"] == 187)["messages"]["response"]
-    return message, message["fields"]
-
-
-def read_numbers(fields: list[dict[str, str]], payload: bytes) -> tuple[dict[str, int], bytes]:
-    """The numbers of a payload by key, and what is left over."""
-    values = {}
-    for field in fields:
-        width = WIDTHS[field["kind"]]
-        assert len(payload) >= width, f"{field['key']} is cut short"
-        values[field["key"]], payload = int.from_bytes(payload[:width], "big"), payload[width:]
-    return values, payload
+    response = catalogues.load(project / "out.json").named("GetEjectorRateLimit").response
+    assert response
+    return response, *coder.decode(response.fields, payload)
 
 
 def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
@@ -91,13 +84,13 @@ def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
     assert shown, "the page shows no captured response"
     captured = bytes.fromhex(shown[1])
 
-    built_in, fields = rate_limit_response(project)
-    values, left_over = read_numbers(fields, captured)
-    assert (built_in["standing"], values["EjectorRateLimit"], len(left_over)) == ("assumed", 512, 4)
+    built_in, values, left_over = read_response(captured, project)
+    assert (built_in.standing, values["EjectorRateLimit"], left_over) == ("assumed", 512, 4)
 
-    corrected, fields = rate_limit_response(project, "--overlay examples/overlay")
-    values, left_over = read_numbers(fields, captured)
-    assert left_over == b""
+    corrected, values, left_over = read_response(captured, project, "--overlay examples/overlay")
+    assert corrected.standing == "site-confirmed"
+    assert corrected.confirmed_by.startswith("Example Sorter 4, software 7.2.1")
+    assert left_over == 0
     assert values == {"CommandError": 0, "DivisionNumber": 2, "EjectorRateLimit": 3600, "LimitReached": 1}
     script = "examples/overlay/read_capture.py"
     promised = next(output for command, output in sessions() if command.endswith(script))
@@ -105,6 +98,3 @@ def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
     told = (ROOT / script).read_text(encoding="utf-8")
     in_script = re.search(r'captured_response = bytes.fromhex\("(.+)"\)', told)
     assert in_script and bytes.fromhex(in_script[1]) == captured
-
-    assert corrected["standing"] == "site-confirmed"
-    assert corrected["confirmed_by"].startswith("Example Sorter 4, software 7.2.1")

@@ -12,12 +12,9 @@ from vorlinkit.simulator.frames import REQUEST_HEADER, response
 
 
 def receive_exactly(connection, size):
-    data = b""
-    while len(data) < size:
-        chunk = connection.recv(size - len(data))
-        if not chunk:
-            raise ConnectionError("closed by the client")
-        data += chunk
+    data = connection.recv(size, socket.MSG_WAITALL)
+    if len(data) < size:
+        raise ConnectionError("closed by the client")
     return data
 
 

@@ -97,18 +97,23 @@ def test_signatures_are_in_the_docstrings():
 
 def test_callbacks_report_notifications_frames_and_state():
     events, frames = queue.Queue(), []
+
+    def first(*change):
+        session.on_connection_state_changed(lambda *change: events.put(("second", *change)))
+        events.put(change)
+
     notifications = notification(44, b"first"), notification(45, b"nobody listens"), notification(44)
     with serving(echo_behind(*notifications)) as port:
         session = vorlin.VorlinSession(config_for(port))
-        session.on_connection_state_changed(lambda *change: events.put(change))
+        session.on_connection_state_changed(first)
         session.on_notification(44, lambda payload: events.put("replaced"))
         session.on_notification(commandId=44, callback=events.put)
         session.on_frame(lambda *frame: frames.append(frame))
         assert session.connect() == (True, "")
         assert session.send(9, b"x") == (b"x", "")
         assert [events.get(timeout=WAIT) for _ in range(3)] == [(True, ""), b"first", b""]
-    connected, reason = events.get(timeout=WAIT)  # the server has hung up
-    assert connected is False
+    who, connected, reason = events.get(timeout=WAIT)  # the server has hung up
+    assert (who, connected) == ("second", False)
     assert isinstance(reason, str) and reason
     assert [direction for direction, _ in frames] == [vorlin.Tx] + [vorlin.Rx] * 4
     assert frames[1][0] is vorlin.FrameDirection.Rx
@@ -153,22 +158,6 @@ def test_a_callback_may_use_its_session_and_waits_for_nothing():
             assert "callback" in error
         assert results.get(timeout=WAIT)[0] is False
         assert session.is_connected() is False
-
-
-def test_a_state_callback_may_replace_itself():
-    events = queue.Queue()
-
-    def first(connected, reason):
-        session.on_connection_state_changed(lambda *change: events.put(("second", *change)))
-        events.put(("first", connected, reason))
-
-    with serving(echo) as port:
-        session = vorlin.VorlinSession(config_for(port))
-        session.on_connection_state_changed(first)
-        assert session.connect() == (True, "")
-        session.disconnect()
-    assert events.get(timeout=WAIT) == ("first", True, "")
-    assert events.get(timeout=WAIT)[:2] == ("second", False)
 
 
 class Listener:

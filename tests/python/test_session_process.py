@@ -111,12 +111,8 @@ def test_sessions_work_in_exit_functions_and_fail_softly_behind_them():
     assert refused == "The interpreter is exiting"
 
 
-class Interrupted(Exception):
-    pass
-
-
 def interrupt(*_):
-    raise Interrupted
+    raise InterruptedError
 
 
 @contextlib.contextmanager
@@ -141,7 +137,7 @@ def test_a_signal_ends_a_wait(method):
             assert method == "connect" or session.connect() == (True, "")
             started = time.monotonic()
             timer.start()
-            with pytest.raises(Interrupted):
+            with pytest.raises(InterruptedError):
                 session.send(1) if method == "send" else session.connect()
             assert time.monotonic() - started < 0.3 + 0.2
     finally:
