@@ -32,13 +32,3 @@ TEST(Descriptions, FollowTheTable) {
   for (const auto& [describe, value, text] : cases)
     EXPECT_EQ(describe(value), text) << value;
 }
-
-TEST(Descriptions, TablesAreInTheirOwnOrder) {
-  const auto codes = reversed_command_error_codes();
-  ASSERT_EQ(codes.values.size(), 2U);
-  EXPECT_EQ(codes.kind, CodedValueKind::Bitfield);
-  EXPECT_EQ(codes.values[0].code, 2);
-  EXPECT_EQ(codes.values[0].description, "Invalid params");
-  EXPECT_EQ(get_server_status_restart_status_codes().kind, CodedValueKind::Enum);
-  EXPECT_TRUE(get_server_time_with_notifications_command_error_codes().values.empty());
-}

@@ -26,6 +26,7 @@ class Sample:
         self.command, self.choice = command, choice
         self.random = random.Random(f"{command.name} {choice}")
         self.bytes = bytearray()
+        self.leading: int | None = None  # the discriminator that the alternative at hand begins with
 
     def number(self, kind: str) -> int:
         limit = 1 << INTEGER_BITS[kind]
@@ -53,8 +54,6 @@ class Sample:
                     self.leading = self.random.choice(alternative.when) if field.inside else None
                     entries += self.record(alternative.record, [values, *outer])
         return entries
-
-    leading: int | None = None
 
     def scalar(self, record: Record, field: Scalar, values: dict[str, int], is_count: bool) -> list[str]:
         if field.kind == "string":

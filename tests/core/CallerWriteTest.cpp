@@ -11,23 +11,18 @@ using testing::StartsWith;
 constexpr std::uint16_t busy = 4; // the notification that keeps the I/O thread in its handler
 
 /// A connected session whose I/O thread does not come back before `release`.
-class BusySession {
-public:
+struct BusySession {
   explicit BusySession(const ScriptedMachine& machine) : session(configFor(machine.port(), 1ms)) {
     session.on_notification(busy, [this](const RawMessage&) {
-      entered_.set_value();
-      released_.get_future().wait();
+      entered.set_value();
+      release.get_future().wait();
     });
     EXPECT_TRUE(session.connect().get());
-    entered_.get_future().wait();
+    entered.get_future().wait();
   }
-  void release() { released_.set_value(); }
 
-private:
-  std::promise<void> entered_;
-  std::promise<void> released_;
-
-public:
+  std::promise<void> entered;
+  std::promise<void> release;
   VorlinSession session; // last: its I/O thread uses the others to its end
 };
 
@@ -47,7 +42,7 @@ TEST(CallerWrite, ReachesTheMachineAtOnceAndIsNotOvertaken) {
   for (std::uint16_t id = 21; id < 25; ++id)
     answers.push_back(busySession.session.send(id, bytes({id})));
   EXPECT_EQ(firstArrived.get_future().wait_for(10s), std::future_status::ready);
-  busySession.release();
+  busySession.release.set_value();
   for (auto& answer : answers)
     EXPECT_TRUE(answer.get());
   EXPECT_TRUE(busySession.session.send(25).get()) << "the way is open again";
@@ -81,7 +76,7 @@ TEST(CallerWrite, FailsWithItsConnectionAndIsNoGhostOnTheNext) {
     if (writeFails) gone.get_future().wait();
     auto lost = busySession.session.send(8);
     if (!writeFails) gone.get_future().wait();
-    busySession.release();
+    busySession.release.set_value();
     EXPECT_THAT(errorOf(lost.get()).message, StartsWith("Disconnected: "));
     up.get_future().wait();
     EXPECT_TRUE(busySession.session.send(9).get());

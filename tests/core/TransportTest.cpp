@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include <deque>
+
 namespace vorlinkit::test {
 namespace {
 
@@ -15,23 +17,19 @@ using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
 /// A port of loopback that takes no connection: its backlog is full, so attempts hang.
-class DeafPort {
-public:
-  DeafPort() : acceptor_(context_) {
-    acceptor_.open(asio::ip::tcp::v4());
-    acceptor_.bind({asio::ip::address_v4::loopback(), 0});
-    acceptor_.listen(0);
-    for (auto& filler : fillers_) {
-      filler = std::make_unique<asio::ip::tcp::socket>(context_);
-      filler->async_connect(acceptor_.local_endpoint(), [](std::error_code) {}); // begun, never looked at
-    }
+struct DeafPort {
+  DeafPort() : acceptor(context) {
+    acceptor.open(asio::ip::tcp::v4());
+    acceptor.bind({asio::ip::address_v4::loopback(), 0});
+    acceptor.listen(0);
+    for (int i = 0; i < 4; ++i) // begun, never looked at
+      fillers.emplace_back(context).async_connect(acceptor.local_endpoint(), [](std::error_code) {});
   }
-  std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
+  std::uint16_t port() const { return acceptor.local_endpoint().port(); }
 
-private:
-  asio::io_context context_;
-  asio::ip::tcp::acceptor acceptor_;
-  std::array<std::unique_ptr<asio::ip::tcp::socket>, 4> fillers_;
+  asio::io_context context;
+  asio::ip::tcp::acceptor acceptor;
+  std::deque<asio::ip::tcp::socket> fillers;
 };
 
 std::uint16_t closedPort() {

@@ -8,16 +8,15 @@ from contextlib import contextmanager
 
 import pytest
 import vorlinkit_python as vorlin
+from fake_server import config_for
 from vorlinkit.simulator import SimulatorProcess
 
 CLIENT_ID = 1
 SUPPORTED_COMMANDS = 6
 MACHINE_INFO = 11
 MOTOR_POSITION = 158
-SHORT = 300
-"""A time-out, in milliseconds, for answers that never come."""
-WAIT = 10
-"""Seconds in which an awaited event has to come."""
+SHORT = 300  # milliseconds: a time-out for answers that never come
+WAIT = 10  # seconds in which an awaited event has to come
 
 INFO = b"\x01\x021.0\x00SIM-0001\x00VorlinKit simulator\x00"
 ANSWERED = (INFO, "")
@@ -29,11 +28,8 @@ def session_with(
 ) -> Iterator[tuple[vorlin.VorlinSession, SimulatorProcess, queue.Queue[tuple[bool, str]]]]:
     """A connected session with a simulator that follows these rules, and the session's states."""
     with SimulatorProcess(rules=rules) as simulator:
-        config = vorlin.SessionConfig()
-        config.host, config.port = simulator.host, simulator.port
-        config.request_timeout, config.request_attempts = timeout, attempts
-        config.auto_reconnect, config.reconnect_delay = reconnect, 1
-        session = vorlin.VorlinSession(config)
+        settings = {"request_timeout": timeout, "request_attempts": attempts, "reconnect_delay": 1}
+        session = vorlin.VorlinSession(config_for(simulator.port, auto_reconnect=reconnect, **settings))
         states: queue.Queue[tuple[bool, str]] = queue.Queue()
         session.on_connection_state_changed(lambda connected, reason: states.put((connected, reason)))
         assert session.connect() == (True, "")
@@ -146,9 +142,7 @@ def test_an_end_behind_an_answer_loses_nothing(how: str) -> None:
 def test_dropped_on_accept_until_it_is_let_in(how: str) -> None:
     rules = [f"connection={number} drop_on_accept={how}" for number in (1, 2, 3)]
     with SimulatorProcess(rules=rules) as simulator:
-        config = vorlin.SessionConfig()
-        config.host, config.port, config.reconnect_delay = simulator.host, simulator.port, 1
-        session = vorlin.VorlinSession(config)
+        session = vorlin.VorlinSession(config_for(simulator.port, auto_reconnect=True, reconnect_delay=1))
         session.connect()
         simulator.wait_for("accepted", connection=4)
         while session.send(CLIENT_ID) != (b"\x01", ""):

@@ -77,6 +77,9 @@ def test_coded_values():
     assert codes.kind == vorlin.CodedValueKind.Bitfield
     rows = [(row.code, row.description) for row in codes.values]
     assert rows == [(1, "Invalid log name"), (2, "Couldn't flush log")]
+    for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues):  # which come from the library only
+        with pytest.raises(TypeError):
+            kind()
     assert vorlin.get_server_status_restart_status_codes().kind == vorlin.CodedValueKind.Enum
     assert vorlin.get_server_status_restart_status_string(2) == "System Controler Restart"
     assert vorlin.get_statistics_statistics_id_string(17) == "Engineer\u2019s Shape Stats"

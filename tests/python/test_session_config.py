@@ -85,11 +85,5 @@ def test_enumerations(enumeration, members):
         member | member
 
 
-def test_coded_values_come_from_the_library_only():
-    for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues):
-        with pytest.raises(TypeError):
-            kind()
-
-
 def test_the_module():
     assert vorlin.__doc__ == "Wrapper Python para VorlinKit"

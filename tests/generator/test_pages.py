@@ -1,4 +1,5 @@
-"""Does what docs/correcting-a-layout.md tells an integrator to do, as far as the generator goes."""
+"""The pages that follow the catalogue: docs/layout-status.md, which is written from it, and what
+docs/correcting-a-layout.md tells an integrator to do, as far as the generator goes."""
 
 from __future__ import annotations
 
@@ -14,6 +15,9 @@ from vorlinkit import catalogue as catalogues
 from vorlinkit.catalogue import Message
 from vorlinkit.simulator import coder
 from vorlinkit.simulator.records import Record
+
+from generator import emit_status
+from generator.__main__ import DEFAULT_CATALOGUE, read_catalogue
 
 ROOT = Path(__file__).resolve().parents[2]
 PAGE = (ROOT / "docs" / "correcting-a-layout.md").read_text(encoding="utf-8")
@@ -98,3 +102,23 @@ def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
     told = (ROOT / script).read_text(encoding="utf-8")
     in_script = re.search(r'captured_response = bytes.fromhex\("(.+)"\)', told)
     assert in_script and bytes.fromhex(in_script[1]) == captured
+
+
+def status_page(*overlays: Path) -> str:
+    catalogue, findings = read_catalogue(DEFAULT_CATALOGUE, list(overlays))
+    assert not findings
+    return emit_status.emit(catalogue)
+
+
+def test_the_committed_status_is_what_the_catalogue_says() -> None:
+    committed = (ROOT / "docs" / "layout-status.md").read_text(encoding="utf-8")
+    assert committed == status_page(), "run: python3 -m generator --status docs/layout-status.md"
+
+
+def test_an_overlay_shows_in_the_status() -> None:
+    corrected = status_page(ROOT / "examples" / "overlay")
+    changed = set(corrected.splitlines()) - set(status_page().splitlines())
+    assert "| 187 | GetEjectorRateLimit | site-confirmed | site-confirmed | - | site-confirmed |" in changed
+    who = "confirmed by Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe"
+    told = f"- GetEjectorRateLimit, request and response and error rows: {who}"
+    assert any(line.startswith(told) for line in changed)
