@@ -60,7 +60,7 @@ def cases(table: str) -> list[tuple[str, list[str]]]:
 
 
 def family(text: str) -> str:
-    """The file for a text about Foo, whose head stands before [Foo]; what the text leaves out is as in GOOD."""
+    """The file for a text about Foo (its head stands before [Foo]); what is left out is as in GOOD."""
     head, foo, rest = f"\n{text}\n".rpartition("\n[Foo]")
     given = re.findall(r"^\w+", rest.partition("\n[")[0], re.MULTILINE)
     lines = [line for line in GOOD.splitlines()[2:] if line.split()[0] not in given]
