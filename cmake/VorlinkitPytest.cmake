@@ -1,16 +1,17 @@
-# Runs folders of pytest tests under ctest. The interpreter of the build may lack pytest (a private Python
-# that comes first on PATH often does), so one that has it is looked for, the build's own first.
+# Runs folders of pytest tests under ctest. The interpreter of the build may lack what they need (a private Python
+# that comes first on PATH often does), so one that has it all is looked for, the build's own first.
 if(NOT VORLINKIT_PYTEST_PYTHON)
   foreach(candidate IN ITEMS ${Python_EXECUTABLE} /usr/bin/python3 python3.11 python3)
-    execute_process(COMMAND ${candidate} -c "import sys, pytest; sys.exit(sys.version_info[:2] != (3, 11))"
+    execute_process(COMMAND ${candidate} -c "import sys, pytest, hypothesis, mypy; sys.exit(sys.version_info[:2] != (3, 11))"
                     RESULT_VARIABLE failed OUTPUT_QUIET ERROR_QUIET)
     if(NOT failed)
-      set(VORLINKIT_PYTEST_PYTHON ${candidate} CACHE FILEPATH "A Python 3.11 that has pytest" FORCE)
+      set(VORLINKIT_PYTEST_PYTHON ${candidate} CACHE FILEPATH "A Python 3.11 for the tests" FORCE)
       break()
     endif()
   endforeach()
   if(NOT VORLINKIT_PYTEST_PYTHON)
-    message(FATAL_ERROR "The tests need a Python 3.11 with pytest (Debian package python3-pytest)")
+    message(FATAL_ERROR "The tests need a Python 3.11 with pytest, hypothesis and mypy (Debian packages "
+                        "python3-pytest, python3-hypothesis and python3-mypy)")
   endif()
 endif()
 
