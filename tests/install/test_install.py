@@ -56,7 +56,8 @@ def test_no_installed_file_names_a_place_of_the_build(prefix: Path) -> None:
 
 def test_a_consumer_builds_with_cmake(prefix: Path, tmp_path: Path) -> None:
     run(
-        CMAKE, "-S", ROOT / "tests" / "install" / "consumer", "-B", tmp_path, f"-DCMAKE_PREFIX_PATH={prefix}",
+        CMAKE, "-S", ROOT / "tests" / "install" / "consumer", "-B", tmp_path, "-G", "Ninja",
+        f"-DCMAKE_PREFIX_PATH={prefix}",
         f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_CXX_FLAGS={CXXFLAGS}", f"-DEXAMPLE={EXAMPLE}",
     )  # fmt: skip
     run(CMAKE, "--build", tmp_path)
