@@ -382,7 +382,7 @@ def encoding() -> None:
     compare(
         "Python: encode ResetUsageCounts request, 1,000 components, beside struct",
         lambda: vk.encode_reset_usage_counts_request(counts),
-        lambda: struct.pack(">BH", 2, 1000) + "\0".join([*COMPONENTS, ""]).encode(),
+        lambda: struct.pack(">BH", 2, 1000) + "\0".join(COMPONENTS).encode() + b"\0",
         1,
         1,
     )
@@ -442,7 +442,7 @@ def large_messages(build: Path) -> None:
     )
 
     counts = reset_usage_counts()
-    counts_by_hand = by_hand.counts(2, "\0".join([*COMPONENTS, ""]).encode())
+    counts_by_hand = by_hand.counts(2, "\0".join(COMPONENTS).encode() + b"\0")
     beside_c_api(
         "encode ResetUsageCounts request, 1,000 components",
         lambda: vk.encode_reset_usage_counts_request(counts),

@@ -51,7 +51,7 @@ std::vector<std::span<BlockEntry>> commandBlocks() {{ return {{{listed}}}; }}
 
 def blocks(family: Family) -> str:
     tables = "".join(command_tables(command) for command in family.commands)
-    entries = "".join(f"    {entry},\n" for command in family.commands for entry in command_entries(command))
+    entries = [f"    {entry},\n" for command in family.commands for entry in command_entries(command)]
     return f"""{GENERATED}#include "CommandBlock.hpp"
 
 #include <vorlinkit/commands/{family.name}.hpp>
@@ -66,8 +66,8 @@ namespace c = commands;
 namespace {{
 
 {tables}
-constinit std::array<BlockEntry, {entries.count(chr(10))}> {family.name}_entries{{{{
-{entries}}}}};
+constinit std::array<BlockEntry, {len(entries)}> {family.name}_entries{{{{
+{"".join(entries)}}}}};
 
 }} // namespace
 

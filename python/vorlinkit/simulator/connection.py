@@ -294,7 +294,8 @@ def _pieces(parts: Iterable[bytes], size: int) -> Iterator[bytes]:
         while len(rest) >= size:
             yield bytes(rest[:size])
             del rest[:size]
-    yield bytes(rest)
+    if rest:
+        yield bytes(rest)
 
 
 def _filled(parts: Iterable[bytes]) -> Iterator[bytes]:
