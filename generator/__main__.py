@@ -17,7 +17,7 @@ import argparse
 import sys
 from pathlib import Path
 
-from . import emit_bindings, emit_cpp, emit_json, emit_status, emit_stub, load, notation
+from . import emit_bindings, emit_cpp, emit_effects, emit_json, emit_status, emit_stub, load, notation
 from .model import Catalogue, Finding, each_once
 from .report import report
 from .validate import validate
@@ -66,6 +66,9 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
     parser.add_argument(
         "--status", type=Path, metavar="FILE", help="write the page that says how sure each layout is"
     )
+    parser.add_argument(
+        "--effects", type=Path, metavar="FILE", help="write the page that says what each command does"
+    )
     return parser.parse_args(argv)
 
 
@@ -109,6 +112,8 @@ def main(argv: list[str] | None = None) -> int:
         write(options.json, emit_json.emit(catalogue))
     if options.status:
         write(options.status, emit_status.emit(catalogue))
+    if options.effects:
+        write(options.effects, emit_effects.emit(catalogue))
     if options.report:
         print(report(catalogue), end="")
     elif options.check:

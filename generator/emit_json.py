@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+from dataclasses import asdict
 from typing import Any
 
 from .model import Blob, Catalogue, Command, Family, Field, List, Message, Record, Scalar, Table, Variant
@@ -31,6 +32,7 @@ def command_json(family: Family, command: Command) -> dict[str, Any]:
         "errors_standing": command.errors.standing.name if command.errors else "",
         "errors_why": command.errors.standing.why if command.errors else "",
         "coded": {table.key: rows_json(table) for table in command.coded},
+        **asdict(command.facts),
     }
 
 

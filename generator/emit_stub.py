@@ -6,6 +6,7 @@ import keyword
 from collections.abc import Iterator
 
 from . import emit_bindings
+from .facts import in_words
 from .model import Blob, Catalogue, Command, Field, List, Message, Record, Scalar, Variant
 
 
@@ -15,7 +16,8 @@ def emit(catalogue: Catalogue, session_part: str) -> str:
 
 
 def block(command: Command) -> str:
-    parts = [f"# -- {command.name} ({command.id})\n", f"{command.constant}: int\n"]
+    about = docstring(" ".join((f"Id of {command.name}.", *in_words(command))), "")
+    parts = [f"# -- {command.name} ({command.id})\n", f"{command.constant}: int\n", about]
     for message in command.messages:
         parts += [record_class(command, message, record) for record in message.record.tree()]
         parts += [function(*each) for each in emit_bindings.message_functions(command, message)]

@@ -15,6 +15,7 @@ from . import names
 INTEGER_BITS = {"u8": 8, "u16": 16, "u32": 32, "u64": 64}
 SCALAR_KINDS = (*INTEGER_BITS, "string", "uuid")
 ROLES = ("request", "response", "notification")
+EFFECTS = ("read", "change")
 COMMAND_ERROR = "CommandError"
 LAYOUTS = "layouts"
 KEY = re.compile(r"[A-Z][A-Za-z0-9]*")
@@ -165,6 +166,25 @@ class Table:
 
 
 @dataclass(frozen=True)
+class Facts:
+    """What a command does, beside its layouts. Fields are given by their keys.
+
+    `effect`: "read" if the machine's sorting, its settings and its stored data stay as they are, else "change"; a
+    subscription belongs to the connection and is no change. `harmless`: why a read is believed to be one.
+    `subscribes`: the field of the request that asks for notifications or ends them. `address`: the fields of the
+    request that name what its notifications are about. `unasked`: when notifications come that no such field has
+    asked for. `progress`: the number in the notifications that says how far the task is that the request began.
+    """
+
+    effect: str = "change"
+    harmless: str = ""
+    subscribes: str = ""
+    address: tuple[str, ...] = ()
+    unasked: str = ""
+    progress: str = ""
+
+
+@dataclass(frozen=True)
 class Command:
     name: str
     id: int
@@ -175,6 +195,7 @@ class Command:
     about: str = ""
     file: str = ""
     overlay: bool = False
+    facts: Facts = Facts()
 
     @property
     def snake(self) -> str:

@@ -18,6 +18,7 @@ from .model import (
     LAYOUTS,
     ROLES,
     Command,
+    Facts,
     Family,
     Finding,
     Index,
@@ -31,7 +32,11 @@ from .model import (
 )
 
 HEAD_KEYS = ("title", "standing", "about", "confirmed_by")
-COMMAND_KEYS = ("id", *ROLES, "errors", "coded", "confirmed", "assumed", "why", "confirmed_by", "about")
+FACT_KEYS = tuple(Facts.__dataclass_fields__)
+COMMAND_KEYS = (
+    *("id", *ROLES, "errors", "coded", "confirmed", "assumed", "why", "confirmed_by", "about"),
+    *FACT_KEYS,
+)
 STANDINGS = ("confirmed", "assumed")
 
 
@@ -117,10 +122,22 @@ class Reader(FieldReader):
             record = self.record(names.message_type(name, role), table[role])
             messages.append(Message(role, record, standings[role]))
         errors, coded = self.code_tables(table, messages, standings)
-        self.command = self.message = ""
+        self.message = ""
+        facts, overlay = self.facts(table), self.document.layer > 0
+        self.command = ""
         about = self.text(table, "about", "about")
-        overlay = self.document.layer > 0
-        return Command(name, number, tuple(messages), errors, coded, about, self.document.file, overlay)
+        return Command(
+            name, number, tuple(messages), errors, coded, about, self.document.file, overlay, facts
+        )
+
+    def facts(self, table: dict[str, Any]) -> Facts:
+        address = table.get("address", [])
+        if not isinstance(address, list) or not all(isinstance(key, str) for key in address):
+            self.complain('write address = ["Key", ...]')
+            address = []
+        texts = {key: self.text(table, key, key) for key in FACT_KEYS if key not in ("effect", "address")}
+        effect = self.text(table, "effect", "effect") or Facts.effect
+        return Facts(effect=effect, address=tuple(address), **texts)
 
     def standings(self, table: dict[str, Any], head: Head) -> dict[str, Standing]:
         """The standing of each message and of the error rows."""

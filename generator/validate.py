@@ -6,6 +6,7 @@ import re
 from collections.abc import Iterator
 
 from . import names
+from .facts import fact_findings
 from .model import (
     COMMAND_ERROR,
     INTEGER_BITS,
@@ -71,6 +72,8 @@ def command_findings(command: Command) -> Iterator[Finding]:
             yield complain(text, message.role, where)
     for (part, field), text in table_findings(command):
         yield complain(text, part, field)
+    for text in fact_findings(command):
+        yield complain(text)
 
 
 def place(path: str, field: Field) -> str:

@@ -16,6 +16,7 @@ from typing import Any, Final, Literal, Union
 
 Kind = Literal["u8", "u16", "u32", "u64", "string", "uuid"]
 Standing = Literal["confirmed", "assumed", "site-confirmed"]
+Effect = Literal["read", "change"]
 MessageKind = Literal["request", "response", "notification"]
 
 MESSAGE_KINDS: Final[tuple[MessageKind, ...]] = ("request", "response", "notification")
@@ -110,7 +111,20 @@ class Message:
 
 @dataclass(frozen=True)
 class Command:
-    """One command and its messages; ``errors`` is None when no message carries a CommandError."""
+    """One command: its messages, and what is known of it beside their layouts.
+
+    ``errors`` is None when no message carries a CommandError.
+
+    ``effect``: "read" if the machine's sorting, its settings and its stored data stay as they are, and then
+    ``harmless`` says why that is believed; otherwise, and in doubt, "change". It was judged from names,
+    fields and texts, not at a machine. A subscription belongs to the connection and is no change.
+
+    ``subscribes``: the key of the request's field that asks for notifications (0 presumably ends them), "" if
+    there is none. ``unasked`` then says when they come, and is "" otherwise; both are "" for a command
+    without notifications. ``address``: the keys of the request's fields that name what the notifications are
+    about; asking again about the same object replaces the earlier subscription. ``progress``: the key of the
+    notification's field that says, in percent, how far the task is that the request began, "" if none does.
+    """
 
     id: int
     name: str
@@ -121,6 +135,12 @@ class Command:
     errors: tuple[CodedValue, ...] | None
     errors_standing: str
     coded: Mapping[str, tuple[CodedValue, ...]]
+    effect: Effect
+    harmless: str
+    subscribes: str
+    address: tuple[str, ...]
+    unasked: str
+    progress: str
 
     @property
     def request(self) -> Message | None:
@@ -236,6 +256,12 @@ def _command(entry: Mapping[str, Any]) -> Command:
         errors=None if errors is None else _codes(errors),
         errors_standing=entry.get("errors_standing", ""),
         coded={key: _codes(rows) for key, rows in (entry.get("coded") or {}).items()},
+        effect=entry["effect"],
+        harmless=entry["harmless"],
+        subscribes=entry["subscribes"],
+        address=tuple(entry["address"]),
+        unasked=entry["unasked"],
+        progress=entry["progress"],
     )
 
 

@@ -10,12 +10,12 @@ from collections.abc import Sequence
 
 from vorlinkit import catalogue as catalogues
 
-from .events import EventLog
-from .machine import honest_words
-from .misbehaviour import ScenarioError
+from .faults.misbehaviour import ScenarioError
+from .faults.scenario import parse_text, read_file
+from .network.events import EventLog
+from .network.server import ListenError, SimulatorServer, open_scenario
 from .options import Options, parse
-from .scenario import parse_text, read_file
-from .server import ListenError, SimulatorServer, open_scenario
+from .state.machine import disclaimer
 
 STOPPING_SIGNALS = (signal.SIGINT, signal.SIGTERM)
 
@@ -42,7 +42,7 @@ async def _serve(options: Options) -> int:
     server = SimulatorServer(catalogue, options, open_scenario(catalogue, tables), EventLog(options.events))
     host, port = await server.start()
     _stop_on_signals(server)
-    for line in honest_words(catalogue):
+    for line in disclaimer(catalogue):
         print(line)
     print(f"Listening on {host}:{port}", flush=True)
     if options.control:

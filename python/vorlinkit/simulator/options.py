@@ -9,9 +9,9 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Final
 
-from .clock import LATEST
-from .machine import MachineOptions
-from .misbehaviour import LARGEST_PAYLOAD
+from .faults.misbehaviour import LARGEST_PAYLOAD
+from .state.clock import LATEST
+from .state.machine import MachineOptions
 
 DEFAULT_PORT: Final = 50713
 LONGEST_WAIT: Final = 0xFFFFFFFF

@@ -1,28 +1,29 @@
 """The simulated machine: what it is asked becomes what it answers, without a socket in sight.
 
-A request goes through the gate (header, client id, control), is decoded, answered by the room that knows the
-command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one
+A request goes through the gate (header, client id, control), is decoded, answered by the component that knows
+the command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one
 thread, the event loop's.
 """
 
 from __future__ import annotations
 
-import re
-from collections.abc import Callable, Mapping, Sequence
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
-from typing import Final, Protocol
+from typing import Final
 
 from vorlinkit.catalogue import Catalogue, Command
+from vorlinkit.wire import frames
+from vorlinkit.wire.coder import PayloadError, decode, encode
+from vorlinkit.wire.frames import MajorError, MinorError, RequestFrame
+from vorlinkit.wire.records import Known, Record, number
 
-from . import frames
+from ..answer import Answer
 from .clock import Clock
-from .coder import PayloadError, decode, encode
-from .course import course
-from .frames import MajorError, MinorError, RequestFrame
+from .component import Handler
+from .components import all_components
 from .memory import Memory
-from .misbehaviour import Answer
 from .plausible import Plausible
-from .records import Known, Record, number
+from .stages import stages
 from .subscriptions import (
     Client,
     Subscription,
@@ -32,17 +33,7 @@ from .subscriptions import (
     unsubscribe,
 )
 
-Handler = Callable[[Client, Record], Known]
-"""What a room does with a request: it returns what it knows of the response, by key."""
-
 COMMAND_ERROR: Final = "CommandError"
-
-
-class Room(Protocol):
-    """A part of the machine that keeps state of its own and answers the commands it knows by name."""
-
-    def handlers(self) -> Mapping[str, Handler]:
-        """The commands that the room answers."""
 
 
 @dataclass(frozen=True)
@@ -71,8 +62,6 @@ class Machine:
     """State and answers of the simulated machine."""
 
     def __init__(self, catalogue: Catalogue, options: MachineOptions, clock: Clock) -> None:
-        from .rooms import furnish  # the rooms need the machine's types
-
         self.catalogue = catalogue
         self.options = options
         self.clock = clock
@@ -82,16 +71,20 @@ class Machine:
         self._by_id = {command.id: command for command in reversed(catalogue.commands)}
         self._by_id.update({catalogue.named(name).id: catalogue.named(name) for name in options.prefer})
         self._handlers: dict[str, Handler] = {}
-        self._own_notifications: set[str] = set()
+        self._only_on_events: set[str] = set()
         self._leaving: list[Callable[[Client], None]] = []
         self._stopping: list[Callable[[], None]] = []
         self._movers: list[Callable[[], bool]] = []
         self.motion_wanted: Callable[[], None] = lambda: None
         self.holder: Client | None = None
-        for room in furnish(self):
-            self._handlers.update(room.handlers())
+        for component in all_components(self):
+            self._handlers.update(component.handlers())
+        # A component that answers a command whose notifications come unasked tells of the event itself.
+        self.only_on_events(
+            *(one.name for one in catalogue.commands if one.unasked and one.name in self._handlers)
+        )
 
-    # --- what rooms use ---------------------------------------------------------------------------
+    # --- what components use ----------------------------------------------------------------------
 
     def on_leaving(self, action: Callable[[Client], None]) -> None:
         """Have ``action`` called for every client that leaves."""
@@ -109,9 +102,9 @@ class Machine:
         """Something has to move."""
         self.motion_wanted()
 
-    def notifies_itself(self, *names: str) -> None:
+    def only_on_events(self, *names: str) -> None:
         """These notifications are sent when something happens, never just for having been subscribed."""
-        self._own_notifications.update(names)
+        self._only_on_events.update(names)
 
     def changed(self, name: str, address: Known | None = None, extra: Known | None = None) -> None:
         """Tell everyone who subscribed to this object; ``extra`` are values for the notification alone."""
@@ -160,7 +153,7 @@ class Machine:
             if client.lags():
                 continue
             for subscription in list(client.subscriptions):
-                if subscription.command.name not in self._own_notifications:
+                if subscription.command.name not in self._only_on_events:
                     self._report(client, subscription, {})
                     sent += 1
         return sent
@@ -201,17 +194,18 @@ class Machine:
         command = reply.command
         if command is None or command.notification is None or reply.answer.major_error:
             return
-        level = subscribing_level(reply.request)
+        level = subscribing_level(command, reply.request)
         if level == 0:
             unsubscribe(client, command, reply.request)
         if level == 0 or number(reply.response, COMMAND_ERROR) != 0:
             return
         if level is not None:
             subscribe(client, command, reply.request)
-        only_asked = level is not None and _QUESTION.match(command.name)
-        if command.name in self._own_notifications or (only_asked and not self.options.notify_at_once):
+        only_asked = level is not None and command.effect == "read"
+        if command.name in self._only_on_events or (only_asked and not self.options.notify_at_once):
             return
-        for stage in course(command):
+        # What a component answers is done at once; all other tasks take their time.
+        for stage in ({},) if command.name in self._handlers else stages(command):
             client.deliver(self.notification(command, stage, reply.known, reply.request, reply.response))
 
     def notification(self, command: Command, *known: Known) -> bytes:
@@ -264,15 +258,13 @@ class Machine:
         # Only a question may be asked again; a change is not made twice for the sake of a report.
         known = (
             self._known(client, command, request)
-            if _QUESTION.match(command.name)
+            if command.effect == "read"
             else self._memory.recall(command, request)
         )
         response = self._completed(command, known, request)
         client.deliver(self.notification(command, extra, known, request, response))
 
 
-_QUESTION: Final = re.compile(r"(?!GetDataDump$)(Get|Is|Read)[A-Z]|.*Notifications?$")
-"""Commands that ask or subscribe and change nothing. A data dump is made when it is asked for."""
 _OPEN_TO_ALL: Final = (
     "GetClientId",
     "NoOpCommand",
@@ -280,17 +272,18 @@ _OPEN_TO_ALL: Final = (
     "IsCommandSupported",
     "GetHeaderVersions",
 )
-_CHANGING: Final = (
-    "Abort Add Calibrate Create Delete Disable Enable Force Ignore LoadCell Modify Protect Recall Remove "
-    "Rename RequestProcess RequestTest Reset Restore Resume Save Send Set Start Stop Terminate Unprotect "
-    "Update Upload User Write"
-).split()
-_NEVER_NEEDING_CONTROL: Final = (
+_AHEAD_OF_CONTROL: Final = (
+    "GetClientId",
+    "GetExclusiveControl",
+    "ReleaseExclusiveControl",
     "ForcedGetExclusiveControl",
+    "GetExclusiveControlWithUser",
     "ForcedGetExclusiveControlWithUser",
+    "UiLogInOut",
     "StartRemoteAccess",
     "StopRemoteAccess",
 )
+"""What says who a client is, takes or gives back control, or lets support in, which must work without it."""
 
 
 def _is_open_to_all(command: Command | None) -> bool:
@@ -301,9 +294,9 @@ def needs_control(command: Command) -> bool:
     """Whether the simulator asks for exclusive control under --strict-control: commands that change the
     machine.
 
-    Which commands a real machine guards is the machine's own; this goes by their names.
+    Which commands a real machine guards is the machine's own.
     """
-    return command.name not in _NEVER_NEEDING_CONTROL and command.name.startswith(tuple(_CHANGING))
+    return command.effect == "change" and command.name not in _AHEAD_OF_CONTROL
 
 
 def _first_codes(command: Command) -> Record:
@@ -311,8 +304,8 @@ def _first_codes(command: Command) -> Record:
     return {key: rows[0].code for key, rows in command.coded.items() if rows}
 
 
-def honest_words(catalogue: Catalogue) -> Sequence[str]:
-    """The honest words about the catalogue that the simulator starts with."""
+def disclaimer(catalogue: Catalogue) -> Sequence[str]:
+    """What the simulator says of itself when it starts: that it is none, and how sure the layouts are."""
     standings = catalogue.standings()
     confirmed, at_site, assumed = (
         standings.get(one, 0) for one in ("confirmed", "site-confirmed", "assumed")

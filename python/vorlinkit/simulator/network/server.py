@@ -12,14 +12,14 @@ from typing import Any
 
 from vorlinkit.catalogue import Catalogue
 
+from ..faults.misbehaviour import ScenarioError, payload_size, whole_number
+from ..faults.scenario import Scenario, command_id, known_words, parse_text, plain_value, words_of
+from ..options import Options
+from ..state.clock import Clock
+from ..state.machine import Machine
 from .bursts import notification_of, numbered
-from .clock import Clock
 from .connection import ClientConnection
 from .events import EventLog
-from .machine import Machine
-from .misbehaviour import ScenarioError, payload_size, whole_number
-from .options import Options
-from .scenario import Scenario, command_id, known_words, parse_text, plain_value, words_of
 
 STOP_PATIENCE = 1.0
 """How many seconds clients get to take their last notifications when the simulator stops."""

@@ -6,10 +6,7 @@ from collections.abc import Callable, Iterator
 from dataclasses import dataclass, field
 
 from vorlinkit.catalogue import Command
-
-from .records import Known, Record
-
-SUBSCRIBING_KEYS = ("NotificationLevel", "NotificationsRequired")
+from vorlinkit.wire.records import Known, Record
 
 
 @dataclass
@@ -37,8 +34,8 @@ class Subscription:
 
     @property
     def address(self) -> Record:
-        """What the request says beside the subscribing byte: the object it is about."""
-        return {key: value for key, value in self.request.items() if key not in SUBSCRIBING_KEYS}
+        """The object that the request is about."""
+        return {key: self.request[key] for key in self.command.address if key in self.request}
 
     def is_about(self, address: Known) -> bool:
         """Whether a change of this object concerns the subscriber: nothing that both name may differ."""
@@ -46,13 +43,10 @@ class Subscription:
         return all(own[key] == value for key, value in address.items() if key in own)
 
 
-def subscribing_level(request: Record) -> int | None:
-    """The subscribing byte of a request; None when its layout has none."""
-    for key in SUBSCRIBING_KEYS:
-        value = request.get(key)
-        if isinstance(value, int):
-            return value
-    return None
+def subscribing_level(command: Command, request: Record) -> int | None:
+    """The value of the subscribing field of a request; None when the command has no such field."""
+    value = request.get(command.subscribes)
+    return value if isinstance(value, int) else None
 
 
 def subscribe(client: Client, command: Command, request: Record) -> Subscription:

@@ -1,6 +1,6 @@
 """Plausible, repeatable values for whatever a layout asks for.
 
-A room of the machine says what it knows; everything else of an answer is made up here from the name, the kind
+A component of the machine says what it knows; everything else of an answer is made up here from the name, the kind
 and the place of each field. The same question always gets the same answer, and an answer always keeps its own
 promises: counts match their lists, a discriminator names the alternative that follows.
 """
@@ -21,9 +21,8 @@ from vorlinkit.catalogue import (
     ScalarField,
     VariantField,
 )
-
-from .coder import uuid_text
-from .records import Known, Record, Value, Variant
+from vorlinkit.wire.coder import uuid_text
+from vorlinkit.wire.records import Known, Record, Value, Variant
 
 Held = TypeVar("Held")
 

@@ -12,7 +12,8 @@ from typing import Any, Final
 
 from vorlinkit.catalogue import Catalogue
 
-from .misbehaviour import ACTIONS, Answer, Misbehaviour, ScenarioError, build, only_true, whole_number
+from ..answer import Answer
+from .misbehaviour import ACTIONS, Misbehaviour, ScenarioError, build, only_true, whole_number
 
 _WHEN: Final = ("command", "request", "from", "to", "connection")
 _BESIDE: Final = ("size", "of")

@@ -1,58 +1,16 @@
-"""What an answer of the simulator is, and every way in which it can be made to go wrong.
-
-An Answer is a plan: nothing has been sent yet. A misbehaviour is a small object that changes the plan; the
-connection then carries it out. So what goes wrong is decided in one place and can be tested without a socket.
-"""
+"""Every way in which an answer can be made to go wrong: small objects that change the plan of it."""
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable, Mapping
-from dataclasses import dataclass, field, replace
+from collections.abc import Mapping
+from dataclasses import dataclass, replace
 from itertools import chain
-from typing import Any, Final, Literal, Protocol
+from typing import Any, Final, Protocol
 
-from . import frames
-from .frames import MajorError, MinorError
+from vorlinkit.wire import frames
+from vorlinkit.wire.frames import MajorError, MinorError
 
-Ending = Literal["half-close", "reset", "close"]
-Moment = Literal["instead", "middle", "after"]
-
-NotificationMaker = Callable[[int | None, int, int | None], Iterable[bytes]]
-"""Makes notification frames: of which command (None: the one that is answered), how many, of which payload
-size.
-"""
-
-
-@dataclass(frozen=True)
-class Answer:
-    """What a request is going to be answered with, and how it is going to leave."""
-
-    command_id: int
-    payload: bytes = b""
-    major_error: int = 0
-    minor_error: int = 0
-    announced: int | None = None
-    delay: float = 0.0
-    copies: int = 1
-    chunk: int | None = None
-    together: bool = False
-    ahead: tuple[bytes, ...] = ()
-    behind: tuple[bytes, ...] = ()
-    burst: Iterable[bytes] = ()
-    burst_count: int = 0
-    frame: bytes | None = None
-    ending: tuple[Ending, Moment] | None = None
-    silent: bool = False
-    has_command_error: bool = False
-    make_notifications: NotificationMaker = field(default=lambda command, count, size: (), repr=False)
-
-    def response(self) -> bytes:
-        """The response frame as it leaves, once."""
-        if self.frame is not None:
-            return self.frame
-        return frames.response(
-            self.command_id, self.payload, self.major_error, self.minor_error, self.announced
-        )
+from ..answer import Answer, Ending, Moment
 
 
 class Misbehaviour(Protocol):

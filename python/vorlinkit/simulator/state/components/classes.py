@@ -4,13 +4,12 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 UNKNOWN_CLASS: Final = 0x0001
 LEVEL_OUT_OF_RANGE: Final = 0x0002
@@ -34,10 +33,10 @@ class SortClass:
     level: int = 50
 
 
-class ClassesRoom:
+class ClassesComponent:
     """The classes Good, Broken and Foreign in the divisions D1 and D2."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._classes = [
             SortClass(name, division, destination=destination)

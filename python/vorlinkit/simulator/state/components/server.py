@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 LOG_NAMES: Final = ("System", "Audit", "VORLIN")
 FLUSH_BEHAVIOURS: Final = (0, 1, 2)
@@ -21,16 +20,16 @@ REMOTE_ON: Final = 1
 MANUAL_SHUT_DOWN: Final = 0
 
 
-class ServerRoom:
+class ServerComponent:
     """State of the server: all clients share it."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._started = machine.clock.now()
         self._flush_behaviour = 0
         self._remote_sessions = 0
         self._remote = REMOTE_OFF
-        machine.notifies_itself("GetServerStatus")
+        machine.only_on_events("GetServerStatus")
         machine.on_stopping(self._announce_stop)
 
     def handlers(self) -> Mapping[str, Handler]:

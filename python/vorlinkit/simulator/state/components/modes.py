@@ -4,13 +4,12 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from dataclasses import dataclass, field, replace
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 FACTORY: Final = 1
 USER: Final = 2
@@ -36,16 +35,16 @@ class Mode:
     information: dict[str, str] = field(default_factory=dict)
 
 
-class ModesRoom:
+class ModesComponent:
     """The factory modes Standard and Fine, and the user's mode User1. Standard is the current one."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._modes = [Mode("Standard", FACTORY, 1), Mode("Fine", FACTORY, 1), Mode("User1")]
         for mode in self._modes:
             mode.information["Description"] = f"{mode.name} (simulated)"
         self._current = self._modes[0]
-        machine.notifies_itself("RequestModeRecallNotifications")
+        machine.only_on_events("RequestModeRecallNotifications")
 
     def handlers(self) -> Mapping[str, Handler]:
         return {

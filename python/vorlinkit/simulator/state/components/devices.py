@@ -4,13 +4,12 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 HIGHEST_POSITION: Final = 1000
 STEP: Final = 100
@@ -58,10 +57,10 @@ class Device:
 
 
 @dataclass
-class DevicesRoom:
+class DevicesComponent:
     """The devices AD1 (two motors), AD2 (one motor) and AD3 (another type, no motor)."""
 
-    machine: Machine
+    machine: Services
     devices: tuple[Device, ...] = field(
         default_factory=lambda: (
             Device("AD1", 1, (Motor(1, 3), Motor(2, 5))),

@@ -3,20 +3,17 @@
 from __future__ import annotations
 
 from collections.abc import Iterator, Mapping, Sequence
-from typing import TYPE_CHECKING
 
 from vorlinkit.catalogue import Field, ListField, VariantField
+from vorlinkit.wire.records import Known
 
-from ..records import Known
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
+from ..component import Handler, Services
 
 
-class StatisticsRoom:
+class StatisticsComponent:
     """Reads the ids off the variants of the catalogue."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
 
     def handlers(self) -> Mapping[str, Handler]:

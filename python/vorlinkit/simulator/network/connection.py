@@ -10,15 +10,16 @@ from dataclasses import dataclass, replace
 from itertools import chain, islice
 from typing import Final
 
-from . import frames
+from vorlinkit.wire import frames
+from vorlinkit.wire.frames import MajorError, RequestFrame
+from vorlinkit.wire.render import to_json
+
+from ..answer import Answer, Ending
+from ..faults.scenario import ConnectionRule, Scenario
+from ..state.machine import Machine, Reply
+from ..state.subscriptions import Client
 from .bursts import maker
 from .events import EventLog
-from .frames import MajorError, RequestFrame
-from .machine import Machine, Reply
-from .misbehaviour import Answer, Ending
-from .render import to_json
-from .scenario import ConnectionRule, Scenario
-from .subscriptions import Client
 
 BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000

@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, text
+from vorlinkit.wire.records import Known, Record, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 NOBODY: Final = 0
 YOU: Final = 1
@@ -21,24 +20,17 @@ NOT_YOURS_TO_RELEASE: Final = 0x0002
 INVALID_USER_NAME: Final = 0x0004
 
 
-class ControlRoom:
+class ControlComponent:
     """Who has control, and who is told.
 
     A client that loses control to another one is told by the notification of the command with which it took
     it; clients that registered (command 5) are told of every change but their own.
     """
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._taken_by = ""
         machine.on_leaving(self._release_of)
-        machine.notifies_itself(
-            "GetExclusiveControl",
-            "ForcedGetExclusiveControl",
-            "RegisterForExclusiveControlNotifications",
-            "GetExclusiveControlWithUser",
-            "ForcedGetExclusiveControlWithUser",
-        )
 
     def handlers(self) -> Mapping[str, Handler]:
         return {

@@ -3,23 +3,22 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
 from .modes import ADDED, REMOVED
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 BY_REQUEST: Final = 1
 """The simulator's own number for why an object is disabled."""
 
 
-class SystemObjectsRoom:
+class SystemObjectsComponent:
     """Every name is an object that may be disabled; to begin with none is."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._disabled: list[str] = []
 

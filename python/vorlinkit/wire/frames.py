@@ -1,4 +1,4 @@
-"""The three frame headers: cutting requests out of a byte stream, building responses and notifications."""
+"""The three frame headers: reading what a client sends, building what a machine sends."""
 
 from __future__ import annotations
 

@@ -1,7 +1,6 @@
 """Payload bytes to records and back, read off the layouts of the catalogue.
 
-This is the machine's side of the wire, written on its own: it shares no code with the client library, so that
-the two can check each other.
+Written on its own: it shares no code with the C++ library, so that the two can check each other.
 """
 
 from __future__ import annotations

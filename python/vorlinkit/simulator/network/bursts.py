@@ -6,13 +6,14 @@ from collections.abc import Iterable, Iterator, Mapping
 from itertools import repeat
 
 from vorlinkit.catalogue import Command, ScalarField, VariantField
+from vorlinkit.wire import frames
+from vorlinkit.wire.records import Record, Variant
 
-from . import frames
-from .machine import Machine, Reply
-from .misbehaviour import NotificationMaker, ScenarioError
-from .records import Record, Variant
-from .scenario import known_words, plain_value
-from .subscriptions import Client
+from ..answer import NotificationMaker
+from ..faults.misbehaviour import ScenarioError
+from ..faults.scenario import known_words, plain_value
+from ..state.machine import Machine, Reply
+from ..state.subscriptions import Client
 
 OF_NOTHING_ELSE = "RegisterForExclusiveControlNotifications"
 """What is told when neither rule nor request nor subscription says which notification it should be."""

@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number
+from vorlinkit.wire.records import Known, Record, number
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 Key = tuple[int, ...]
 KEY_FIELDS: Final = ("SensitivityType", "Division", "CameraPosition", "Side", "ListIndex")
@@ -17,10 +16,10 @@ TYPES: Final = (1, 2)
 HIGHEST_VALUE: Final = 100
 
 
-class SensitivitiesRoom:
+class SensitivitiesComponent:
     """Two types, each for two camera positions of division 0."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._values: dict[Key, int] = {(kind, 0, camera, 1, 0): 40 for kind in TYPES for camera in (1, 2)}
 

@@ -1,4 +1,4 @@
-"""How the simulator holds a payload: a dict from protocol key to value, in the order of the layout.
+"""How a payload is held: a dict from protocol key to value, in the order of the layout.
 
 Numbers are ints, strings are str (UTF-8 with surrogateescape, so that no byte is lost), a uuid is its text of
 36 characters, a blob is bytes, a list is a list of records. A variant has no key of its own on the wire; it

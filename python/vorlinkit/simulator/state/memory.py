@@ -1,4 +1,4 @@
-"""What setters leave behind for getters, for every command that no room of the machine knows by heart.
+"""What setters leave behind for getters, for every command that no component of the machine answers.
 
 ``SetFeedRate`` names a feed configurer and a rate, ``GetFeedRate`` asks for a configurer and answers with a
 rate: the setter's fields that the getter's request has too are the address, those that its response has are
@@ -13,9 +13,7 @@ from dataclasses import dataclass
 from typing import Final
 
 from vorlinkit.catalogue import Catalogue, Command, Field, ListField, ScalarField
-
-from .records import Known, Record, Value
-from .subscriptions import SUBSCRIBING_KEYS
+from vorlinkit.wire.records import Known, Record, Value
 
 _SETTER: Final = re.compile(
     r"^(Set|Force|Ignore|Enable|Disable|Write|Select|Modify|Update|Rename|StartStop|Request|Protect|Unprotect)(?=[A-Z])"
@@ -99,9 +97,9 @@ class Memory:
         return found
 
     def _remember_for_lists(self, command: Command, request: Record) -> None:
-        if command.request is None or not _SETTER.match(command.name):
+        if command.request is None or not _is_setter(command):
             return
-        keys = [field.key for field in _scalars(command.request.fields) if field.key not in SUBSCRIBING_KEYS]
+        keys = [field.key for field in _scalars(command.request.fields) if field.key != command.subscribes]
         address = tuple((key, request[key]) for key in keys if _NAMING.search(key))
         if address:
             shown = {name: request[key] for key in keys if not _NAMING.search(key) for name in _shown_as(key)}
@@ -128,7 +126,7 @@ class Memory:
 def _getters_by_topic(catalogue: Catalogue) -> Mapping[str, Sequence[Command]]:
     topics: dict[str, list[Command]] = {}
     for command in catalogue.commands:
-        if _GETTER.match(command.name):
+        if command.effect == "read" and _GETTER.match(command.name):
             topic = _GETTER_ENDING.sub("", _GETTER.sub("", command.name))
             topics.setdefault(topic, []).append(command)
         topics.setdefault(command.name, []).append(command)
@@ -142,17 +140,20 @@ def _getters_of(command: Command, getters: Mapping[str, Sequence[Command]]) -> l
         return [
             getter for name in PAIRS[command.name] for getter in getters.get(name, ()) if getter.name == name
         ]
-    match = _SETTER.match(command.name)
-    if match is None:
+    if not _is_setter(command):
         return []
-    topics = (command.name[match.end() :], command.name)
+    topics = (_SETTER.sub("", command.name), command.name)
     found = [getter for topic in topics for getter in getters.get(topic, ()) if getter is not command]
     return [*found, command] if command.notification is not None else found
 
 
+def _is_setter(command: Command) -> bool:
+    return command.effect == "change" and _SETTER.match(command.name) is not None
+
+
 def _link(setter: Command, getter: Command) -> _Link | None:
     assert setter.request is not None
-    given = [field.key for field in _scalars(setter.request.fields) if field.key not in SUBSCRIBING_KEYS]
+    given = [field.key for field in _scalars(setter.request.fields) if field.key != setter.subscribes]
     asked = {field.key for field in _scalars(getter.request.fields)} if getter.request is not None else set()
     answered = {
         field.key: field.kind

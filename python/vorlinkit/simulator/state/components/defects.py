@@ -4,13 +4,12 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..records import Known, Record, number, text
+from vorlinkit.wire.records import Known, Record, number, text
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 UNKNOWN_DEFECT: Final = 0x0001
 INVALID_STATE: Final = 0x0002
@@ -31,10 +30,10 @@ class Defect:
     information: dict[str, str] = field(default_factory=dict)
 
 
-class DefectsRoom:
+class DefectsComponent:
     """The defects Stone, Glass and Discoloured in the divisions D1 and D2."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
         self._defects = [
             Defect(name, division, information={"Description": f"{name} (simulated)"})

@@ -3,14 +3,13 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import TYPE_CHECKING, Final
+from typing import Final
 
-from ..frames import NOTIFICATION, REQUEST, RESPONSE, VERSION
-from ..records import Known, Record, number
+from vorlinkit.wire.frames import NOTIFICATION, REQUEST, RESPONSE, VERSION
+from vorlinkit.wire.records import Known, Record, number
+
+from ..component import Handler, Services
 from ..subscriptions import Client
-
-if TYPE_CHECKING:
-    from ..machine import Handler, Machine
 
 MACHINE_INFO: Final[Record] = {
     "InterfaceType": 1,
@@ -22,10 +21,10 @@ MACHINE_INFO: Final[Record] = {
 HIGHEST_CLIENT_ID: Final = 255
 
 
-class IdentityRoom:
+class IdentityComponent:
     """Hands out client ids, the lowest free one first, and answers what never changes."""
 
-    def __init__(self, machine: Machine) -> None:
+    def __init__(self, machine: Services) -> None:
         self._machine = machine
 
     def handlers(self) -> Mapping[str, Handler]:

@@ -1,0 +1,1 @@
+"""What can be made to go wrong with an answer, and the rules that say when."""
