@@ -47,6 +47,7 @@ id = 1
 request = ["Name: string"]
 response = ["CommandError: u16"]
 notification = ["State: u8"]
+unasked = "now and then"
 """
 
 ONE = '[{ name = "A", when = [1], fields = ["X: u8"] }]'
@@ -139,7 +140,7 @@ request = ["ID: u8", { variant = "Data", on = "ID", alternatives = ONE }]
 
 idd = 1
 => Foo: unknown key "idd"; known are id, request, response, notification, errors, coded, confirmed,
-   assumed, why, confirmed_by, about
+   assumed, why, confirmed_by, about, effect, harmless, subscribes, address, unasked, progress
 errors = ["0x10000 Text", "0 Text", "1 A", "1 B", "2 Text; ", "3 Text ", "one Text"]
 => Foo: errors: 'one Text' is no row; write "0x0001 Text" or "1 Text"
 => Foo: errors: row 0x10000 "Text": the code does not fit 16 bits
@@ -164,6 +165,28 @@ assumed.response = ""
 => Foo: request is called both confirmed and assumed
 => Foo: standing of "errors", which the command does not have
 => Foo: assumed.response is missing
+effect = "reads"
+=> Foo: effect is "read" or "change", not "reads"
+effect = "read"
+address = "Name"
+=> Foo: write address = ["Key", ...]
+=> Foo: a read says why it is believed to be one: harmless = "..."
+harmless = "it only looks"
+unasked = ""
+=> Foo: harmless is said of a read: effect = "read"
+=> Foo: say what asks for its notifications, subscribes = "Key", or when they come without: unasked = "..."
+subscribes = "Name"
+progress = "Percent"
+=> Foo: its notifications are subscribed to, or they come unasked; say one of the two
+=> Foo: subscribes: its request has no number "Name"
+=> Foo: progress: its notification has no number "Percent"
+request = ["Level: u8", "N: u8", { list = "Names", count = "N", items = ["Side: u8"] }]
+unasked = ""
+subscribes = "Level"
+address = ["listOfNames", "Side", "N", "Level"]
+=> Foo: address: its request has no field "Side"
+=> Foo: address: "N" names no object; a count and the subscribing field do not, and each key stands once
+=> Foo: address: "Level" names no object; a count and the subscribing field do not, and each key stands once
 confirmed_by = "me"
 => Foo: confirmed_by belongs into an overlay; the catalogue itself is confirmed or assumed
 
@@ -230,6 +253,7 @@ standing = "sure"
 [A]
 id = 80
 notification = ["A: u8"]
+unasked = "always"
 errors = ["1 A"]
 => A: errors: rows are given, but neither response nor notification has a CommandError
 => A: notification: does not exist in the control list
@@ -256,7 +280,7 @@ id = 80
 response = ["A: u8"]
 => FooResponseDelayItem: is not in the control list index.toml
 title =
-=> cannot be read: Invalid value (at line 9, column 8)
+=> cannot be read: Invalid value (at line 10, column 8)
 """
 
 

@@ -13,10 +13,10 @@ from pathlib import Path
 import pytest
 from vorlinkit import catalogue as catalogues
 from vorlinkit.catalogue import Message
-from vorlinkit.simulator import coder
-from vorlinkit.simulator.records import Record
+from vorlinkit.wire import coder
+from vorlinkit.wire.records import Record
 
-from generator import emit_status
+from generator import emit_effects, emit_status
 from generator.__main__ import DEFAULT_CATALOGUE, read_catalogue
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -110,9 +110,14 @@ def status_page(*overlays: Path) -> str:
     return emit_status.emit(catalogue)
 
 
-def test_the_committed_status_is_what_the_catalogue_says() -> None:
-    committed = (ROOT / "docs" / "layout-status.md").read_text(encoding="utf-8")
-    assert committed == status_page(), "run: python3 -m generator --status docs/layout-status.md"
+def test_the_committed_pages_are_what_the_catalogue_says() -> None:
+    catalogue, _ = read_catalogue(DEFAULT_CATALOGUE)
+    for option, name, text in (
+        ("--status", "layout-status.md", emit_status.emit(catalogue)),
+        ("--effects", "command-effects.md", emit_effects.emit(catalogue)),
+    ):
+        committed = (ROOT / "docs" / name).read_text(encoding="utf-8")
+        assert committed == text, f"run: python3 -m generator {option} docs/{name}"
 
 
 def test_an_overlay_shows_in_the_status() -> None:

@@ -24,6 +24,10 @@ confirmed_by = "Example Sorter 4, software 7.2.1, 2026-11-20, Jo Doe: the maker'
 
 [GetMagnetStrength]
 id = 900
+effect = "read"
+harmless = "reads the strength, which no command sets"
+subscribes = "NotificationLevel"
+address = ["MagnetNumber"]
 request = ["MagnetNumber: u8  # counted from 1", "NotificationLevel: u8"]
 response = [
   "CommandError: u16",

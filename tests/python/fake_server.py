@@ -8,7 +8,7 @@ import sys
 import threading
 
 import vorlinkit_python as vorlin
-from vorlinkit.simulator.frames import REQUEST_HEADER, response
+from vorlinkit.wire.frames import REQUEST_HEADER, response
 
 
 def receive_exactly(connection, size):

@@ -10,7 +10,7 @@ from functools import partial
 import pytest
 import vorlinkit_python as vorlin
 from fake_server import config_for, connected_session, echo, echo_behind, serving
-from vorlinkit.simulator.frames import notification, response
+from vorlinkit.wire.frames import notification, response
 
 WAIT = 5  # seconds an awaited event may take before the test gives up
 

@@ -11,7 +11,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 import vorlinkit_python as vorlin
 from fake_server import config_for, echo, echo_behind, read_request, run_script, serving, silence
-from vorlinkit.simulator.frames import notification
+from vorlinkit.wire.frames import notification
 
 # Ends in the middle of everything: notifications into a callback, a logger, requests from daemon threads
 # and from threads that are never answered, and a session that is waiting to re-connect.

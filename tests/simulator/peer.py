@@ -7,8 +7,8 @@ from dataclasses import dataclass
 from types import TracebackType
 
 from vorlinkit.catalogue import Catalogue
-from vorlinkit.simulator import coder, frames
-from vorlinkit.simulator.records import Record, Value
+from vorlinkit.wire import coder, frames
+from vorlinkit.wire.records import Record, Value
 
 PATIENCE = 10.0
 

@@ -6,8 +6,8 @@ from collections.abc import Sequence
 
 from hypothesis import strategies as st
 from vorlinkit.catalogue import NUMBER_WIDTHS, BlobField, Field, ListField, ScalarField
-from vorlinkit.simulator.coder import uuid_text
-from vorlinkit.simulator.records import Record, Variant
+from vorlinkit.wire.coder import uuid_text
+from vorlinkit.wire.records import Record, Variant
 
 
 def records(fields: Sequence[Field]) -> st.SearchStrategy[Record]:

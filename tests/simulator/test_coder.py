@@ -9,9 +9,9 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from strategies import records
 from vorlinkit.catalogue import Catalogue, Command, Field
-from vorlinkit.simulator.coder import PayloadError, decode, encode, uuid_text
-from vorlinkit.simulator.plausible import Plausible
-from vorlinkit.simulator.render import describe_bits, describe_enum, to_json
+from vorlinkit.simulator.state.plausible import Plausible
+from vorlinkit.wire.coder import PayloadError, decode, encode, uuid_text
+from vorlinkit.wire.render import describe_bits, describe_enum, to_json
 
 TEXTS = {
     "Not enough bytes for uint8",

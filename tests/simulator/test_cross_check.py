@@ -11,10 +11,10 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from strategies import records
 from vorlinkit.catalogue import BlobField, Catalogue, Command, Field, ListField, MessageKind, ScalarField
-from vorlinkit.simulator.coder import PayloadError, decode, encode
-from vorlinkit.simulator.plausible import Plausible
-from vorlinkit.simulator.records import Record, Variant
-from vorlinkit.simulator.render import to_json
+from vorlinkit.simulator.state.plausible import Plausible
+from vorlinkit.wire.coder import PayloadError, decode, encode
+from vorlinkit.wire.records import Record, Variant
+from vorlinkit.wire.render import to_json
 
 vorlin: Any = pytest.importorskip("vorlinkit_python", reason="the extension module was not built")
 
@@ -130,7 +130,7 @@ def test_both_make_the_same_of_spoilt_payloads(catalogue: Catalogue) -> None:
 
 
 def test_error_descriptions_agree(catalogue: Catalogue) -> None:
-    from vorlinkit.simulator.render import describe_bits, describe_enum
+    from vorlinkit.wire.render import describe_bits, describe_enum
 
     chance = random.Random(SEED)
     values = [0, 1, 2, 3, 4, 6, 8, 0x12, 0x100, 0xFFFF, *(chance.randrange(1 << 16) for _ in range(20))]

@@ -8,10 +8,10 @@ import tomllib
 import pytest
 from conftest import ROOT
 from vorlinkit.catalogue import Catalogue
-from vorlinkit.simulator.machine import honest_words
-from vorlinkit.simulator.misbehaviour import ACTIONS
+from vorlinkit.simulator.faults.misbehaviour import ACTIONS
+from vorlinkit.simulator.faults.scenario import Scenario, parse_text
 from vorlinkit.simulator.options import _parser
-from vorlinkit.simulator.scenario import Scenario, parse_text
+from vorlinkit.simulator.state.machine import disclaimer
 
 PAGE = (ROOT / "docs" / "simulator.md").read_text(encoding="utf-8")
 
@@ -36,7 +36,7 @@ def test_rules_on_the_page_are_rules(catalogue: Catalogue) -> None:
 
 
 def test_the_page_shows_what_the_simulator_says_of_itself(catalogue: Catalogue) -> None:
-    assert "\n".join(honest_words(catalogue)) in PAGE
+    assert "\n".join(disclaimer(catalogue)) in PAGE
 
 
 def test_every_action_and_option_is_on_the_page() -> None:

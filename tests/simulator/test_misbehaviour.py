@@ -9,12 +9,14 @@ from pathlib import Path
 import pytest
 from conftest import Bench
 from vorlinkit.catalogue import Catalogue
-from vorlinkit.simulator import SimulatorFailed, SimulatorProcess, frames
-from vorlinkit.simulator.frames import MajorError, MinorError
-from vorlinkit.simulator.misbehaviour import ACTIONS, Answer, ScenarioError, build
+from vorlinkit.simulator import SimulatorFailed, SimulatorProcess
+from vorlinkit.simulator.answer import Answer
+from vorlinkit.simulator.faults.misbehaviour import ACTIONS, ScenarioError, build
+from vorlinkit.simulator.faults.scenario import Scenario, parse_text, read_file
+from vorlinkit.simulator.network.server import _why_not
 from vorlinkit.simulator.options import parse
-from vorlinkit.simulator.scenario import Scenario, parse_text, read_file
-from vorlinkit.simulator.server import _why_not
+from vorlinkit.wire import frames
+from vorlinkit.wire.frames import MajorError, MinorError
 
 INFO = 11
 

@@ -8,10 +8,10 @@ from typing import cast
 
 import pytest
 from conftest import Bench
-from vorlinkit.simulator import frames
-from vorlinkit.simulator.clock import LATEST, Clock
-from vorlinkit.simulator.frames import MajorError
-from vorlinkit.simulator.records import Record
+from vorlinkit.simulator.state.clock import LATEST, Clock
+from vorlinkit.wire import frames
+from vorlinkit.wire.frames import MajorError
+from vorlinkit.wire.records import Record
 
 
 def test_client_ids_are_kept_and_used_again(bench: Bench) -> None:

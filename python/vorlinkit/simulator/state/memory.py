@@ -126,7 +126,7 @@ class Memory:
 def _getters_by_topic(catalogue: Catalogue) -> Mapping[str, Sequence[Command]]:
     topics: dict[str, list[Command]] = {}
     for command in catalogue.commands:
-        if command.effect == "read" and _GETTER.match(command.name):
+        if _GETTER.match(command.name):
             topic = _GETTER_ENDING.sub("", _GETTER.sub("", command.name))
             topics.setdefault(topic, []).append(command)
         topics.setdefault(command.name, []).append(command)
