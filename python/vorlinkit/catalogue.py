@@ -1,4 +1,5 @@
-"""The commands of the protocol as plain data: ids, payload layouts, texts of codes, and how sure a layout is.
+"""The commands of the protocol as plain data: ids, payload layouts and how sure they are, texts of codes, and what
+a command does.
 
 The data is ``catalogue.json``, which the build writes beside this file. It comes from the same definitions as
 the C++ and Python types, overlays included, so what ``layout_status()`` reports is what was built.

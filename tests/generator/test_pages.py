@@ -120,6 +120,16 @@ def test_the_committed_pages_are_what_the_catalogue_says() -> None:
         assert committed == text, f"run: python3 -m generator {option} docs/{name}"
 
 
+@pytest.mark.parametrize("page", [emit_status.HEAD, emit_effects.HEAD])
+def test_the_generated_pages_show_what_runs(
+    page: str, project: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    run("python3 -m generator --json out.json", project)
+    monkeypatch.setenv(catalogues.PATH_VARIABLE, str(project / "out.json"))
+    (shown,) = (block["text"] for block in BLOCK.finditer(page) if block["language"] == "python")
+    exec(shown, {})
+
+
 def test_an_overlay_shows_in_the_status() -> None:
     corrected = status_page(ROOT / "examples" / "overlay")
     changed = set(corrected.splitlines()) - set(status_page().splitlines())

@@ -1,6 +1,6 @@
 """The simulated machine: what it is asked becomes what it answers, without a socket in sight.
 
-A request goes through the gate (header, client id, control), is decoded, answered by the component that knows
+A request is checked (header, client id, control), decoded, answered by the component that knows
 the command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one
 thread, the event loop's.
 """
@@ -161,7 +161,7 @@ class Machine:
     def answer(self, client: Client, frame: RequestFrame) -> Reply:
         """Carry out one request."""
         command = self.command_with_id(frame.command_id)
-        major = self._gate(client, frame, command)
+        major = self._protocol_errors(client, frame, command)
         minor = 0 if frame.version == frames.VERSION else int(MinorError.UnknownRequestVersion)
         request: Record = {}
         if not major and command is not None and command.request is not None:
@@ -217,8 +217,8 @@ class Machine:
 
     # --- how it is done ---------------------------------------------------------------------------
 
-    def _gate(self, client: Client, frame: RequestFrame, command: Command | None) -> int:
-        """The protocol errors of a request, before its payload is looked at."""
+    def _protocol_errors(self, client: Client, frame: RequestFrame, command: Command | None) -> int:
+        """What is wrong with a request before its payload is looked at."""
         if frame.message_type != frames.REQUEST:
             return MajorError.UnexpectedHeaderType
         flags = MajorError(0)

@@ -1,11 +1,13 @@
-"""Who may import what in the companion package, and that nothing goes in circles."""
+"""The companion package as a whole: who may import what, that nothing goes in circles, and its types."""
 
 from __future__ import annotations
 
 import ast
+import subprocess
 import sys
 from collections.abc import Mapping
 from graphlib import CycleError, TopologicalSorter
+from pathlib import Path
 
 import pytest
 from conftest import ROOT
@@ -77,6 +79,7 @@ def package() -> dict[str, set[str]]:
 
 def test_the_package_keeps_the_rule() -> None:
     found = package()
+    assert len(found) > 30
     assert {module: wrong for module, names in found.items() if (wrong := breaches(module, names))} == {}
     assert circle(found) == []
 
@@ -107,3 +110,9 @@ def test_a_breach_is_noticed(path: str, source: str, wrong: set[str]) -> None:
 def test_a_circle_is_noticed() -> None:
     assert circle({"a": {"b.member"}, "b": {"c"}, "c": set()}) == []
     assert set(circle({"a": {"b.member"}, "b": {"c"}, "c": {"a"}})) == {"a", "b", "c"}
+
+
+def test_a_strict_type_checker_accepts_the_package(tmp_path: Path) -> None:
+    words = [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), "-p", "vorlinkit"]
+    done = subprocess.run(words, cwd=ROOT / "python", capture_output=True, text=True, timeout=300)
+    assert done.returncode == 0, done.stdout + done.stderr
