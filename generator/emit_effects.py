@@ -18,10 +18,11 @@ This page is generated from the command catalogue; change the catalogue, then ru
 | subscribed by | the field of the request that asks for notifications; 0 presumably ends them |
 | address | the fields of the request that name what the notifications are about; none where there is only one such thing |
 | unasked | when notifications come that no field of a request has asked for |
+| progress | the field of the notifications that says how far the task is that the request started |
 
-A subscription belongs to the connection and ends with it, so a request that reads and subscribes is a read. What is said
-here was judged from the commands' names, fields and texts. No machine was asked: whoever lets a program send reads freely
-makes sure of them on the machine first. A built module says the same of itself, overlays included:
+A subscription belongs to the connection and ends with it, so a request that reads and subscribes is a read. What is
+said here was judged from the commands' names, fields and texts. No machine was asked: whoever lets a program send
+reads freely makes sure of them on the machine first. A built module says the same of itself, overlays included:
 
 ```python
 from vorlinkit import catalogue
@@ -43,7 +44,10 @@ def emit(catalogue: Catalogue) -> str:
 
 def section(family: Family) -> str:
     lines = [f"## {family.title}", ""]
-    lines += ["| id | command | effect | subscribed by | address | unasked |", "|---|---|---|---|---|---|"]
+    lines += [
+        "| id | command | effect | subscribed by | address | unasked | progress |",
+        "|---|---|---|---|---|---|---|",
+    ]
     lines += [row(command) for command in family.commands]
     return "\n".join(lines) + "\n"
 
@@ -51,5 +55,5 @@ def section(family: Family) -> str:
 def row(command: Command) -> str:
     facts = command.facts
     effect = f"read ({facts.harmless})" if facts.effect == "read" else facts.effect
-    cells = [effect, facts.subscribes, ", ".join(facts.address), facts.unasked]
+    cells = [effect, facts.subscribes, ", ".join(facts.address), facts.unasked, facts.progress]
     return f"| {command.id} | {command.name} | {' | '.join(cell or '-' for cell in cells)} |"

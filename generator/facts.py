@@ -57,9 +57,11 @@ def is_number(field: Field | None) -> bool:
 def in_words(command: Command) -> Iterator[str]:
     """What a reader of the stub wants to know, one sentence each."""
     facts = command.facts
-    yield f"Reads: {facts.harmless}." if facts.effect == "read" else "Counts as a change of the machine."
+    yield f"Effect: {facts.effect}{f' ({facts.harmless})' if facts.harmless else ''}."
     about = ", ".join(names.attribute(key) for key in facts.address)
     if facts.subscribes:
         yield f"{names.attribute(facts.subscribes)} subscribes{f' to {about}' if about else ''}; 0 presumably ends that."
     if facts.unasked:
         yield f"Notifications come unasked: {facts.unasked}."
+    if facts.progress:
+        yield f"{names.attribute(facts.progress)} of its notifications says how far the task is."
