@@ -23,7 +23,7 @@ def test_client_ids_are_kept_and_used_again(bench: Bench) -> None:
     assert bench.peer(simulator).client_id == 1
 
 
-def test_the_gate(bench: Bench) -> None:
+def test_protocol_errors(bench: Bench) -> None:
     peer = bench.peer(bench.simulator())
 
     def refusal(frame: bytes) -> int:

@@ -1,8 +1,8 @@
 """The simulated machine: what it is asked becomes what it answers, without a socket in sight.
 
-A request is checked (header, client id, control), decoded, answered by the component that knows
-the command, or else from memory and from the layout, and completed to a whole payload. Everything runs on one
-thread, the event loop's.
+A request is checked (header, client id, control), decoded, answered by the component that knows the command, or
+else from memory and from the layout, and completed to a whole payload. Everything runs on one thread, the event
+loop's.
 """
 
 from __future__ import annotations
