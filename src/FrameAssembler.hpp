@@ -5,9 +5,22 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <vector>
+
+// g++ says so by one name, clang by another.
+#if defined(__SANITIZE_THREAD__)
+#define VORLINKIT_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VORLINKIT_THREAD_SANITIZER 1
+#endif
+#endif
+#ifndef VORLINKIT_THREAD_SANITIZER
+#define VORLINKIT_THREAD_SANITIZER 0
+#endif
 
 namespace vorlinkit {
 
@@ -25,8 +38,8 @@ public:
   /// At a fault everything that is buffered is gone, the rest of the chunk as well.
   template <typename OnFrame> StreamFault cut(std::span<const std::byte> chunk, OnFrame&& onFrame) {
     // The loop that a stream of small notifications spends its time in.
-    for (bool begun = !partial_.empty(); begun || !chunk.empty(); begun = false) {
-      if (begun) {
+    for (bool started = !partial_.empty(); started || !chunk.empty(); started = false) {
+      if (started) {
         auto rest = chunk;
         const Partial partial = continuePartial(rest);
         if (partial.fault != StreamFault::None || !partial.whole) return partial.fault;
@@ -38,10 +51,11 @@ public:
           keepRest(chunk, head.frameLength);
           break;
         }
+        const auto length = static_cast<std::size_t>(head.frameLength); // fits, as the chunk holds it
         if (!frame_) makeFrame();
-        frame_->assign(chunk.data(), chunk.data() + head.frameLength);
-        chunk = chunk.subspan(head.frameLength);
-        forgetLargeBuffers(head.frameLength);
+        frame_->assign(chunk.data(), chunk.data() + length);
+        chunk = chunk.subspan(length);
+        forgetLargeBuffers(length);
       }
       onFrame(frame_);
     }
@@ -52,7 +66,7 @@ public:
   void recycle(Frame frame) {
     if (!frame || frame.use_count() != 1) return;
     // Another thread may have dropped the last copy but this one: its reads come before our writes.
-#ifdef __SANITIZE_THREAD__
+#if VORLINKIT_THREAD_SANITIZER
     {
       const Frame synchronised = frame;
     } // what the fence does, in a form that ThreadSanitizer understands
@@ -79,8 +93,8 @@ private:
     bool whole; // it is in `frame_`
   };
   Partial continuePartial(std::span<const std::byte>& chunk);
-  bool collect(std::size_t size, std::span<const std::byte>& chunk);
-  void keepRest(std::span<const std::byte> rest, std::size_t frameLength);
+  bool collect(std::uint64_t size, std::span<const std::byte>& chunk);
+  void keepRest(std::span<const std::byte> rest, std::uint64_t frameLength);
   void makeFrame();
   void keepForLargeFrames(std::vector<std::byte>& buffer);
   void forgetLargeBuffers(std::size_t frameLength) {

@@ -77,8 +77,8 @@ enum class StreamFault { None, BadProtocolId, UnknownMessageType };
 struct FrameHead {
   StreamFault fault = StreamFault::None;
   /// The least length that the frame can have, as far as these bytes tell; once its header is there, its
-  /// length. The frame is whole when that many bytes are there.
-  std::size_t frameLength = 0;
+  /// length. The frame is whole when that many bytes are there, which may be more than memory has addresses.
+  std::uint64_t frameLength = 0;
 };
 
 /// Looks at what is needed to find the end of a frame; the rest of a header is for the codec to check.
@@ -89,7 +89,7 @@ inline FrameHead readHead(std::span<const std::byte> bytes) {
   if (dataLengthAt == 0) return {StreamFault::UnknownMessageType};
   const std::size_t header = layout::wholeHeader(dataLengthAt);
   if (bytes.size() < header) return {StreamFault::None, header};
-  return {StreamFault::None, header + layout::readU32(bytes, dataLengthAt)};
+  return {StreamFault::None, std::uint64_t{header} + layout::readU32(bytes, dataLengthAt)};
 }
 
 } // namespace vorlinkit

@@ -1,13 +1,12 @@
 #pragma once
 
 #include "Asio.hpp"
+#include "HandlerMemory.hpp"
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 namespace vorlinkit {
 
@@ -18,88 +17,119 @@ public:
   IoJob(const IoJob&) = delete;
   IoJob& operator=(const IoJob&) = delete;
   virtual ~IoJob() = default;
-  virtual void run() = 0;
+  virtual void run() noexcept = 0;
+
+private:
+  friend class IoJobList;
+  std::unique_ptr<IoJob> next_; // in the list that holds it
 };
 
-/// The one way from user threads to the I/O thread: jobs run there in the order in which they came. The
-/// event loop is woken once per batch, not once per job. After `close` no job gets in any more, so that
-/// nothing can be left waiting for a thread that is gone.
-///
-/// While everything is quiet the I/O thread may open a way past the inbox, which lets one caller do his
-/// work himself. It is shut by whoever takes it, and while there are jobs, so that nobody is overtaken.
+/// Jobs in order. Adding one takes no memory, so it cannot fail.
+class IoJobList {
+public:
+  IoJobList() = default;
+  IoJobList(const IoJobList&) = delete;
+  IoJobList& operator=(const IoJobList&) = delete;
+  ~IoJobList() { clear(); }
+
+  bool empty() const noexcept { return !first_; }
+  void push(std::unique_ptr<IoJob> job) noexcept {
+    IoJob* const added = job.get();
+    (last_ ? last_->next_ : first_) = std::move(job);
+    last_ = added;
+  }
+  std::unique_ptr<IoJob> pop() noexcept {
+    auto job = std::move(first_);
+    first_ = std::move(job->next_);
+    if (!first_) last_ = nullptr;
+    return job;
+  }
+  void clear() noexcept {
+    while (!empty()) // not by the chain of pointers, which would nest as deep as it is long
+      pop();
+  }
+  void swap(IoJobList& other) noexcept {
+    first_.swap(other.first_);
+    std::swap(last_, other.last_);
+  }
+
+private:
+  std::unique_ptr<IoJob> first_;
+  IoJob* last_ = nullptr;
+};
+
+/// The way from user threads to the I/O thread: jobs run there in the order in which they came. The event loop is
+/// woken once per batch, not once per job. After `close` no job gets in any more, so that nothing can be left
+/// waiting for a thread that is gone. Owned by the session.
 class IoInbox {
 public:
   /// `before` and `after` run on the I/O thread around every batch.
-  IoInbox(asio::any_io_executor executor, std::function<void()> before, std::function<void()> after)
-      : executor_(std::move(executor)), before_(std::move(before)), after_(std::move(after)) {}
+  IoInbox(asio::io_context& context, std::function<void()> before, std::function<void()> after)
+      : executor_(context.get_executor()), before_(std::move(before)), after_(std::move(after)) {}
 
   /// Any thread. False if the inbox is closed; the job is then dropped.
   bool push(std::unique_ptr<IoJob> job) {
-    bool first = false;
     {
       const std::lock_guard guard(lock_);
       if (closed_) return false;
-      first = jobs_.empty();
-      jobs_.push_back(std::move(job));
+      jobs_.push(std::move(job));
+      if (std::exchange(wakeIsPending_, true)) return true;
     }
-    // Not under the lock: the I/O thread may be running before this call returns.
-    if (first) wake();
+    postWake();
     return true;
   }
 
   /// Any thread: runs a batch soon, also an empty one.
   void wake() {
-    asio::post(executor_, [this] { runAll(); });
+    {
+      const std::lock_guard guard(lock_);
+      if (closed_ || std::exchange(wakeIsPending_, true)) return;
+    }
+    postWake();
   }
 
-  /// I/O thread.
-  void openWayPast() {
+  /// Any thread: whether the I/O thread has taken everything that came before this call.
+  bool empty() {
     const std::lock_guard guard(lock_);
-    wayPast_.store(!closed_ && jobs_.empty() && running_.empty(), std::memory_order_relaxed);
-  }
-  void shutWayPast() {
-    const std::lock_guard guard(lock_);
-    wayPast_.store(false, std::memory_order_relaxed);
-  }
-  /// Any thread: whether it is worth to prepare for takeWayPast().
-  bool wayPastIsOpen() const noexcept { return wayPast_.load(std::memory_order_relaxed); }
-  /// Any thread: true for one caller at most, until the way is opened again.
-  bool takeWayPast() {
-    const std::lock_guard guard(lock_);
-    return jobs_.empty() && wayPast_.exchange(false, std::memory_order_relaxed);
+    return jobs_.empty();
   }
 
   /// Drops what has not run yet.
   void close() {
-    std::vector<std::unique_ptr<IoJob>> dropped;
+    IoJobList dropped; // outlives the lock, as whoever waits is told
     const std::lock_guard guard(lock_);
     closed_ = true;
-    wayPast_ = false;
-    dropped.swap(jobs_);
+    jobs_.swap(dropped);
   }
 
 private:
+  /// Not under the lock: the I/O thread may be running before this call returns. There is one at a time, so its memory
+  /// is free.
+  void postWake() {
+    asio::post(executor_, HandlerIn(wakeMemory_, [this] { runAll(); }));
+  }
+
   void runAll() {
+    before_(); // while the jobs still show, so that no request of their callers overtakes them
+    IoJobList running;
     {
       const std::lock_guard guard(lock_);
-      jobs_.swap(running_); // both keep their memory
-      wayPast_ = false;
+      wakeIsPending_ = false;
+      running.swap(jobs_);
     }
-    before_();
-    for (auto& job : running_)
-      job->run();
-    running_.clear();
+    while (!running.empty())
+      running.pop()->run();
     after_();
   }
 
-  asio::any_io_executor executor_;
+  asio::io_context::executor_type executor_;
   std::function<void()> before_;
   std::function<void()> after_;
+  HandlerMemory wakeMemory_;
   std::mutex lock_;
-  std::vector<std::unique_ptr<IoJob>> jobs_;
-  std::vector<std::unique_ptr<IoJob>> running_; // I/O thread only
+  IoJobList jobs_;
+  bool wakeIsPending_ = false;
   bool closed_ = false;
-  std::atomic<bool> wayPast_{false}; // changed under the lock
 };
 
 } // namespace vorlinkit

@@ -3,8 +3,6 @@
 
 #include "Log.hpp"
 
-#include <vorlinkit/ProtocolErrorFlags.hpp>
-
 #include <exception>
 #include <utility>
 
@@ -50,9 +48,12 @@ inline void MessageFramer::onFrame(FrameAssembler::Frame& frame) {
 
 void MessageFramer::onBytes(std::span<const std::byte> chunk) {
   if (chunk.empty()) return;
+  // Afterwards, so that a second answer in the same chunk does not meet the next request.
+  const struct Afterwards {
+    MessageFramer& framer;
+    ~Afterwards() { framer.drive(); }
+  } afterwards{*this};
   cutAndDispatch(chunk);
-  // Only now, so that a second answer in the same chunk does not meet the next request.
-  if (std::exchange(activeSettled_, false)) sendLoop_.resume();
 }
 
 void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
@@ -61,16 +62,11 @@ void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
     return;
   case StreamFault::BadProtocolId:
     log(logger_, LogLevel::err, "Invalid protocol ID in RX stream");
-    return failActive("Invalid protocol ID (expected 'VR')");
+    return fsm_.protocolFault("Invalid protocol ID (expected 'VR')");
   case StreamFault::UnknownMessageType:
     log(logger_, LogLevel::err, "{}", "Unknown message type");
-    return failActive("Unknown message type");
+    return fsm_.protocolFault("Unknown message type");
   }
-}
-
-void MessageFramer::failActive(std::string text) {
-  completeActive(std::unexpected(Error{ErrorCode::Protocol, std::move(text)}));
-  activeSettled_ = true;
 }
 
 void MessageFramer::observeReceived(std::span<const std::byte> frame) {
@@ -94,32 +90,20 @@ void MessageFramer::observeReceived(std::span<const std::byte> frame) {
 }
 
 void MessageFramer::onResponse(const RawMessage& message) {
-  if (!active_ || active_->commandId != message.commandId) {
-    log(logger_, LogLevel::warn, "Received response for commandId={} but no active pending request found",
-        message.commandId);
-    return;
+  const RequestFsm::Reception reception = fsm_.response(message);
+  switch (reception.kind) {
+  case RequestFsm::Reception::Kind::Unexpected:
+    return log(logger_, LogLevel::warn, "Received response for commandId={} but no active pending request found",
+               message.commandId);
+  case RequestFsm::Reception::Kind::Refused:
+    return log(logger_, LogLevel::err, "{}", reception.text);
+  case RequestFsm::Reception::Kind::Accepted:
+    break;
   }
-  if (message.majorError != 0) {
-    const std::string text = "VORLIN protocol error (majorError): " + protocolErrorsToString(message.majorError, true);
-    log(logger_, LogLevel::err, "{}", text);
-    return failActive(text);
-  }
-  if (message.minorError != 0) {
-    const std::string text =
-        "VORLIN protocol warning (minorError): " + protocolErrorsToString(message.minorError, false);
-    log(logger_, LogLevel::warn, "{}", text);
-  }
-  if (!response_) {
-    response_ = message;
-    responseDeadline_.clear();
-    activeSettled_ = true;
-  }
-  constexpr std::uint16_t getClientId = 1;
-  if (message.commandId == getClientId && message.payload.size() == 1) {
-    const auto id = std::to_integer<std::uint8_t>(message.payload[0]);
-    callbacks_.setClientId(id);
-    log(logger_, LogLevel::info, "Client ID assigned: {}", id);
-  }
+  if (!reception.text.empty()) log(logger_, LogLevel::warn, "{}", reception.text);
+  if (!reception.clientId) return;
+  callbacks_.setClientId(*reception.clientId);
+  log(logger_, LogLevel::info, "Client ID assigned: {}", *reception.clientId);
 }
 
 } // namespace vorlinkit

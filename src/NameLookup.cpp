@@ -21,11 +21,6 @@ struct NameLookup::Shared {
   std::function<void()> deliver; // empty while nobody waits
   std::optional<Result> result;
 
-  bool answered() {
-    const std::lock_guard guard(lock);
-    return result.has_value();
-  }
-
   /// The thread's work. No exception leaves it: it would end the program.
   void run() noexcept {
     Result found;
@@ -56,31 +51,24 @@ private:
 };
 
 NameLookup::NameLookup(asio::any_io_executor executor, std::string host, std::uint16_t port)
-    : executor_(std::move(executor)), shared_(std::make_shared<Shared>(std::move(host), port)),
-      answered_(std::make_shared<Wakeup>(executor_)) {}
+    : executor_(std::move(executor)), shared_(std::make_shared<Shared>(std::move(host), port)) {}
 
 NameLookup::~NameLookup() { abandon(); }
 
-asio::awaitable<NameLookup::Result> NameLookup::find() {
-  abandoned_ = false;
+void NameLookup::find(Done done) {
   Result result;
   std::error_code notNumeric;
   const auto address = asio::ip::make_address(shared_->host, notNumeric);
-  if (!notNumeric) {
+  if (shared_->host.contains('\0')) // the system would look for what stands before it
+    result.failure = asio::error::invalid_argument;
+  else if (notNumeric) {
+    done_ = std::move(done);
+    result.failure = startUnlessRunning();
+    if (!result.failure) return;
+    done = std::exchange(done_, nullptr);
+  } else
     result.endpoints.emplace_back(address, shared_->port);
-    co_return result;
-  }
-
-  result.failure = startUnlessRunning();
-  if (result.failure) co_return result;
-  const auto shared = shared_;
-  while (!abandoned_ && !shared->answered()) // an earlier look-up may have left a wake-up behind
-    co_await answered_->wait();
-  const std::lock_guard guard(shared->lock);
-  shared->deliver = nullptr;
-  if (shared->result) co_return std::move(*std::exchange(shared->result, std::nullopt));
-  result.failure = asio::error::operation_aborted;
-  co_return result;
+  done(std::move(result));
 }
 
 /// Sees to it that the thread's result, or that of the one that still runs, is delivered.
@@ -88,9 +76,7 @@ std::error_code NameLookup::startUnlessRunning() {
   const std::lock_guard guard(shared_->lock);
   // The thread holds the lock, too, while it posts, so that the event loop cannot go away meanwhile: whoever
   // ends it abandons the look-up first.
-  shared_->deliver = [executor = executor_, answered = answered_] {
-    asio::post(executor, [answered] { answered->notify(); });
-  };
+  shared_->deliver = [this] { asio::post(executor_, [this] { onAnswered(); }); };
   shared_->result.reset();
   if (shared_->running) return {};
   try {
@@ -103,14 +89,22 @@ std::error_code NameLookup::startUnlessRunning() {
   }
 }
 
-void NameLookup::abandon() {
-  abandoned_ = true;
+void NameLookup::onAnswered() {
+  std::optional<Result> result;
   {
     const std::lock_guard guard(shared_->lock);
+    if (!shared_->result) return; // abandoned since
     shared_->deliver = nullptr;
-    shared_->result.reset();
+    result = std::exchange(shared_->result, std::nullopt);
   }
-  answered_->notify();
+  if (const Done done = std::exchange(done_, nullptr)) done(std::move(*result));
+}
+
+void NameLookup::abandon() noexcept {
+  done_ = nullptr;
+  const std::lock_guard guard(shared_->lock);
+  shared_->deliver = nullptr;
+  shared_->result.reset();
 }
 
 } // namespace vorlinkit

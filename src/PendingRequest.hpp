@@ -4,19 +4,33 @@
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/RawMessage.hpp>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <future>
-#include <optional>
+#include <memory>
+#include <new>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace vorlinkit {
 
-inline Error stoppedError() { return {ErrorCode::Stopped, "MessageFramer stopped"}; }
+/// An error whose text has to be made. It arrives without its text rather than not at all: short texts need no memory.
+template <typename MakeText> Error errorWith(ErrorCode code, MakeText&& makeText) noexcept {
+  try {
+    return {code, std::forward<MakeText>(makeText)()};
+  } catch (const std::bad_alloc&) {
+    return {code, "Out of memory"};
+  }
+}
+inline Error copyOf(const Error& error) noexcept {
+  return errorWith(error.code, [&] { return error.message; });
+}
+inline Error stoppedError() noexcept {
+  return errorWith(ErrorCode::Stopped, [] { return std::string("MessageFramer stopped"); });
+}
 
 /// The sending end of a caller's future. Whatever becomes of it, the future gets a value or an Error:
 /// one that is dropped unanswered answers "MessageFramer stopped". Later answers are lost.
@@ -32,7 +46,7 @@ public:
   }
 
   std::future<Outcome> future() { return promise_.get_future(); }
-  void give(Outcome outcome) {
+  void give(Outcome outcome) noexcept {
     if (std::exchange(open_, false)) promise_.set_value(std::move(outcome));
   }
 
@@ -48,7 +62,7 @@ template <typename Value> std::future<std::expected<Value, Error>> readyWith(Err
   return promise.get_future();
 }
 
-/// One queued or in-flight request. Owned by the framer; I/O thread.
+/// One queued or in-flight request. Made on the caller's thread, completed on the I/O thread.
 class PendingRequest {
 public:
   using Outcome = std::expected<RawMessage, Error>;
@@ -60,17 +74,41 @@ public:
   virtual ~PendingRequest() = default;
 
   /// Tells the caller; the first outcome counts.
-  virtual void complete(Outcome outcome) = 0;
-
-  /// A first attempt that the caller's own thread has made.
-  struct Begun {
-    std::chrono::steady_clock::time_point at;
-    std::size_t frameLength;
-  };
+  virtual void complete(Outcome outcome) noexcept = 0;
 
   const std::uint16_t commandId;
   const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
-  std::optional<Begun> begun;
+  std::unique_ptr<PendingRequest> next; // in the list that holds it
+};
+
+/// Requests in order. Adding one takes no memory, so it cannot fail.
+class RequestList {
+public:
+  RequestList() = default;
+  RequestList(RequestList&& other) noexcept
+      : first_(std::move(other.first_)), last_(std::exchange(other.last_, nullptr)) {}
+  RequestList& operator=(RequestList&&) = delete;
+  ~RequestList() {
+    while (!empty()) // not by the chain of pointers, which would nest as deep as it is long
+      pop();
+  }
+
+  bool empty() const noexcept { return !first_; }
+  void push(std::unique_ptr<PendingRequest> request) noexcept {
+    PendingRequest* const added = request.get();
+    (last_ ? last_->next : first_) = std::move(request);
+    last_ = added;
+  }
+  std::unique_ptr<PendingRequest> pop() noexcept {
+    auto request = std::move(first_);
+    first_ = std::move(request->next);
+    if (!first_) last_ = nullptr;
+    return request;
+  }
+
+private:
+  std::unique_ptr<PendingRequest> first_;
+  PendingRequest* last_ = nullptr;
 };
 
 /// A request whose caller waits on a future, on any thread.
@@ -78,7 +116,7 @@ class FutureRequest final : public PendingRequest {
 public:
   using PendingRequest::PendingRequest;
   std::future<Outcome> future() { return answer_.future(); }
-  void complete(Outcome outcome) override { answer_.give(std::move(outcome)); }
+  void complete(Outcome outcome) noexcept override { answer_.give(std::move(outcome)); }
 
 private:
   Answer<RawMessage> answer_;

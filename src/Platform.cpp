@@ -72,17 +72,16 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
-bool sendBufferIsEmpty([[maybe_unused]] asio::ip::tcp::socket::native_handle_type socket) noexcept {
+std::size_t unacknowledgedBytes([[maybe_unused]] asio::ip::tcp::socket::native_handle_type socket) noexcept {
 #ifdef SIOCOUTQ
-  int unsentBytes = 0;
-  return ::ioctl(socket, SIOCOUTQ, &unsentBytes) == 0 && unsentBytes == 0;
-#else
-  return false;
+  int bytes = 0;
+  if (::ioctl(socket, SIOCOUTQ, &bytes) == 0) return static_cast<std::size_t>(bytes);
 #endif
+  return 0;
 }
 
-std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
-                            std::span<const std::byte> bytes) noexcept {
+std::expected<std::size_t, std::error_code> writeSome(asio::ip::tcp::socket::native_handle_type socket,
+                                                      std::span<const std::byte> bytes) noexcept {
 #ifdef MSG_NOSIGNAL
   constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
 #else
@@ -92,9 +91,9 @@ std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
   do
     written = ::send(socket, bytes.data(), bytes.size(), flags);
   while (written < 0 && errno == EINTR);
-  if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return {errno, std::system_category()};
-  if (std::cmp_not_equal(written, bytes.size())) return asio::error::no_buffer_space;
-  return {};
+  if (written >= 0) return static_cast<std::size_t>(written);
+  if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+  return std::unexpected(std::error_code(errno, std::system_category()));
 }
 
 #else
@@ -109,10 +108,15 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
 }
 
-bool sendBufferIsEmpty(asio::ip::tcp::socket::native_handle_type) noexcept { return false; }
+std::size_t unacknowledgedBytes(asio::ip::tcp::socket::native_handle_type) noexcept { return 0; }
 
-std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type, std::span<const std::byte>) noexcept {
-  return asio::error::operation_not_supported;
+// The socket does not block: the transport has set it so.
+std::expected<std::size_t, std::error_code> writeSome(asio::ip::tcp::socket::native_handle_type socket,
+                                                      std::span<const std::byte> bytes) noexcept {
+  const int written = ::send(socket, reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()), 0);
+  if (written >= 0) return static_cast<std::size_t>(written);
+  if (WSAGetLastError() == WSAEWOULDBLOCK) return 0;
+  return std::unexpected(std::error_code(WSAGetLastError(), std::system_category()));
 }
 
 #endif

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <expected>
 #include <functional>
 #include <span>
 #include <system_error>
@@ -29,13 +30,12 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
 /// On loopback a port nobody listens on may be answered by the very socket that asks.
 bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept;
 
-/// Whether the peer's system has taken everything that was written, so that a small write surely finds room.
-/// False where the platform does not tell. Any thread.
-bool sendBufferIsEmpty(asio::ip::tcp::socket::native_handle_type socket) noexcept;
+/// How many bytes were written that the peer has not acknowledged yet; 0 where the platform does not tell.
+std::size_t unacknowledgedBytes(asio::ip::tcp::socket::native_handle_type socket) noexcept;
 
-/// Writes all of `bytes` without waiting; what the system does not take whole counts as an error. May run
-/// on any thread, beside reads and writes of the socket's owner.
-std::error_code writeAtOnce(asio::ip::tcp::socket::native_handle_type socket,
-                            std::span<const std::byte> bytes) noexcept;
+/// Writes what fits without waiting, maybe nothing; yields how much. May run on any thread, beside reads of the
+/// socket's owner.
+std::expected<std::size_t, std::error_code> writeSome(asio::ip::tcp::socket::native_handle_type socket,
+                                                      std::span<const std::byte> bytes) noexcept;
 
 } // namespace vorlinkit::platform

@@ -4,18 +4,19 @@
 #include <vorlinkit/SessionConfig.hpp>
 
 #include "Asio.hpp"
+#include "ConnectionFsm.hpp"
+#include "DirectWrite.hpp"
+#include "HandlerMemory.hpp"
 #include "ITransportWriteChannel.hpp"
 #include "NameLookup.hpp"
-#include "Wakeup.hpp"
+#include "PendingRequest.hpp"
+#include "StallWatch.hpp"
 
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
-#include <exception>
 #include <expected>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -24,12 +25,10 @@
 
 namespace vorlinkit {
 
-/// The one TCP connection of a session: connects within a deadline, reads in a loop, writes whole
-/// frames, closes, reports changes, re-connects after a fixed delay. Knows nothing of frames.
+/// The one TCP connection of a session: connects within a deadline, reads, writes whole frames, closes, reports
+/// changes, re-connects after a fixed delay. Knows nothing of frames. What is to happen is ConnectionFsm's decision.
 ///
-/// Owned by the session; everything but `isConnected` and `writeAtOnce` runs on the I/O thread. Two things can be under
-/// way, each at most once: an attempt to connect, and the read loop of a connection. Whoever starts
-/// something new ends what is under way and waits until it has unwound.
+/// Owned by the session; everything but `isConnected` and the writing side of `directWrite` runs on the I/O thread.
 class TcpTransport final : public ITransportWriteChannel {
 public:
   using BytesCallback = std::function<void(std::expected<std::span<const std::byte>, Error>)>;
@@ -43,91 +42,78 @@ public:
 
   /// Any thread.
   bool isConnected() const noexcept { return connected_.load(std::memory_order_acquire); }
+  /// The line is attached to it while there is a connection.
+  DirectWrite& directWrite() noexcept { return directWrite_; }
 
-  asio::awaitable<std::expected<void, Error>> connect();
-  /// Yields once the aborted read has been reported and an attempt under way has unwound.
-  asio::awaitable<std::expected<void, Error>> close();
-  asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte> bytes) override;
+  /// Ends what is under way and connects anew; the caller is told when the attempt has succeeded or failed.
+  void connect(Answer<void> caller) noexcept;
+  /// When it returns everything has ended and been reported.
+  std::expected<void, Error> close() noexcept;
+  /// Ends the connection for a reason that was found elsewhere.
+  void fail(std::error_code reason) noexcept;
+
+  std::optional<Written> write(std::vector<std::byte> frame, std::size_t from) noexcept override;
+  void readArrived() noexcept override;
   asio::any_io_executor getExecutor() override { return executor_; }
-  /// Any thread: writes one small whole frame on the caller's own thread, while nothing else is being
-  /// written. `begin` is called just before, when the connection can no longer go away under the write, and
-  /// may call it off; false when nothing was written. A write that fails ends the connection.
-  bool writeAtOnce(std::span<const std::byte> frame, const std::function<bool()>& begin);
-
-  /// Closes without a coroutine, when no event loop runs any more.
-  void abort() noexcept;
 
 private:
-  struct Activity;
-  struct Attempt;
-  struct Connection;
-  using ConnectResult = std::expected<void, Error>;
+  using Number = ConnectionFsm::Number;
 
-  // Connecting (TcpTransportConnect.cpp)
-  asio::awaitable<std::error_code> establish(Attempt& attempt);
-  asio::awaitable<std::error_code> connectToAny(const std::vector<asio::ip::tcp::endpoint>& endpoints);
-  asio::awaitable<std::error_code> connectTo(asio::ip::tcp::endpoint endpoint);
-  void startDeadline(const std::shared_ptr<Attempt>& attempt);
-  void giveUp(Attempt& attempt);
-  void onConnected();
-  Error onConnectFailed(const Attempt& attempt, std::error_code failure);
-  void scheduleReconnect();
-  void reconnect();
+  // What was decided (TcpTransport.cpp)
+  void carryOut(const ConnectionFsm::Decision& decision, std::optional<Answer<void>> caller = {}) noexcept;
+  Error attemptFailed(const ConnectionFsm::Failure& failure) noexcept;
+  void lost(std::error_code reason) noexcept;
+  void scheduleReconnect() noexcept;
+  void tellCaller(std::expected<void, Error> result) noexcept;
+  void reportState(bool connected, const std::string& reason) noexcept;
+  std::error_code closeSocket() noexcept;
 
-  // A connection's life (TcpTransport.cpp)
-  asio::awaitable<void> readLoop(std::shared_ptr<Connection> connection);
-  asio::awaitable<std::error_code> writeRest(std::span<const std::byte> rest);
-  void deliver(std::span<const std::byte> chunk);
-  void onDisconnected(Connection& connection, std::error_code reason);
-  void reportState(bool connected, const std::string& reason);
-  std::error_code closeSocket();
-  void logEscaped(std::exception_ptr failure) noexcept;
-  static asio::awaitable<void> ended(std::shared_ptr<Activity> activity);
+  // Attempts (TcpTransportConnect.cpp)
+  void startAttempt() noexcept;
+  void startDeadline(Number number);
+  void lookedUp(Number number, NameLookup::Result found) noexcept;
+  void connectTo(std::size_t address) noexcept;
+  void connectEnded(Number number, std::error_code failure) noexcept;
+  void connected() noexcept;
+
+  // A connection's bytes (TcpTransportStream.cpp)
+  bool isCurrent(Number number) const noexcept;
+  void awaitReadable() noexcept;
+  void readable(Number number, std::error_code failure) noexcept;
+  std::size_t readSome() noexcept;
+  void deliver(std::span<const std::byte> chunk) noexcept;
+  std::error_code writeSome();
+  void awaitWritable();
+  void writable(Number number, std::error_code failure) noexcept;
+  std::uint64_t pendingBytes() noexcept;
+  void lookForStall(StallWatch::TimePoint when);
+  void stallDue() noexcept;
+  void forgetWrite() noexcept;
+
+  struct Outgoing {
+    std::vector<std::byte> frame;
+    std::size_t written;
+  };
 
   asio::any_io_executor executor_;
   std::shared_ptr<IVorlinLogger> logger_;
-  asio::ip::tcp::socket socket_;
-  asio::steady_timer reconnectTimer_;
   const SessionConfig config_;
+  HandlerMemory connectMemory_, deadlineMemory_, reconnectMemory_, readMemory_, writeMemory_, stallMemory_;
+  asio::ip::tcp::socket socket_;
+  asio::steady_timer deadlineTimer_;
+  asio::steady_timer reconnectTimer_;
+  asio::steady_timer stallTimer_;
   NameLookup lookup_;
   BytesCallback onBytes_;
   StateCallback onStateChanged_;
+  ConnectionFsm fsm_;
   std::atomic<bool> connected_{false};
-  std::atomic<bool> stopping_{false};
+  std::optional<Answer<void>> caller_; // of the attempt
+  std::vector<asio::ip::tcp::endpoint> addresses_;
   std::vector<std::byte> readBuffer_;
-  std::shared_ptr<Attempt> attempt_;       // the newest
-  std::shared_ptr<Connection> connection_; // the newest
-
-  struct Writable {
-    asio::ip::tcp::socket::native_handle_type socket;
-    std::shared_ptr<Connection> connection;
-  };
-  std::mutex writableLock_; // held by writes of callers, and to close the socket
-  std::optional<Writable> writable_;
-};
-
-/// Something under way that others can wait for the end of.
-struct TcpTransport::Activity {
-  explicit Activity(const asio::any_io_executor& executor) : changed(executor) {}
-  void end() {
-    over = true;
-    changed.notify();
-  }
-  bool over = false;
-  Wakeup changed;
-};
-
-/// One try to connect, from the look-up to the result.
-struct TcpTransport::Attempt : Activity {
-  explicit Attempt(const asio::any_io_executor& executor) : Activity(executor), deadline(executor) {}
-  bool abandoned = false; // a newer connect or a close has taken over
-  asio::steady_timer deadline;
-};
-
-/// One connection, from its success to its read loop's end.
-struct TcpTransport::Connection : Activity {
-  using Activity::Activity;
-  bool lossReported = false;
+  std::optional<Outgoing> outgoing_; // what the socket has not taken yet
+  StallWatch stallWatch_;
+  DirectWrite directWrite_;
 };
 
 } // namespace vorlinkit

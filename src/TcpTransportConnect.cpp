@@ -1,146 +1,80 @@
-// Connecting: attempts, their deadline, and the next one after a failure.
+// Attempts to connect: look-up, deadline, one address after the other.
 #include "TcpTransport.hpp"
 
-#include "Deadline.hpp"
 #include "Log.hpp"
 #include "Platform.hpp"
+#include "SaturatingTime.hpp"
 
 #include <utility>
 
 namespace vorlinkit {
 
-asio::awaitable<std::expected<void, Error>> TcpTransport::connect() {
-  // This attempt takes over at once; what it finds under way ends before it starts.
-  const auto attempt = std::make_shared<Attempt>(executor_);
-  const auto olderAttempt = std::exchange(attempt_, attempt);
-  const auto olderConnection = connection_;
-  struct EndsAnyway {
-    Attempt& attempt;
-    ~EndsAnyway() {
-      attempt.deadline.cancel();
-      attempt.end();
-    }
-  } endsAnyway{*attempt};
-
-  stopping_ = false;
-  if (olderAttempt) giveUp(*olderAttempt);
-  closeSocket();
-  if (olderAttempt) co_await ended(olderAttempt);
-  if (olderConnection) co_await ended(olderConnection);
-
-  startDeadline(attempt);
-  std::error_code failure = asio::error::operation_aborted;
-  if (!attempt->abandoned) failure = co_await establish(*attempt);
-  if (!failure) {
-    onConnected();
-    co_return std::expected<void, Error>();
+void TcpTransport::startAttempt() noexcept {
+  const Number number = fsm_.number();
+  try {
+    startDeadline(number);
+    lookup_.find([this, number](NameLookup::Result found) { lookedUp(number, std::move(found)); });
+  } catch (const std::exception&) { // only memory can run out in here
+    carryOut(fsm_.lookedUp(number, asio::error::no_memory, 0));
   }
-  Error error = onConnectFailed(*attempt, failure);
-  co_return std::unexpected(std::move(error));
 }
 
-asio::awaitable<std::error_code> TcpTransport::establish(Attempt& attempt) {
-  NameLookup::Result found = co_await lookup_.find();
-  if (found.failure) co_return found.failure;
-  log(logger_, LogLevel::info, "Connecting to {}:{}", config_.host, config_.port);
-  std::error_code failure = co_await connectToAny(found.endpoints);
-  if (failure) co_return failure;
-  // Given up in the very turn in which it succeeded.
-  if (attempt.abandoned || !socket_.is_open()) co_return std::error_code(asio::error::operation_aborted);
-  platform::prepareConnection(socket_, config_.request_timeout);
-  socket_.non_blocking(true, failure);
-  co_return failure;
-}
-
-asio::awaitable<std::error_code> TcpTransport::connectToAny(const std::vector<asio::ip::tcp::endpoint>& endpoints) {
-  std::error_code failure = asio::error::host_not_found;
-  for (const auto& endpoint : endpoints) {
-    failure = co_await connectTo(endpoint);
-    if (!failure || failure == asio::error::operation_aborted) break;
-  }
-  co_return failure;
-}
-
-asio::awaitable<std::error_code> TcpTransport::connectTo(asio::ip::tcp::endpoint endpoint) {
-  std::error_code failure;
-  closeSocket();
-  socket_.open(endpoint.protocol(), failure);
-  if (failure) co_return failure;
-  co_await socket_.async_connect(endpoint, asio::redirect_error(asio::use_awaitable, failure));
-  // The deadline or a close shut the socket while another error was on its way.
-  if (failure && !socket_.is_open()) failure = asio::error::operation_aborted;
-  if (!failure && platform::connectedToItself(socket_)) {
-    closeSocket();
-    failure = asio::error::connection_refused;
-  }
-  co_return failure;
-}
-
-void TcpTransport::startDeadline(const std::shared_ptr<Attempt>& attempt) {
-  attempt->deadline.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.connection_timeout));
-  attempt->deadline.async_wait([this, attempt](std::error_code cancelled) {
-    if (cancelled || attempt->over || attempt->abandoned || attempt != attempt_) return;
-    lookup_.abandon();
+void TcpTransport::startDeadline(Number number) {
+  deadlineTimer_.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.connection_timeout));
+  deadlineTimer_.async_wait(HandlerIn(deadlineMemory_, [this, number](std::error_code cancelled) {
+    if (cancelled || !fsm_.isCurrent(number)) return;
     // A connect that has succeeded, though nobody has been told yet, is left alone.
     std::error_code notConnected;
     socket_.remote_endpoint(notConnected);
-    if (notConnected) closeSocket();
-  });
+    if (notConnected) carryOut(fsm_.deadlinePassed(number));
+  }));
 }
 
-void TcpTransport::giveUp(Attempt& attempt) {
-  if (attempt.over) return;
-  attempt.abandoned = true;
-  attempt.deadline.cancel();
-  lookup_.abandon();
+void TcpTransport::lookedUp(Number number, NameLookup::Result found) noexcept {
+  if (!fsm_.isCurrent(number)) return;
+  addresses_ = std::move(found.endpoints);
+  if (!found.failure && addresses_.empty()) found.failure = asio::error::host_not_found;
+  if (!found.failure) log(logger_, LogLevel::info, "Connecting to {}:{}", config_.host, config_.port);
+  carryOut(fsm_.lookedUp(number, found.failure, addresses_.size()));
 }
 
-void TcpTransport::onConnected() {
-  reconnectTimer_.cancel();
+void TcpTransport::connectTo(std::size_t address) noexcept {
+  const Number number = fsm_.number();
+  const auto endpoint = addresses_[address];
+  closeSocket();
+  std::error_code failure;
+  socket_.open(endpoint.protocol(), failure);
+  if (!failure) try {
+      socket_.async_connect(
+          endpoint, HandlerIn(connectMemory_, [this, number](std::error_code ended) { connectEnded(number, ended); }));
+      return;
+    } catch (const std::exception&) { // only memory can run out in here
+      failure = asio::error::no_memory;
+    }
+  carryOut(fsm_.connectEnded(number, failure));
+}
+
+void TcpTransport::connectEnded(Number number, std::error_code failure) noexcept {
+  // The socket is another attempt's by now, or has been closed by the deadline.
+  if (!fsm_.isCurrent(number) || fsm_.state() != ConnectionFsm::State::Connecting) return;
+  if (!failure && platform::connectedToItself(socket_)) failure = asio::error::connection_refused;
+  if (!failure) {
+    platform::prepareConnection(socket_, stallWatch_.limit());
+    socket_.non_blocking(true, failure);
+  }
+  carryOut(fsm_.connectEnded(number, failure));
+}
+
+void TcpTransport::connected() noexcept {
+  deadlineTimer_.cancel();
   connected_ = true;
   log(logger_, LogLevel::info, "Connected successfully");
-  const auto connection = std::make_shared<Connection>(executor_);
-  connection_ = connection;
-  {
-    const std::lock_guard guard(writableLock_);
-    writable_ = {socket_.native_handle(), connection};
-  }
+  directWrite_.attach([socket = socket_.native_handle()](std::span<const std::byte> bytes) {
+    return platform::writeSome(socket, bytes);
+  });
   reportState(true, "");
-  asio::co_spawn(executor_, readLoop(connection), [this, connection](std::exception_ptr failure) {
-    if (failure) {
-      logEscaped(std::move(failure));
-      onDisconnected(*connection, asio::error::no_memory);
-    }
-    connection->end();
-  });
-}
-
-Error TcpTransport::onConnectFailed(const Attempt& attempt, std::error_code failure) {
-  const bool ended = failure == asio::error::operation_aborted || failure == asio::error::bad_descriptor;
-  const bool timedOut = ended && !attempt.abandoned && attempt.deadline.expiry() <= std::chrono::steady_clock::now();
-  const std::string reason = timedOut ? "Connection timeout" : failure.message();
-  closeSocket();
-  log(logger_, LogLevel::err, "Connection failed: {}", reason);
-  reportState(false, "Connection failed: " + reason);
-  scheduleReconnect();
-  return {timedOut ? ErrorCode::Timeout : ErrorCode::Transport, "Failed to connect: " + reason};
-}
-
-void TcpTransport::scheduleReconnect() {
-  if (stopping_ || !config_.auto_reconnect) return;
-  log(logger_, LogLevel::warn, "Scheduling reconnect in {}ms", config_.reconnect_delay.count());
-  reconnectTimer_.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.reconnect_delay));
-  reconnectTimer_.async_wait([this](std::error_code cancelled) {
-    if (!cancelled && !stopping_) reconnect();
-  });
-}
-
-void TcpTransport::reconnect() {
-  const bool connecting = attempt_ && !attempt_->over;
-  if (connected_ || connecting) return;
-  asio::co_spawn(executor_, connect(), [this](std::exception_ptr failure, ConnectResult) {
-    if (failure) logEscaped(std::move(failure));
-  });
+  tellCaller(std::expected<void, Error>());
+  awaitReadable();
 }
 
 } // namespace vorlinkit

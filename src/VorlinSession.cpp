@@ -1,5 +1,6 @@
 #include <vorlinkit/VorlinSession.hpp>
 
+#include "IoThread.hpp"
 #include "VorlinSessionImpl.hpp"
 
 #include <utility>
@@ -12,7 +13,14 @@ VorlinSession::VorlinSession(SessionConfig config, std::shared_ptr<IVorlinLogger
 VorlinSession::~VorlinSession() { VorlinSessionImpl::dispose(std::move(impl_)); }
 
 std::future<std::expected<void, Error>> VorlinSession::connect() { return impl_->connect(); }
-void VorlinSession::disconnect() { impl_->disconnect(); }
+void VorlinSession::disconnect() { start_disconnect().wait(); }
+std::future<void> VorlinSession::start_disconnect() {
+  auto closed = impl_->startDisconnect();
+  if (!IoThreadMark::isHere()) return closed;
+  std::promise<void> started;
+  started.set_value();
+  return started.get_future();
+}
 bool VorlinSession::is_connected() const noexcept { return impl_->isConnected(); }
 std::uint8_t VorlinSession::client_id() const noexcept { return impl_->clientId(); }
 
@@ -25,10 +33,10 @@ void VorlinSession::on_notification(std::uint16_t commandId, NotificationHandler
   impl_->onNotification(commandId, std::move(handler));
 }
 
-void VorlinSession::on_frame(FrameObserver observer) { impl_->callbacks().setFrameObserver(std::move(observer)); }
+void VorlinSession::on_frame(FrameObserver observer) { impl_->onFrame(std::move(observer)); }
 
 void VorlinSession::on_connection_state_changed(StateObserver observer) {
-  impl_->callbacks().setStateObserver(std::move(observer));
+  impl_->onConnectionStateChanged(std::move(observer));
 }
 
 bool VorlinSession::is_io_thread() const noexcept { return impl_->isIoThread(); }

@@ -18,42 +18,31 @@ constexpr int oneThread = 1; // lets asio leave out what only several threads ne
 
 class VorlinSessionImpl::ConnectJob final : public IoJob {
 public:
-  explicit ConnectJob(VorlinSessionImpl& session) : session_(session) {}
+  explicit ConnectJob(TcpTransport& transport) : transport_(transport) {}
   std::future<std::expected<void, Error>> future() { return answer_.future(); }
-  void run() override {
-    asio::co_spawn(
-        session_.context_, session_.transport_->connect(),
-        [answer = std::move(answer_)](std::exception_ptr failure, std::expected<void, Error> result) mutable {
-          if (!failure) answer.give(std::move(result)); // otherwise dropped, which answers, too
-        });
-  }
+  void run() noexcept override { transport_.connect(std::move(answer_)); }
 
 private:
-  VorlinSessionImpl& session_;
+  TcpTransport& transport_;
   Answer<void> answer_;
 };
 
 class VorlinSessionImpl::CloseJob final : public IoJob {
 public:
-  explicit CloseJob(VorlinSessionImpl& session) : session_(session) {}
-  std::future<std::expected<void, Error>> future() { return answer_.future(); }
-  void run() override {
-    asio::co_spawn(
-        session_.context_, session_.transport_->close(),
-        [answer = std::move(answer_)](std::exception_ptr failure, std::expected<void, Error> result) mutable {
-          if (!failure) answer.give(std::move(result));
-        });
-  }
+  explicit CloseJob(TcpTransport& transport) : transport_(transport) {}
+  ~CloseJob() override { closed_.set_value(); }
+  std::future<void> future() { return closed_.get_future(); }
+  void run() noexcept override { static_cast<void>(transport_.close()); }
 
 private:
-  VorlinSessionImpl& session_;
-  Answer<void> answer_;
+  TcpTransport& transport_;
+  std::promise<void> closed_;
 };
 
 class VorlinSessionImpl::ForgetJob final : public IoJob {
 public:
   explicit ForgetJob(CallbackSlots& callbacks) : callbacks_(callbacks) {}
-  void run() override { callbacks_.forgetReplacedHandlers(); }
+  void run() noexcept override { callbacks_.forgetReplacedHandlers(); }
 
 private:
   CallbackSlots& callbacks_;
@@ -66,10 +55,9 @@ VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorl
       framer_(std::make_unique<MessageFramer>(config_.request_timeout, config_.request_attempts, codec_, *transport_,
                                               framerCallbacks(), logger_)),
       inbox_(
-          context_.get_executor(), [this] { submitBegun(); }, [this] { offerWayPast(); }),
-      processGeneration_(platform::processGeneration()) {
+          context_, [this] { claimDirectWrite(); }, [this] { openDirectWrite(); }),
+      processGeneration_(platform::processGeneration()), drain_(makeDrainJob()) {
   wireTransport();
-  framer_->start();
   ioThread_ = platform::startThread([this] { runIoThread(); });
   ioThreadId_ = ioThread_.get_id();
 }
@@ -86,33 +74,48 @@ MessageFramer::Callbacks VorlinSessionImpl::framerCallbacks() {
       .slots = callbacks_,
       .clientId = [this] { return clientId(); },
       .setClientId = [this](std::uint8_t id) { clientId_.store(id, std::memory_order_relaxed); },
-      .submitBegun = [this] { submitBegun(); },
-      .allAnswered = [this] { offerWayPast(); },
+      .claimDirectlyWritten = [this] { claimDirectlyWritten(); },
+      .openDirectWrite = [this] { openDirectWrite(); },
   };
 }
 
 std::future<std::expected<void, Error>> VorlinSessionImpl::connect() {
   if (inherited()) return readyWith<void>({ErrorCode::Transport, "Not connected"});
-  auto job = std::make_unique<ConnectJob>(*this);
+  auto job = std::make_unique<ConnectJob>(*transport_);
   auto result = job->future();
   inbox_.push(std::move(job));
   return result;
 }
 
-void VorlinSessionImpl::disconnect() {
-  if (inherited()) return;
-  auto job = std::make_unique<CloseJob>(*this);
-  const auto closed = job->future();
-  // On the I/O thread the close has to wait for this very call to return.
-  if (inbox_.push(std::move(job)) && !isIoThread()) closed.wait();
+std::future<void> VorlinSessionImpl::startDisconnect() {
+  if (inherited()) {
+    std::promise<void> nothingToDo;
+    nothingToDo.set_value();
+    return nothingToDo.get_future();
+  }
+  auto job = std::make_unique<CloseJob>(*transport_);
+  auto closed = job->future();
+  inbox_.push(std::move(job));
+  return closed;
 }
 
 bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && transport_->isConnected(); }
 
+// An inherited session's locks may be held for ever by a thread that is not there.
+
 void VorlinSessionImpl::onNotification(std::uint16_t commandId, NotificationHandler handler) {
+  if (inherited()) return;
   callbacks_.setNotificationHandler(commandId, std::move(handler));
   // What was replaced may still be at hand on the I/O thread, and is let go of there.
-  if (!inherited()) inbox_.push(std::make_unique<ForgetJob>(callbacks_));
+  inbox_.push(std::make_unique<ForgetJob>(callbacks_));
+}
+
+void VorlinSessionImpl::onFrame(FrameObserver observer) {
+  if (!inherited()) callbacks_.setFrameObserver(std::move(observer));
+}
+
+void VorlinSessionImpl::onConnectionStateChanged(StateObserver observer) {
+  if (!inherited()) callbacks_.setStateObserver(std::move(observer));
 }
 
 void VorlinSessionImpl::setChunkHooks(std::function<void()> before, std::function<void()> after) {
@@ -127,20 +130,32 @@ void VorlinSessionImpl::onTransportBytes(std::expected<std::span<const std::byte
 }
 
 void VorlinSessionImpl::onReceived(std::span<const std::byte> chunk) {
-  struct AfterChunk {
-    const std::function<void()>& hook;
-    ~AfterChunk() {
-      if (hook) hook();
-    }
-  } afterChunk{afterChunk_};
-  if (beforeChunk_) beforeChunk_();
-  submitBegun();
-  framer_->onBytes(chunk);
+  callHook(beforeChunk_);
+  claimDirectlyWritten();
+  try {
+    framer_->onBytes(chunk);
+  } catch (const std::exception& exception) { // only memory can run out; the stream cannot be followed any more
+    log(logger_, LogLevel::err, "on_bytes callback exception: {}", exception.what());
+    transport_->fail(asio::error::no_memory);
+  }
+  openDirectWrite();
+  callHook(afterChunk_);
+}
+
+void VorlinSessionImpl::callHook(const std::function<void()>& hook) noexcept {
+  if (!hook) return;
+  try {
+    hook();
+  } catch (const std::exception& exception) {
+    log(logger_, LogLevel::err, "chunk hook exception: {}", exception.what());
+  } catch (...) {
+    log(logger_, LogLevel::err, "chunk hook exception: unknown");
+  }
 }
 
 void VorlinSessionImpl::onConnectionLost(const Error& error) {
   clientId_.store(0, std::memory_order_relaxed);
-  submitBegun();
+  claimDirectWrite();
   framer_->failAll(error, false);
   // Half a frame of the old connection must not meet the bytes of the next.
   framer_->resetReceiveState();
@@ -148,7 +163,7 @@ void VorlinSessionImpl::onConnectionLost(const Error& error) {
 }
 
 void VorlinSessionImpl::onStateChanged(bool connected, const std::string& reason) {
-  if (connected) offerWayPast();
+  if (connected) openDirectWrite();
   try {
     callbacks_.reportState(connected, reason);
   } catch (const std::exception& exception) {

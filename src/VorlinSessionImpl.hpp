@@ -37,13 +37,14 @@ public:
   static void dispose(std::unique_ptr<VorlinSessionImpl> session);
 
   std::future<std::expected<void, Error>> connect();
-  void disconnect();
+  std::future<void> startDisconnect();
   bool isConnected() const noexcept;
   std::uint8_t clientId() const noexcept { return clientId_.load(std::memory_order_relaxed); }
   std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload);
   bool isIoThread() const noexcept { return std::this_thread::get_id() == ioThreadId_.load(std::memory_order_relaxed); }
   void onNotification(std::uint16_t commandId, NotificationHandler handler);
-  CallbackSlots& callbacks() { return callbacks_; }
+  void onFrame(FrameObserver observer);
+  void onConnectionStateChanged(StateObserver observer);
   void setChunkHooks(std::function<void()> before, std::function<void()> after);
 
   /// For tests: work for the event loop as a stranger would post it.
@@ -55,29 +56,33 @@ private:
   class ConnectJob;
   class CloseJob;
   class ForgetJob;
+  class DrainJob;
 
   /// A fork carries the session into a process that has no I/O thread for it.
   bool inherited() const noexcept;
 
   // Sending (VorlinSessionImplSend.cpp)
-  bool sendHere(std::unique_ptr<FutureRequest>& request);
-  void submitBegun();
-  void offerWayPast();
+  bool sendDirectly(std::unique_ptr<PendingRequest>& request);
+  void claimDirectWrite();
+  void claimDirectlyWritten();
+  void takeOver(std::optional<WrittenRequest> written);
+  void openDirectWrite();
 
   // Wiring
   void wireTransport();
   MessageFramer::Callbacks framerCallbacks();
   void onTransportBytes(std::expected<std::span<const std::byte>, Error> received);
   void onReceived(std::span<const std::byte> chunk);
+  void callHook(const std::function<void()>& hook) noexcept;
   void onConnectionLost(const Error& error);
   void onStateChanged(bool connected, const std::string& reason);
 
   // Life cycle (VorlinSessionImplLife.cpp)
+  std::unique_ptr<IoJob> makeDrainJob();
   void runIoThread();
   void runEventLoop();
-  void failEverything() noexcept;
-  void finishCoroutines() noexcept;
-  asio::awaitable<void> closeDown();
+  void closeDown() noexcept;
+  void runWhatIsLeft() noexcept;
 
   const SessionConfig config_;
   const std::shared_ptr<IVorlinLogger> logger_;
@@ -87,13 +92,14 @@ private:
   std::unique_ptr<TcpTransport> transport_;
   std::unique_ptr<MessageFramer> framer_;
   IoInbox inbox_;
-  std::atomic<FutureRequest*> begun_{nullptr}; // owned: written by its caller, not yet seen by the I/O thread
+  bool directWriteClaimed_ = true; // I/O thread
   CallbackSlots callbacks_;
   std::function<void()> beforeChunk_;
   std::function<void()> afterChunk_;
   std::atomic<std::uint8_t> clientId_{0};
   const std::uint64_t processGeneration_;
   std::atomic<std::thread::id> ioThreadId_{};
+  std::unique_ptr<IoJob> drain_;              // made at the beginning, as the end must not fail
   std::unique_ptr<VorlinSessionImpl> orphan_; // itself, when the I/O thread is to free it
   std::thread ioThread_;
 };

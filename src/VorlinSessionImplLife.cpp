@@ -1,6 +1,7 @@
 // The life cycle: the I/O thread, its end, and the order in which things are taken apart.
 #include "VorlinSessionImpl.hpp"
 
+#include "IoThread.hpp"
 #include "Log.hpp"
 #include "Platform.hpp"
 
@@ -9,6 +10,22 @@
 namespace vorlinkit {
 
 bool VorlinSessionImpl::inherited() const noexcept { return platform::processGeneration() != processGeneration_; }
+
+/// Drains before the loop is stopped: what waits gets its answer while there is a loop to deliver it.
+class VorlinSessionImpl::DrainJob final : public IoJob {
+public:
+  explicit DrainJob(VorlinSessionImpl& session) : session_(session) {}
+  void run() noexcept override {
+    session_.closeDown();
+    session_.workGuard_.reset();
+    session_.context_.stop();
+  }
+
+private:
+  VorlinSessionImpl& session_;
+};
+
+std::unique_ptr<IoJob> VorlinSessionImpl::makeDrainJob() { return std::make_unique<DrainJob>(*this); }
 
 void VorlinSessionImpl::dispose(std::unique_ptr<VorlinSessionImpl> session) {
   // There is no thread to end here, and its locks may be held for ever: the memory goes with the process.
@@ -19,59 +36,35 @@ void VorlinSessionImpl::dispose(std::unique_ptr<VorlinSessionImpl> session) {
   VorlinSessionImpl& self = *session;
   self.ioThread_.detach();
   self.orphan_ = std::move(session);
-  asio::co_spawn(self.context_, self.closeDown(), [&self](std::exception_ptr) {
-    self.workGuard_.reset();
-    self.context_.stop();
-  });
+  self.inbox_.push(std::move(self.drain_));
 }
 
 VorlinSessionImpl::~VorlinSessionImpl() {
   if (ioThread_.joinable()) {
-    // Drain before stopping: what waits gets its answer while there is a loop to deliver it.
-    class DrainJob final : public IoJob {
-    public:
-      explicit DrainJob(VorlinSessionImpl& session) : session_(session) {}
-      std::future<std::expected<void, Error>> future() { return answer_.future(); }
-      void run() override {
-        asio::co_spawn(
-            session_.context_, session_.closeDown(),
-            [answer = std::move(answer_)](std::exception_ptr) mutable { answer.give(std::expected<void, Error>()); });
-      }
-
-    private:
-      VorlinSessionImpl& session_;
-      Answer<void> answer_;
-    };
-    try {
-      auto job = std::make_unique<DrainJob>(*this);
-      const auto drained = job->future();
-      if (inbox_.push(std::move(job))) drained.wait();
-    } catch (...) { // NOLINT: without memory for the orderly way, stopping has to do
-    }
-    workGuard_.reset();
-    context_.stop();
+    inbox_.push(std::move(drain_));
     ioThread_.join();
   }
-  failEverything();
-  finishCoroutines();
+  closeDown();
+  runWhatIsLeft();
   callbacks_.clear();
   framer_.reset();
   transport_.reset();
 }
 
-/// Closes the connection, answers everybody, and lets nobody in any more.
-asio::awaitable<void> VorlinSessionImpl::closeDown() {
-  co_await transport_->close();
+/// Lets nobody in any more, closes the connection, answers everybody. Harmless when it has been done.
+void VorlinSessionImpl::closeDown() noexcept {
+  static_cast<void>(transport_->close());
   inbox_.close();
-  submitBegun();
+  claimDirectWrite();
   framer_->failAll(stoppedError(), true);
 }
 
 void VorlinSessionImpl::runIoThread() {
   ioThreadId_ = std::this_thread::get_id();
+  const IoThreadMark mark;
   runEventLoop();
-  failEverything();
-  finishCoroutines();
+  closeDown();
+  runWhatIsLeft();
   const std::unique_ptr<VorlinSessionImpl> freedHere = std::move(orphan_);
 }
 
@@ -85,19 +78,8 @@ void VorlinSessionImpl::runEventLoop() {
   }
 }
 
-/// For when the loop no longer runs, whatever ended it.
-void VorlinSessionImpl::failEverything() noexcept {
-  try {
-    inbox_.close();
-    transport_->abort();
-    submitBegun();
-    framer_->failAll(stoppedError(), true);
-  } catch (...) { // NOLINT: out of memory; the answers that are left are given when their owners go
-  }
-}
-
-/// Lets the coroutines that have been told to end do so, before what they use is freed.
-void VorlinSessionImpl::finishCoroutines() noexcept {
+/// Handlers that were told to end do so, before what they use is freed.
+void VorlinSessionImpl::runWhatIsLeft() noexcept {
   for (;;) {
     try {
       context_.restart();

@@ -1,4 +1,4 @@
-// Sending: from the caller's thread, by the way of the inbox or past it.
+// Sending, on the caller's thread: directly, or by the I/O thread.
 #include "VorlinSessionImpl.hpp"
 
 #include <utility>
@@ -7,63 +7,73 @@ namespace vorlinkit {
 
 namespace {
 
-// Surely fits into the socket's buffer of a machine that has answered everything.
+// A larger one would keep the lock for long, and seldom fits into the socket's buffer at once.
 constexpr std::size_t smallPayload = 4096;
 
 } // namespace
 
 class VorlinSessionImpl::SendJob final : public IoJob {
 public:
-  SendJob(MessageFramer& framer, std::unique_ptr<FutureRequest> request)
+  SendJob(MessageFramer& framer, std::unique_ptr<PendingRequest> request)
       : framer_(framer), request_(std::move(request)) {}
-  void run() override { framer_.submit(std::move(request_)); }
+  void run() noexcept override { framer_.submit(std::move(request_)); }
 
 private:
   MessageFramer& framer_;
-  std::unique_ptr<FutureRequest> request_;
+  std::unique_ptr<PendingRequest> request_;
 };
 
 std::future<std::expected<RawMessage, Error>> VorlinSessionImpl::send(std::uint16_t commandId,
                                                                       std::span<const std::byte> payload) {
   if (!isConnected()) return readyWith<RawMessage>({ErrorCode::Transport, "Not connected"});
-  auto request = std::make_unique<FutureRequest>(commandId, payload);
-  auto result = request->future();
-  if (!sendHere(request)) inbox_.push(std::make_unique<SendJob>(*framer_, std::move(request)));
+  auto promised = std::make_unique<FutureRequest>(commandId, payload);
+  auto result = promised->future();
+  std::unique_ptr<PendingRequest> request = std::move(promised);
+  if (!sendDirectly(request)) inbox_.push(std::make_unique<SendJob>(*framer_, std::move(request)));
   return result;
 }
 
-/// Writes the request on the caller's thread when the session is quiet, which spares the switch to the I/O
-/// thread. That thread hears of it when it next wakes: by the response, the running timer, or the loss of
-/// the connection. Observers run on the I/O thread, so with one the request goes there, too.
-bool VorlinSessionImpl::sendHere(std::unique_ptr<FutureRequest>& request) {
-  if (!inbox_.wayPastIsOpen() || request->payload.size() > smallPayload || callbacks_.observesFrames()) return false;
+/// Writes the request here when the session is quiet, which spares the switch to the I/O thread. That thread hears of
+/// it when it next handles an event: the response, the running timer, or the loss of the connection. Observers run on
+/// the I/O thread, so with one the request goes there, too.
+bool VorlinSessionImpl::sendDirectly(std::unique_ptr<PendingRequest>& request) {
+  DirectWrite& directWrite = transport_->directWrite();
+  if (!directWrite.isOpen() || request->payload.size() > smallPayload || callbacks_.observesFrames()) return false;
+  if (!inbox_.empty()) return false; // what this thread has sent before comes first
   const std::uint8_t sender = clientId();
-  const auto frame = codec_->encodeRequest(request->commandId, sender, request->payload);
+  auto frame = codec_->encodeRequest(request->commandId, sender, request->payload);
   if (!frame) return false;
-  const auto begin = [&] {
-    // A response may have brought another client id while the frame was made.
-    if (begun_ != nullptr || clientId() != sender || !inbox_.takeWayPast()) return false;
-    request->begun = {std::chrono::steady_clock::now(), frame->size()};
-    begun_ = request.release();
-    return true;
-  };
-  if (!transport_->writeAtOnce(*frame, begin)) return false;
-  if (!framer_->keepsTime()) inbox_.wake();
-  return true;
+  // A response may have brought another client id while the frame was made.
+  const auto result = directWrite.tryWrite(request, std::move(*frame), [&] { return clientId() == sender; });
+  if (result == DirectWrite::Result::WrittenAndWake) inbox_.wake();
+  return result != DirectWrite::Result::NotWritten;
 }
 
-/// I/O thread: takes over what a caller has begun. Called wherever it may matter: before received bytes,
-/// other requests, time-outs and losses are looked at.
-void VorlinSessionImpl::submitBegun() {
-  if (begun_ == nullptr) return;
-  // First, as it may have been opened again meanwhile: the next caller would find the slot free.
-  inbox_.shutWayPast();
-  framer_->submit(std::unique_ptr<FutureRequest>(begun_.exchange(nullptr)));
+/// I/O thread, before it handles what may make it write: keeps callers from writing, and takes over what one of them
+/// has written.
+void VorlinSessionImpl::claimDirectWrite() {
+  if (!std::exchange(directWriteClaimed_, true)) takeOver(transport_->directWrite().claim());
 }
 
-/// I/O thread: lets the next caller write himself if nothing is under way.
-void VorlinSessionImpl::offerWayPast() {
-  if (framer_->allAnswered()) inbox_.openWayPast();
+/// I/O thread, before it handles what concerns a request in flight. While nothing is in flight callers may go on.
+void VorlinSessionImpl::claimDirectlyWritten() {
+  if (directWriteClaimed_) return;
+  auto written = transport_->directWrite().claimWritten();
+  directWriteClaimed_ = written.has_value();
+  takeOver(std::move(written));
+}
+
+void VorlinSessionImpl::takeOver(std::optional<WrittenRequest> written) {
+  if (!written) return;
+  const std::error_code failure = written->failure;
+  framer_->submitWritten(std::move(*written));
+  if (failure) transport_->fail(failure);
+}
+
+/// I/O thread: lets the next caller write if nothing is under way.
+void VorlinSessionImpl::openDirectWrite() {
+  if (directWriteClaimed_ && framer_->isQuiet())
+    directWriteClaimed_ = !transport_->directWrite().open(framer_->timerRuns());
 }
 
 } // namespace vorlinkit

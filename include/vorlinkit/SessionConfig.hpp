@@ -22,6 +22,10 @@ struct SessionConfig {
   /// Attempts per request, the first included; 0 counts as 1. Each retry sends the request again, so
   /// leave it at 1 for commands that must not be carried out twice.
   std::uint32_t request_attempts = 1;
+  /// How long the machine may take nothing of what is sent to it before the connection is given up
+  /// ("Disconnected: Connection timed out"), counted from the last byte that it acknowledged. 0 and less: the longer
+  /// of 15 s and `request_timeout` times `request_attempts`.
+  std::chrono::milliseconds stall_timeout{0};
   /// Fixed wait before each re-connect.
   std::chrono::milliseconds reconnect_delay{1000};
   /// Re-connect after a failed connect or a lost connection, for ever, until disconnect().

@@ -35,7 +35,7 @@ using StateObserver = std::function<void(bool connected, const std::string& reas
 /// logged at `err` and the session goes on.
 ///
 /// After a fork the child may only destroy an inherited session: connect and send fail with "Not
-/// connected", the rest does nothing.
+/// connected", the rest does nothing, and callbacks are not kept.
 class VorlinSession {
 public:
   /// Starts the I/O thread; does not connect. Throws std::system_error if the thread cannot be started.
@@ -49,9 +49,12 @@ public:
   /// Connects within `connection_timeout`; a connect or connection that is under way is given up first.
   /// Failure: Transport or Timeout, "Failed to connect: " and the reason.
   std::future<std::expected<void, Error>> connect();
-  /// Closes the connection, ends re-connecting, and waits until both are done; from a callback it only
-  /// starts the close.
+  /// Closes the connection, ends re-connecting, and waits until both are done; on the I/O thread of any
+  /// session it only starts the close, since two sessions that wait for each other would do so for ever.
   void disconnect();
+  /// The same without waiting: the future becomes ready when both are done. On the I/O thread of any session
+  /// it is ready at once.
+  std::future<void> start_disconnect();
   bool is_connected() const noexcept;
   /// The id the machine gave this connection, learned from the response to command 1; 0 when unknown.
   std::uint8_t client_id() const noexcept;
@@ -73,7 +76,8 @@ public:
   /// True on the session's own I/O thread, where waiting for one of its futures would never end.
   bool is_io_thread() const noexcept;
   /// For language bindings: called on the I/O thread before and after each received chunk is cut into
-  /// frames and dispatched, so that an interpreter lock can be held once per chunk. Set before connect.
+  /// frames and dispatched, so that an interpreter lock can be held once per chunk. Set before connect. An
+  /// exception that leaves one is logged at `err`.
   void set_chunk_hooks(std::function<void()> before, std::function<void()> after);
 
 private:

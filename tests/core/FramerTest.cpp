@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 
+#include <deque>
 #include <stdexcept>
 
 namespace vorlinkit::test {
@@ -14,27 +15,30 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-/// The transport's place, taken by a list of what was written and one of how writes are to end.
+/// The transport's place, taken by lists of what was written, how writes are to end, and what has arrived.
 class FakeChannel final : public ITransportWriteChannel {
 public:
-  asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte> frame) override {
+  std::optional<Written> write(std::vector<std::byte> frame, std::size_t) noexcept override {
     written.push_back(std::move(frame));
     if (onWrite) onWrite();
-    if (room) co_await room->wait();
-    std::expected<void, Error> result;
-    if (!failures.empty()) {
-      result = std::unexpected(failures.front());
-      failures.pop_front();
-    }
-    co_return result;
+    if (takesLong) return std::nullopt;
+    if (failures.empty()) return Written();
+    const Error failure = failures.front();
+    failures.pop_front();
+    return std::unexpected(failure);
+  }
+  void readArrived() noexcept override {
+    if (onRead) onRead();
   }
   asio::any_io_executor getExecutor() override { return context.get_executor(); }
+  void endWrite() { onWritten_(Written()); }
 
   asio::io_context context;
   std::vector<Bytes> written;
   std::deque<Error> failures;
   std::function<void()> onWrite;
-  std::unique_ptr<Wakeup> room; // while there is one, writes take until it is notified
+  std::function<void()> onRead;
+  bool takesLong = false; // writes end by endWrite()
 };
 
 struct Framer : testing::Test {
@@ -54,7 +58,6 @@ struct Framer : testing::Test {
                                  .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
                                  .setClientId = [this](std::uint8_t id) { clientId = id; }},
         logger);
-    framer->start();
   }
   void TearDown() override {
     framer->failAll(stoppedError(), true);
@@ -118,7 +121,9 @@ TEST_F(Framer, SendsOneRequestAtATimeAndMatchesByCommandId) {
                                      "3 No handler for notification commandId=4"));
 }
 
-TEST_F(Framer, ReportsMajorAndMinorErrors) {
+TEST_F(Framer, LogsRefusalsWarningsAndRetries) {
+  make(2);
+  channel.failures = {{ErrorCode::Transport, "Write failed: x"}};
   auto refused = send(5);
   receive(response(5, {}, 0x21));
   EXPECT_EQ(errorOf(refused),
@@ -127,18 +132,50 @@ TEST_F(Framer, ReportsMajorAndMinorErrors) {
   auto warned = send(5);
   receive(response(5, {}, 0, 1));
   EXPECT_TRUE(warned.get());
-  EXPECT_EQ(records().back(), "3 VORLIN protocol warning (minorError): UnknownRequestVersion (0x00000001)");
+  EXPECT_THAT(records(), ElementsAre("3 Write failed for commandId=5, retrying attempt 2 of 2",
+                                     "4 VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
+                                     "ExclusiveControlRequired (0x00000020)",
+                                     "3 VORLIN protocol warning (minorError): UnknownRequestVersion (0x00000001)"));
 }
 
-TEST_F(Framer, IsNotAtRestWhileARefusedRequestIsStillBeingWritten) {
-  channel.room = std::make_unique<Wakeup>(channel.getExecutor());
+TEST_F(Framer, TheNextRequestWaitsForTheEndOfAWriteWhoseRequestIsOver) {
+  channel.takesLong = true;
   auto refused = send(5);
   receive(response(5, {}, 0x20));
   EXPECT_TRUE(ready(refused));
-  EXPECT_FALSE(framer->allAnswered());
-  channel.room->notify();
-  settle();
-  EXPECT_TRUE(framer->allAnswered());
+  auto next = send(6);
+  EXPECT_EQ(channel.written.size(), 1U);
+  EXPECT_FALSE(framer->isQuiet());
+  channel.endWrite();
+  EXPECT_EQ(channel.written.size(), 2U);
+}
+
+TEST_F(Framer, LooksAtWhatHasArrivedBeforeItGivesUp) {
+  for (const auto timeout : {5ms, 0ms, -3600000ms}) {
+    make(1, timeout);
+    channel.onRead = [&] { framer->onBytes(notification(4, {}) + response(9, bytes({1}))); };
+    auto answered = send(9);
+    runUntilReady(answered);
+    EXPECT_TRUE(answered.get());
+    channel.onRead = nullptr;
+    auto unanswered = send(9);
+    runUntilReady(unanswered);
+    EXPECT_EQ(errorOf(unanswered), (Error{ErrorCode::Timeout, "Request timeout for commandId=9 after 1 attempt(s)"}));
+    EXPECT_FALSE(framer->isQuiet()) << "its answer may still come";
+  }
+}
+
+TEST_F(Framer, ALossDuringAWriteIsTheEndOfTheRequest) {
+  make(3);
+  channel.onWrite = [this] { framer->failAll({ErrorCode::Transport, "gone"}, false); };
+  channel.failures = {{ErrorCode::Transport, "Write failed: x"}};
+  auto during = send(9);
+  EXPECT_EQ(errorOf(during).message, "gone");
+  EXPECT_THAT(records(), ElementsAre()) << "no retry of what has failed";
+  channel.onWrite = nullptr;
+  auto fine = send(10);
+  receive(response(10, {}));
+  EXPECT_TRUE(fine.get());
 }
 
 TEST_F(Framer, LearnsTheClientIdFromCommandOne) {
@@ -154,26 +191,6 @@ TEST_F(Framer, LearnsTheClientIdFromCommandOne) {
   EXPECT_EQ(clientId, 7);
 }
 
-TEST_F(Framer, RetriesAfterTimeoutsAndCounts) {
-  make(3, 5ms);
-  auto request9 = send(9);
-  auto above = send(300);
-  runUntilReady(above);
-  EXPECT_EQ(errorOf(request9), (Error{ErrorCode::Timeout, "Request timeout for commandId=9 after 3 attempt(s)"}));
-  EXPECT_EQ(channel.written.size(), 6U);
-  EXPECT_THAT(records(), ElementsAre("3 Request timeout for commandId=9, retrying attempt 2 of 3",
-                                     "3 Request timeout for commandId=9, retrying attempt 3 of 3",
-                                     "3 Request timeout for commandId=300, retrying attempt 2 of 3",
-                                     "3 Request timeout for commandId=300, retrying attempt 3 of 3"));
-  const auto& counters = framer->counters();
-  EXPECT_EQ(counters.bytesSent, 6 * 18U);
-  EXPECT_EQ(counters.bytesSentOf[9], 3 * 18U);
-  EXPECT_EQ(counters.requestsTimedOut, 2U);
-  EXPECT_EQ(counters.timeoutsOf[9], 1U);
-  EXPECT_EQ(counters.timeoutRetries, 4U);
-  EXPECT_EQ(counters.retriesOf[9], 2U);
-}
-
 TEST_F(Framer, ALateAnswerIsTakenByTheNextRequestOfTheSameCommand) {
   make(0, 5ms);
   auto early = send(9);
@@ -183,33 +200,12 @@ TEST_F(Framer, ALateAnswerIsTakenByTheNextRequestOfTheSameCommand) {
   EXPECT_TRUE(next.get()) << "known and kept: a response carries nothing but its command id";
 }
 
-TEST_F(Framer, ResendsAfterFailedWrites) {
-  make(2);
-  channel.failures = {{ErrorCode::Transport, "Write failed: x"}, {ErrorCode::Transport, "Write failed: y"}};
-  auto failed = send(9);
-  EXPECT_EQ(errorOf(failed), (Error{ErrorCode::Transport, "Write failed: y"}));
-  EXPECT_THAT(records(), ElementsAre("3 Write failed for commandId=9, retrying attempt 2 of 2"));
-}
-
 TEST_F(Framer, TakesAResponseThatArrivesBeforeTheWriteCompletes) {
   channel.onWrite = [this] { framer->onBytes(response(9, bytes({1})) + response(9, bytes({2}))); };
   auto quick = send(9);
   const auto result = quick.get();
   ASSERT_TRUE(result);
   EXPECT_EQ(result->payload[0], std::byte{1}) << "the second response is not stored";
-}
-
-TEST_F(Framer, ANewRequestIsNotEndedByWhatEndedTheLast) {
-  auto failing = send(9);
-  channel.onWrite = [this] { framer->failAll({ErrorCode::Transport, "gone"}, false); };
-  framer->failAll({ErrorCode::Transport, "gone"}, false);
-  auto during = send(9);
-  EXPECT_EQ(errorOf(during).message, "gone") << "completed while its write was under way";
-  channel.onWrite = nullptr;
-  auto fine = send(10);
-  EXPECT_FALSE(ready(fine));
-  receive(response(10, {}));
-  EXPECT_TRUE(fine.get());
 }
 
 TEST_F(Framer, NothingThatWasFailedIsEverSent) {
@@ -264,13 +260,6 @@ TEST_F(Framer, ContainsWhatCallbacksThrow) {
                           "4 onFrame(Rx) callback exception: no", "3 No handler for notification commandId=6",
                           "3 onFrame(Tx) callback failed for commandId=9, retrying attempt 2 of 2",
                           "3 onFrame(Tx) callback failed for commandId=9, retrying attempt 2 of 2"));
-}
-
-TEST_F(Framer, SendCanBeAwaitedOnTheExecutor) {
-  auto outcome = asio::co_spawn(channel.context, framer->send(9, bytes({1})), asio::use_future);
-  settle();
-  receive(response(9, {}));
-  EXPECT_TRUE(outcome.get());
 }
 
 } // namespace

@@ -65,6 +65,16 @@ public:
     const auto id = static_cast<std::uint16_t>((std::to_integer<int>(frame[6]) << 8) | std::to_integer<int>(frame[7]));
     return Request{id, std::move(frame)};
   }
+  /// Reads `total` bytes, `step` at a time with a pause before each; yields how many came.
+  std::size_t readSlowly(std::size_t total, std::size_t step, std::chrono::milliseconds pause) {
+    Bytes taken(step);
+    std::size_t count = 0;
+    for (std::error_code ended; count < total && !ended;) {
+      std::this_thread::sleep_for(pause);
+      count += asio::read(socket_, asio::buffer(taken.data(), std::min(step, total - count)), ended);
+    }
+    return count;
+  }
   bool write(const Bytes& data) {
     std::error_code ended;
     asio::write(socket_, asio::buffer(data), ended);

@@ -94,7 +94,7 @@ TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
   EXPECT_FALSE(queued.get());
   EXPECT_FALSE(session.send(11, {}).get());
   EXPECT_FALSE(session.connect().get());
-  session.disconnect();
+  session.startDisconnect().wait();
   EXPECT_EQ(logger->count("4 src/VorlinSessionImpl io_context run exception: broken handler"), 1);
 }
 

@@ -1,0 +1,77 @@
+// The write of a request by its caller's own thread.
+#pragma once
+
+#include "PendingRequest.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <system_error>
+#include <vector>
+
+namespace vorlinkit {
+
+/// A request that its caller has written, on its way to the I/O thread.
+struct WrittenRequest {
+  std::unique_ptr<PendingRequest> request;
+  std::chrono::steady_clock::time_point at;
+  std::vector<std::byte> frame;
+  std::size_t written = 0; // bytes of the frame that the socket has taken; the I/O thread writes the rest
+  std::error_code failure; // why the connection cannot go on
+};
+
+/// Lets one caller at a time write its own request while the line is quiet, which spares the switch to the I/O
+/// thread. Owns the right to write: whoever writes holds the lock or has made sure that nobody else can.
+///
+/// Closed: only the I/O thread writes. Open: nothing is in flight, and the next caller may write. Taken: a caller is
+/// writing, under the lock. Handed over: its request waits for the I/O thread, and nobody writes. The I/O thread
+/// claims before it handles anything that may make it write or that concerns a request that was handed over, and opens
+/// when all is answered.
+class DirectWrite {
+public:
+  enum class State { Closed, Open, Taken, HandedOver };
+  /// Writes what fits without waiting; yields how much that was. Nothing at all is no failure.
+  using WriteSome = std::function<std::expected<std::size_t, std::error_code>(std::span<const std::byte>)>;
+
+  enum class Result {
+    NotWritten,    // the request is still the caller's, to be sent by the I/O thread
+    Written,       // the I/O thread will see it by itself: by its timer or by the answer
+    WrittenAndWake // the I/O thread has to be woken
+  };
+
+  /// Any thread: whether it is worth to make a frame for tryWrite().
+  bool isOpen() const noexcept { return state_.load(std::memory_order_relaxed) == State::Open; }
+  /// Any thread: writes `frame` if the line is quiet and `stillGood` says so; `request` is then taken.
+  Result tryWrite(std::unique_ptr<PendingRequest>& request, std::vector<std::byte>&& frame,
+                  const std::function<bool()>& stillGood);
+
+  // I/O thread
+  /// The line on which to write, from its connection on. It stays Closed until it is opened.
+  void attach(WriteSome line);
+  /// Before the socket is closed; returns when no caller writes to it any more. What was handed over stays.
+  void detach();
+  /// From here on nobody else writes, until open(). Yields what a caller has written meanwhile.
+  std::optional<WrittenRequest> claim();
+  /// The same if a caller has written; otherwise the next one still may.
+  std::optional<WrittenRequest> claimWritten();
+  /// Everything is answered. `timerRuns`: the I/O thread will look again within the response time-out. False without a
+  /// line.
+  bool open(bool timerRuns);
+
+private:
+  void enter(State state) noexcept { state_.store(state, std::memory_order_relaxed); }
+
+  std::mutex lock_;
+  std::atomic<State> state_{State::Closed}; // changed under the lock
+  WriteSome line_;
+  bool timerRuns_ = false;
+  std::optional<WrittenRequest> handedOver_;
+};
+
+} // namespace vorlinkit

@@ -1,0 +1,243 @@
+#include "RequestFsm.hpp"
+
+#include "SaturatingTime.hpp"
+
+#include <vorlinkit/ProtocolErrorFlags.hpp>
+
+#include <algorithm>
+#include <utility>
+
+namespace vorlinkit {
+
+void LateAnswers::add(std::uint16_t commandId) noexcept {
+  if (contains(commandId)) return;
+  if (count_ == commands_.size())
+    more_ = true;
+  else
+    commands_[count_++] = commandId;
+}
+
+void LateAnswers::answered(std::uint16_t commandId) noexcept {
+  if (!more_ && !contains(commandId)) clear();
+}
+
+bool LateAnswers::contains(std::uint16_t commandId) const noexcept {
+  const auto known = std::span(commands_).first(count_);
+  return std::ranges::find(known, commandId) != known.end();
+}
+
+RequestFsm::RequestFsm(std::chrono::milliseconds timeout, std::uint32_t attempts, TrafficCounters& counters)
+    : timeout_(timeout), attempts_(std::max<std::uint32_t>(attempts, 1)), counters_(counters) {}
+
+// -- sending ------------------------------------------------------------------------------------------------
+
+void RequestFsm::submit(std::unique_ptr<PendingRequest> request) noexcept {
+  if (stopped_)
+    failed_.push(std::move(request));
+  else
+    queue_.push(std::move(request));
+}
+
+void RequestFsm::submitWritten(WrittenRequest written) {
+  if (stopped_) return failed_.push(std::move(written.request));
+  active_ = std::move(written.request);
+  attempt_ = 1;
+  encoded(written.frame.size());
+  if (written.failure || written.written == written.frame.size()) { // after a failure the loss ends it
+    stage_ = Stage::Waiting;
+    deadline_ = saturatingAdd(written.at, timeout_);
+  } else {
+    stage_ = Stage::Sending;
+    writing_ = true;
+    rest_.emplace(std::move(written.frame), written.written);
+  }
+}
+
+void RequestFsm::encoded(std::size_t frameLength) noexcept {
+  TrafficCounters::add(counters_.bytesSent, frameLength);
+  TrafficCounters::add(counters_.bytesSentOf, active_->commandId, frameLength);
+}
+
+void RequestFsm::written(TimePoint now) noexcept {
+  writing_ = false;
+  if (stage_ != Stage::Sending) return; // over meanwhile
+  stage_ = Stage::Waiting;
+  if (!outcome_) deadline_ = saturatingAdd(now, timeout_);
+}
+
+void RequestFsm::writeFailed(Error error) noexcept {
+  writing_ = false;
+  if (stage_ != Stage::Sending) return; // the loss of the connection has ended it
+  if (mayRetry())
+    retry(RetryCause::WriteFailed);
+  else
+    settle(std::unexpected(std::move(error)));
+}
+
+void RequestFsm::notSendable(Error error) noexcept {
+  writing_ = false;
+  if (stage_ == Stage::Sending) settle(std::unexpected(std::move(error)));
+}
+
+void RequestFsm::observerThrew(Error error) noexcept {
+  writing_ = false;
+  if (stage_ != Stage::Sending) return;
+  if (mayRetry())
+    retry(RetryCause::ObserverThrew);
+  else
+    settle(std::unexpected(std::move(error)));
+}
+
+void RequestFsm::retry(RetryCause cause) noexcept {
+  ++attempt_;
+  log_ = LogRetry{cause, active_->commandId, attempt_, attempts_};
+  stage_ = Stage::Retry;
+  deadline_ = TimePoint(); // at once, but in a turn of its own
+}
+
+// -- receiving ----------------------------------------------------------------------------------------------
+
+RequestFsm::Reception RequestFsm::response(const RawMessage& message) {
+  if (!active_ || active_->commandId != message.commandId) return {Reception::Kind::Unexpected, {}, {}};
+  lateAnswers_.answered(message.commandId);
+  if (message.majorError != 0) {
+    Error refusal = errorWith(ErrorCode::Protocol, [&] {
+      return "VORLIN protocol error (majorError): " + protocolErrorsToString(message.majorError, true);
+    });
+    Reception reception{Reception::Kind::Refused, refusal.message, {}};
+    settleNow(std::move(refusal));
+    return reception;
+  }
+  Reception reception{Reception::Kind::Accepted, {}, {}};
+  if (message.minorError != 0)
+    reception.text = "VORLIN protocol warning (minorError): " + protocolErrorsToString(message.minorError, false);
+  if (!outcome_) settle(message);
+  constexpr std::uint16_t getClientId = 1;
+  if (message.commandId == getClientId && message.payload.size() == 1)
+    reception.clientId = std::to_integer<std::uint8_t>(message.payload[0]);
+  return reception;
+}
+
+void RequestFsm::protocolFault(const char* text) noexcept {
+  if (!active_) return;
+  if (!outcome_) lateAnswers_.add(active_->commandId);
+  settleNow(errorWith(ErrorCode::Protocol, [&] { return std::string(text); }));
+}
+
+/// The active request is over as soon as nothing of it is being written.
+void RequestFsm::settle(Outcome outcome) noexcept {
+  outcome_ = std::move(outcome);
+  deadline_ = TimePoint::max();
+}
+
+/// The active request is over, also while it is being written: a machine may refuse before it has read everything.
+void RequestFsm::settleNow(Error error) noexcept {
+  settle(std::unexpected(std::move(error)));
+  overAtOnce_ = true;
+}
+
+// -- time ---------------------------------------------------------------------------------------------------
+
+void RequestFsm::timePassed(TimePoint now) noexcept {
+  if (now < deadline_) return;
+  deadline_ = TimePoint::max();
+  if (stage_ == Stage::Retry)
+    stage_ = Stage::ToSend;
+  else if (stage_ == Stage::Waiting)
+    stage_ = Stage::TimeUp;
+}
+
+void RequestFsm::notTimed(Error error) noexcept {
+  deadline_ = TimePoint::max();
+  if (!active_) return;
+  lateAnswers_.add(active_->commandId);
+  settleNow(std::move(error));
+}
+
+void RequestFsm::lineRead() noexcept {
+  if (stage_ == Stage::Reading && !outcome_) timedOut();
+}
+
+void RequestFsm::timedOut() noexcept {
+  const std::uint16_t commandId = active_->commandId;
+  lateAnswers_.add(commandId);
+  if (mayRetry()) {
+    TrafficCounters::add(counters_.timeoutRetries, 1);
+    TrafficCounters::add(counters_.retriesOf, commandId, 1);
+    return retry(RetryCause::TimedOut);
+  }
+  TrafficCounters::add(counters_.requestsTimedOut, 1);
+  TrafficCounters::add(counters_.timeoutsOf, commandId, 1);
+  settle(std::unexpected(errorWith(ErrorCode::Timeout, [&] {
+    return "Request timeout for commandId=" + std::to_string(commandId) + " after " + std::to_string(attempts_) +
+           " attempt(s)";
+  })));
+}
+
+// -- the end ------------------------------------------------------------------------------------------------
+
+void RequestFsm::lost(const Error& error) noexcept {
+  failAll(error);
+  lateAnswers_.clear();
+}
+
+void RequestFsm::stop() noexcept {
+  failAll(stoppedError());
+  stopped_ = true;
+}
+
+void RequestFsm::failAll(const Error& error) noexcept {
+  failure_ = copyOf(error);
+  if (active_) failed_.push(std::move(active_));
+  while (!queue_.empty())
+    failed_.push(queue_.pop());
+  stage_ = Stage::Idle;
+  writing_ = false;
+  outcome_.reset();
+  overAtOnce_ = false;
+  rest_.reset();
+  log_.reset();
+  deadline_ = TimePoint::max();
+}
+
+// -- what to do ---------------------------------------------------------------------------------------------
+
+bool RequestFsm::isOver() const noexcept { return outcome_ && (stage_ != Stage::Sending || overAtOnce_ || !writing_); }
+
+bool RequestFsm::isQuiet() const noexcept {
+  return !active_ && queue_.empty() && failed_.empty() && !writing_ && !stopped_ && lateAnswers_.none();
+}
+
+RequestFsm::Action RequestFsm::next() noexcept {
+  if (!failed_.empty()) return Complete{failed_.pop(), std::unexpected(copyOf(failure_))};
+  if (log_) return *std::exchange(log_, std::nullopt);
+  if (isOver()) return complete();
+  if (rest_) {
+    Action action = std::move(*rest_);
+    rest_.reset();
+    return action;
+  }
+  if (stage_ == Stage::TimeUp) {
+    stage_ = Stage::Reading;
+    return ReadLine{};
+  }
+  if (stage_ == Stage::Idle && !queue_.empty() && !writing_) {
+    active_ = queue_.pop();
+    attempt_ = 1;
+    stage_ = Stage::ToSend;
+  }
+  if (stage_ != Stage::ToSend) return Nothing{};
+  stage_ = Stage::Sending;
+  writing_ = true;
+  return Send{*active_};
+}
+
+RequestFsm::Complete RequestFsm::complete() noexcept {
+  stage_ = Stage::Idle;
+  overAtOnce_ = false;
+  Complete action{std::move(active_), std::move(*outcome_)};
+  outcome_.reset();
+  return action;
+}
+
+} // namespace vorlinkit
