@@ -32,9 +32,8 @@ void require(bool good, const char* what) {
 /// A framer needs a way out, but nothing is sent here.
 class NoWriteChannel final : public ITransportWriteChannel {
 public:
-  asio::awaitable<std::expected<void, Error>> write(std::vector<std::byte>) override {
-    co_return std::expected<void, Error>();
-  }
+  std::optional<Written> write(std::vector<std::byte>, std::size_t) noexcept override { return Written(); }
+  void readArrived() noexcept override {}
   asio::any_io_executor getExecutor() override { return context_.get_executor(); }
 
 private:

@@ -6,21 +6,53 @@ namespace vorlinkit {
 
 DirectWrite::Result DirectWrite::tryWrite(std::unique_ptr<PendingRequest>& request, std::vector<std::byte>&& frame,
                                           const std::function<bool()>& stillGood) {
-  const std::lock_guard guard(lock_);
-  if (state_ != State::Open || !stillGood()) return Result::NotWritten;
+  if (!take(request, frame.size(), stillGood)) return Result::NotWritten;
+  const auto written = line_(frame); // nobody replaces the line while it is Taken
+  return finish(written, request, std::move(frame));
+}
 
-  enter(State::Taken); // a write that throws leaves nothing behind on the line
-  const auto at = std::chrono::steady_clock::now();
-  const auto written = line_(frame);
-  if (written && *written == 0) {
+bool DirectWrite::take(std::unique_ptr<PendingRequest>& request, std::size_t frameLength,
+                       const std::function<bool()>& stillGood) {
+  const std::lock_guard guard(lock_);
+  if (state_ != State::Open || !stillGood()) return false;
+  handedOver_.emplace();
+  handedOver_->request = std::move(request);
+  handedOver_->at = std::chrono::steady_clock::now();
+  handedOver_->frameLength = frameLength;
+  openAgain_ = false;
+  enter(State::Taken);
+  return true;
+}
+
+DirectWrite::Result DirectWrite::finish(std::expected<std::size_t, std::error_code> written,
+                                        std::unique_ptr<PendingRequest>& request, std::vector<std::byte>&& frame) {
+  const std::lock_guard guard(lock_);
+  const bool takenOver = state_ == State::TakenOver;
+  writerDone_.notify_one();
+  if (written == frame.size() && takenOver) {
+    enter(openAgain_ ? State::Open : State::Closed);
+    return Result::Written;
+  }
+  if (written == std::size_t{0} && !takenOver) {
+    request = std::move(handedOver_->request);
+    handedOver_.reset();
     enter(State::Open);
     return Result::NotWritten;
   }
-  handedOver_.emplace(std::move(request), at, std::move(frame), written.value_or(0),
-                      written ? std::error_code() : written.error());
   enter(State::HandedOver);
-  const bool whole = handedOver_->written == handedOver_->frame.size();
-  return whole && timerRuns_ ? Result::Written : Result::WrittenAndWake;
+  if (written == frame.size()) return timerRuns_ ? Result::Written : Result::WrittenAndWake;
+
+  if (!handedOver_) handedOver_.emplace();
+  handedOver_->from = written.value_or(0);
+  if (written)
+    handedOver_->unwritten = std::move(frame);
+  else
+    handedOver_->failure = written.error();
+  return Result::WrittenAndWake;
+}
+
+void DirectWrite::awaitWriter(std::unique_lock<std::mutex>& guard) {
+  writerDone_.wait(guard, [this] { return state_ != State::Taken && state_ != State::TakenOver; });
 }
 
 void DirectWrite::attach(WriteSome line) {
@@ -29,30 +61,37 @@ void DirectWrite::attach(WriteSome line) {
 }
 
 void DirectWrite::detach() {
-  const std::lock_guard guard(lock_);
+  std::unique_lock guard(lock_);
+  awaitWriter(guard);
   line_ = nullptr;
   if (state_ == State::Open) enter(State::Closed);
 }
 
 std::optional<WrittenRequest> DirectWrite::claim() {
-  const std::lock_guard guard(lock_);
+  std::unique_lock guard(lock_);
+  awaitWriter(guard);
   enter(State::Closed);
   return std::exchange(handedOver_, std::nullopt);
 }
 
 std::optional<WrittenRequest> DirectWrite::claimWritten() {
   const std::lock_guard guard(lock_);
-  if (state_ != State::HandedOver) return std::nullopt;
-  enter(State::Closed);
+  if (state_ == State::Taken)
+    enter(State::TakenOver);
+  else if (state_ == State::HandedOver)
+    enter(State::Closed);
+  else
+    return std::nullopt;
   return std::exchange(handedOver_, std::nullopt);
 }
 
 bool DirectWrite::open(bool timerRuns) {
   const std::lock_guard guard(lock_);
-  if (state_ != State::Closed || !line_) return false;
+  if (!line_) return false;
   timerRuns_ = timerRuns;
-  enter(State::Open);
-  return true;
+  if (state_ == State::Closed) enter(State::Open);
+  openAgain_ = state_ == State::TakenOver;
+  return state_ == State::Open || openAgain_;
 }
 
 } // namespace vorlinkit

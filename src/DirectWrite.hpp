@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <expected>
 #include <functional>
@@ -17,25 +18,26 @@
 
 namespace vorlinkit {
 
-/// A request that its caller has written, on its way to the I/O thread.
+/// What a caller has written, on its way to the I/O thread.
 struct WrittenRequest {
-  std::unique_ptr<PendingRequest> request;
+  std::unique_ptr<PendingRequest> request; // null when the I/O thread has taken it over before
   std::chrono::steady_clock::time_point at;
-  std::vector<std::byte> frame;
-  std::size_t written = 0; // bytes of the frame that the socket has taken; the I/O thread writes the rest
-  std::error_code failure; // why the connection cannot go on
+  std::size_t frameLength = 0;
+  std::vector<std::byte> unwritten; // the frame, if the socket has not taken it whole
+  std::size_t from = 0;             // the first byte that it has not taken
+  std::error_code failure;          // why the connection cannot go on
 };
 
 /// Lets one caller at a time write its own request while the line is quiet, which spares the switch to the I/O
-/// thread. Owns the right to write: whoever writes holds the lock or has made sure that nobody else can.
+/// thread. Owns the right to write. Its lock is held to change the state, not to write.
 ///
 /// Closed: only the I/O thread writes. Open: nothing is in flight, and the next caller may write. Taken: a caller is
-/// writing, under the lock. Handed over: its request waits for the I/O thread, and nobody writes. The I/O thread
-/// claims before it handles anything that may make it write or that concerns a request that was handed over, and opens
-/// when all is answered.
+/// writing. Handed over: its request waits for the I/O thread, and nobody writes. The answer may be there while the
+/// caller has not come back from its write; the I/O thread then takes the request over early. Before it writes itself,
+/// and before the socket is closed, it claims or detaches, which waits for the caller's end.
 class DirectWrite {
 public:
-  enum class State { Closed, Open, Taken, HandedOver };
+  enum class State { Closed, Open, Taken, TakenOver, HandedOver };
   /// Writes what fits without waiting; yields how much that was. Nothing at all is no failure.
   using WriteSome = std::function<std::expected<std::size_t, std::error_code>(std::span<const std::byte>)>;
 
@@ -58,19 +60,25 @@ public:
   void detach();
   /// From here on nobody else writes, until open(). Yields what a caller has written meanwhile.
   std::optional<WrittenRequest> claim();
-  /// The same if a caller has written; otherwise the next one still may.
+  /// A caller's request, as soon as it may have been written. Without one the next caller still may write.
   std::optional<WrittenRequest> claimWritten();
   /// Everything is answered. `timerRuns`: the I/O thread will look again within the response time-out. False without a
   /// line.
   bool open(bool timerRuns);
 
 private:
+  bool take(std::unique_ptr<PendingRequest>& request, std::size_t frameLength, const std::function<bool()>& stillGood);
+  Result finish(std::expected<std::size_t, std::error_code> written, std::unique_ptr<PendingRequest>& request,
+                std::vector<std::byte>&& frame);
+  void awaitWriter(std::unique_lock<std::mutex>& guard);
   void enter(State state) noexcept { state_.store(state, std::memory_order_relaxed); }
 
   std::mutex lock_;
+  std::condition_variable writerDone_;
   std::atomic<State> state_{State::Closed}; // changed under the lock
   WriteSome line_;
   bool timerRuns_ = false;
+  bool openAgain_ = false; // when the caller whose request was taken over has come back
   std::optional<WrittenRequest> handedOver_;
 };
 

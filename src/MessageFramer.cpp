@@ -25,7 +25,8 @@ void MessageFramer::submit(std::unique_ptr<PendingRequest> request) {
 }
 
 void MessageFramer::submitWritten(WrittenRequest written) {
-  fsm_.submitWritten(std::move(written));
+  if (written.request) fsm_.submitWritten(std::move(written.request), written.at, written.frameLength);
+  if (!written.unwritten.empty()) fsm_.unwritten(std::move(written.unwritten), written.from);
   drive();
 }
 

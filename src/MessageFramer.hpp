@@ -5,6 +5,7 @@
 
 #include "CallbackSlots.hpp"
 #include "Deadline.hpp"
+#include "DirectWrite.hpp"
 #include "FrameAssembler.hpp"
 #include "ITransportWriteChannel.hpp"
 #include "PendingRequest.hpp"
@@ -35,8 +36,8 @@ public:
     CallbackSlots& slots;
     std::function<std::uint8_t()> clientId;
     std::function<void(std::uint8_t)> setClientId;
-    /// Time has come: what a caller has written is to be submitted now.
-    std::function<void()> claimDirectlyWritten = [] {};
+    /// Time has come, and something may have to be written: a caller's request is to be submitted now.
+    std::function<void()> claimDirectWrite = [] {};
     /// Everything is answered, and the last caller is about to be told.
     std::function<void()> openDirectWrite = [] {};
   };

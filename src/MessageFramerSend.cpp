@@ -96,7 +96,7 @@ void MessageFramer::onWritten(std::optional<ITransportWriteChannel::Written> res
 }
 
 void MessageFramer::onTimer() {
-  callbacks_.claimDirectlyWritten();
+  callbacks_.claimDirectWrite();
   fsm_.timePassed(std::chrono::steady_clock::now());
   drive();
   if (fsm_.isQuiet()) callbacks_.openDirectWrite();

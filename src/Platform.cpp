@@ -72,6 +72,15 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds 
   fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
+std::error_code watchForBytesOnly(asio::ip::tcp::socket& socket) {
+  std::error_code failure;
+  const auto protocol = socket.local_endpoint(failure).protocol();
+  if (failure) return failure;
+  const auto handle = socket.release(failure);
+  if (!failure) socket.assign(protocol, handle, failure);
+  return failure;
+}
+
 std::size_t unacknowledgedBytes([[maybe_unused]] asio::ip::tcp::socket::native_handle_type socket) noexcept {
 #ifdef SIOCOUTQ
   int bytes = 0;
@@ -107,6 +116,8 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
 }
+
+std::error_code watchForBytesOnly(asio::ip::tcp::socket&) { return {}; }
 
 std::size_t unacknowledgedBytes(asio::ip::tcp::socket::native_handle_type) noexcept { return 0; }
 

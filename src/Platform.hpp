@@ -27,6 +27,10 @@ std::thread startThread(std::function<void()> body);
 /// inheritance by programs that are started. What a platform does not have is left out.
 void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept;
 
+/// Registers a connected socket with its event loop anew. Connecting has asked to be told of room to write, and every
+/// wait for bytes would first be answered with that.
+std::error_code watchForBytesOnly(asio::ip::tcp::socket& socket);
+
 /// On loopback a port nobody listens on may be answered by the very socket that asks.
 bool connectedToItself(const asio::ip::tcp::socket& socket) noexcept;
 

@@ -38,19 +38,23 @@ void RequestFsm::submit(std::unique_ptr<PendingRequest> request) noexcept {
     queue_.push(std::move(request));
 }
 
-void RequestFsm::submitWritten(WrittenRequest written) {
-  if (stopped_) return failed_.push(std::move(written.request));
-  active_ = std::move(written.request);
+void RequestFsm::submitWritten(std::unique_ptr<PendingRequest> request, TimePoint at,
+                               std::size_t frameLength) noexcept {
+  if (stopped_) return failed_.push(std::move(request));
+  active_ = std::move(request);
   attempt_ = 1;
-  encoded(written.frame.size());
-  if (written.failure || written.written == written.frame.size()) { // after a failure the loss ends it
-    stage_ = Stage::Waiting;
-    deadline_ = saturatingAdd(written.at, timeout_);
-  } else {
-    stage_ = Stage::Sending;
-    writing_ = true;
-    rest_.emplace(std::move(written.frame), written.written);
-  }
+  encoded(frameLength);
+  stage_ = Stage::Waiting;
+  deadline_ = saturatingAdd(at, timeout_);
+}
+
+void RequestFsm::unwritten(std::vector<std::byte> frame, std::size_t from) noexcept {
+  if (stopped_) return;
+  writing_ = true;
+  rest_.emplace(std::move(frame), from);
+  if (stage_ != Stage::Waiting) return; // over meanwhile; its frame is written to the end all the same
+  stage_ = Stage::Sending;
+  deadline_ = TimePoint::max();
 }
 
 void RequestFsm::encoded(std::size_t frameLength) noexcept {

@@ -1,7 +1,6 @@
 // What becomes of a request: decisions only, no sockets, no timers, no clock.
 #pragma once
 
-#include "DirectWrite.hpp"
 #include "PendingRequest.hpp"
 #include "TrafficCounters.hpp"
 
@@ -82,7 +81,9 @@ public:
   // -- events
   void submit(std::unique_ptr<PendingRequest> request) noexcept;
   /// A first attempt that its caller has written. Nothing else is in flight or waits.
-  void submitWritten(WrittenRequest written);
+  void submitWritten(std::unique_ptr<PendingRequest> request, TimePoint at, std::size_t frameLength) noexcept;
+  /// The caller could not write all of it: the frame, and the first byte that is left.
+  void unwritten(std::vector<std::byte> frame, std::size_t from) noexcept;
   /// The frame of an attempt is made.
   void encoded(std::size_t frameLength) noexcept;
   void written(TimePoint now) noexcept;

@@ -74,6 +74,7 @@ private:
   void lookedUp(Number number, NameLookup::Result found) noexcept;
   void connectTo(std::size_t address) noexcept;
   void connectEnded(Number number, std::error_code failure) noexcept;
+  std::error_code prepare() noexcept;
   void connected() noexcept;
 
   // A connection's bytes (TcpTransportStream.cpp)

@@ -58,11 +58,20 @@ void TcpTransport::connectEnded(Number number, std::error_code failure) noexcept
   // The socket is another attempt's by now, or has been closed by the deadline.
   if (!fsm_.isCurrent(number) || fsm_.state() != ConnectionFsm::State::Connecting) return;
   if (!failure && platform::connectedToItself(socket_)) failure = asio::error::connection_refused;
-  if (!failure) {
-    platform::prepareConnection(socket_, stallWatch_.limit());
-    socket_.non_blocking(true, failure);
-  }
+  if (!failure) failure = prepare();
   carryOut(fsm_.connectEnded(number, failure));
+}
+
+std::error_code TcpTransport::prepare() noexcept {
+  std::error_code failure;
+  try {
+    failure = platform::watchForBytesOnly(socket_);
+  } catch (const std::exception&) { // only memory can run out in here
+    failure = asio::error::no_memory;
+  }
+  platform::prepareConnection(socket_, stallWatch_.limit());
+  if (!failure) socket_.non_blocking(true, failure);
+  return failure;
 }
 
 void TcpTransport::connected() noexcept {

@@ -74,7 +74,7 @@ MessageFramer::Callbacks VorlinSessionImpl::framerCallbacks() {
       .slots = callbacks_,
       .clientId = [this] { return clientId(); },
       .setClientId = [this](std::uint8_t id) { clientId_.store(id, std::memory_order_relaxed); },
-      .claimDirectlyWritten = [this] { claimDirectlyWritten(); },
+      .claimDirectWrite = [this] { claimDirectWrite(); },
       .openDirectWrite = [this] { openDirectWrite(); },
   };
 }

@@ -52,10 +52,12 @@ bool VorlinSessionImpl::sendDirectly(std::unique_ptr<PendingRequest>& request) {
 /// I/O thread, before it handles what may make it write: keeps callers from writing, and takes over what one of them
 /// has written.
 void VorlinSessionImpl::claimDirectWrite() {
-  if (!std::exchange(directWriteClaimed_, true)) takeOver(transport_->directWrite().claim());
+  directWriteClaimed_ = true;
+  takeOver(transport_->directWrite().claim());
 }
 
-/// I/O thread, before it handles what concerns a request in flight. While nothing is in flight callers may go on.
+/// I/O thread, before it looks at received bytes, which may hold the answer to what a caller has written. While nothing
+/// is in flight callers may go on, since nothing in the bytes can make this thread write.
 void VorlinSessionImpl::claimDirectlyWritten() {
   if (directWriteClaimed_) return;
   auto written = transport_->directWrite().claimWritten();

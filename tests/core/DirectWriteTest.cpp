@@ -65,7 +65,7 @@ TEST(DirectWrite, HandsOnWhatTheLineDidNotTake) {
   EXPECT_TRUE(direct.isOpen());
   taken = 5;
   EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake);
-  EXPECT_EQ(direct.claim()->written, 5U);
+  EXPECT_EQ(direct.claim()->from, 5U);
   ASSERT_TRUE(direct.open(true));
   taken = std::unexpected(std::make_error_code(std::errc::broken_pipe));
   EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake);
@@ -99,6 +99,31 @@ TEST(DirectWrite, ClaimAndDetachWaitForTheEndOfAWrite) {
   }
 }
 
+TEST(DirectWrite, ARequestIsTakenOverWhileItsCallerStillWrites) {
+  for (const std::size_t taken : {18, 5, 0}) {
+    for (const bool answered : {true, false}) {
+      DirectWrite direct;
+      direct.attach([&](std::span<const std::byte>) {
+        // The I/O thread meanwhile: the answer is there.
+        EXPECT_EQ(direct.claimWritten().value().request->commandId, 9);
+        EXPECT_FALSE(direct.claimWritten());
+        EXPECT_TRUE(!answered || direct.open(true));
+        EXPECT_EQ(tryWrite(direct), Result::NotWritten);
+        return taken;
+      });
+      ASSERT_TRUE(direct.open(true));
+      EXPECT_EQ(tryWrite(direct), taken == 18 ? Result::Written : Result::WrittenAndWake);
+      EXPECT_EQ(direct.isOpen(), taken == 18 && answered);
+      const auto rest = direct.claim();
+      ASSERT_EQ(rest.has_value(), taken != 18);
+      if (!rest) continue;
+      EXPECT_FALSE(rest->request);
+      EXPECT_EQ(rest->from, taken);
+      EXPECT_EQ(rest->unwritten.size(), 18U);
+    }
+  }
+}
+
 TEST(DirectWrite, ManyCallersAndTheIoThreadNeverWriteAtOnceAndLoseNothing) {
   DirectWrite direct;
   std::atomic<int> writers = 0;
@@ -129,6 +154,7 @@ TEST(DirectWrite, ManyCallersAndTheIoThreadNeverWriteAtOnceAndLoseNothing) {
   while (running > 0) {
     direct.open(true);
     std::this_thread::yield();
+    if (direct.claimWritten()) ++claimed;
     if (direct.claim()) ++claimed;
     writeOne(); // as the I/O thread does, with all claimed
   }

@@ -59,13 +59,14 @@ private:
     const Error error{ErrorCode::Transport, event};
     if (event == "submit")
       fsm_.submit(request(id(words)));
-    else if (event == "direct" || event == "part" || event == "broken") {
-      WrittenRequest written{request(id(words)), at(words), std::vector<std::byte>(18), 18, {}};
-      if (event == "part") written.written = 7;
-      if (event == "broken") written.failure = std::make_error_code(std::errc::broken_pipe);
-      fsm_.submitWritten(std::move(written));
+    else if (event == "direct" || event == "part") {
+      const std::uint16_t command = id(words);
+      fsm_.submitWritten(request(command), at(words), 18);
+      if (event == "part") fsm_.unwritten(std::vector<std::byte>(18), 7);
     } else if (event == "encoded")
       fsm_.encoded(18);
+    else if (event == "unwritten")
+      fsm_.unwritten(std::vector<std::byte>(18), 7);
     else if (event == "written")
       fsm_.written(at(words));
     else if (event == "writeFailed")
@@ -247,8 +248,13 @@ TEST(RequestFsm, WhatACallerHasWrittenIsWrittenOnOrFailsWithTheConnection) {
     part 9 0        : write from 7,
     written 7       : until 107
     response 9      : 9 ok, quiet
-    broken 9 0      : until 100
-    lost            : 9 failed: lost, quiet
+    direct 9 0      : until 100
+    fault           : 9 failed: fault,
+    unwritten       : write from 7,
+    submit 10       :
+    written 8       : send 10,
+    written 9       : until 109
+    response 10     : 10 ok, quiet
   )",
        Requests(1));
 }
