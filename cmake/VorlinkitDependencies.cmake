@@ -8,7 +8,7 @@ macro(vorlinkit_need what package)
 endmacro()
 
 # Global, as a project around us links what the libraries link.
-find_package(Threads GLOBAL)
+find_package(Threads)
 if(NOT Threads_FOUND)
   vorlinkit_need("a thread library" libc6-dev)
 endif()
@@ -24,7 +24,7 @@ check_cxx_source_compiles("#include <version>\n#ifndef __cpp_lib_format\n#error 
                           VORLINKIT_HAVE_STD_FORMAT)
 unset(CMAKE_REQUIRED_FLAGS)
 if(NOT VORLINKIT_HAVE_STD_FORMAT AND NOT TARGET fmt::fmt-header-only)
-  find_package(fmt CONFIG QUIET GLOBAL)
+  find_package(fmt CONFIG QUIET)
   if(NOT fmt_FOUND)
     vorlinkit_need("fmt, since this standard library has no <format>" libfmt-dev)
   endif()
