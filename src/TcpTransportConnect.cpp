@@ -62,9 +62,8 @@ asio::awaitable<std::error_code> TcpTransport::connectToAny(const std::vector<as
 }
 
 asio::awaitable<std::error_code> TcpTransport::connectTo(asio::ip::tcp::endpoint endpoint) {
-  std::error_code failure;
   closeSocket();
-  socket_.open(endpoint.protocol(), failure);
+  std::error_code failure = platform::openStream(socket_, endpoint.protocol());
   if (failure) co_return failure;
   co_await socket_.async_connect(endpoint, asio::redirect_error(asio::use_awaitable, failure));
   // The deadline or a close shut the socket while another error was on its way.
