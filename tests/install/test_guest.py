@@ -13,8 +13,12 @@ CMAKE = os.environ["VORLINKIT_CMAKE"]
 # The padding that hosts may want to be warned of is in our headers and sources, too.
 STRICT = "-Wall -Wextra -Wconversion -Wpadded -Werror"
 # What a project with one program has in its build folder, whoever its guests are.
-OF_THE_HOST = r"CMakeFiles/.*|CMakeCache\.txt|cmake_install\.cmake|build\.ninja|\.ninja_(deps|log)|first_session"
-CACHED_BY_RIGHT = r"(CMAKE|_?Python|FIND_PACKAGE|FETCHCONTENT|HOST|VORLINKIT)_.*|(host|vorlinkit|fmt)_[A-Z_]+|VORLINKIT"
+OF_THE_HOST = (
+    r"CMakeFiles/.*|CMakeCache\.txt|cmake_install\.cmake|build\.ninja|\.ninja_(deps|log)|first_session"
+)
+CACHED_BY_RIGHT = (
+    r"(CMAKE|_?Python|FIND_PACKAGE|FETCHCONTENT|HOST|VORLINKIT)_.*|(host|vorlinkit|fmt)_[A-Z_]+|VORLINKIT"
+)
 
 
 def run(*words: object) -> str:
