@@ -2,6 +2,9 @@
 # it is configured and watched from then on: a new family, a changed definition or a changed generator
 # rebuilds exactly what follows from it.
 
+# Everything that is generated, for tools that read sources.
+add_custom_target(vorlinkit_generated)
+
 # vorlinkit_catalogue_inputs(OUT FOLDER [OVERLAY...]): every file that a run of the generator reads.
 function(vorlinkit_catalogue_inputs out folder)
   file(GLOB inputs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/generator/*.py ${folder}/*.toml)
@@ -57,6 +60,7 @@ function(vorlinkit_generate_commands target output)
     VERBATIM)
   add_custom_target(${target}_generated DEPENDS ${output}/${target}.stamp)
   add_dependencies(${target} ${target}_generated)
+  add_dependencies(vorlinkit_generated ${target}_generated)
   target_sources(${target} PRIVATE ${sources})
   target_include_directories(${target}
     PUBLIC $<BUILD_INTERFACE:${output}/include> $<INSTALL_INTERFACE:include>
@@ -89,6 +93,7 @@ function(vorlinkit_generate_blocks target output stub)
     VERBATIM)
   add_custom_target(${target}_generated DEPENDS ${output}/${target}.stamp)
   add_dependencies(${target} ${target}_generated)
+  add_dependencies(vorlinkit_generated ${target}_generated)
   target_sources(${target} PRIVATE ${sources})
 
   # Four families to a compiler run, if TARGET compiles groups together: the headers that all of them share cost as

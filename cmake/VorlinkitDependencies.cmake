@@ -7,6 +7,7 @@ macro(vorlinkit_need what package)
   string(APPEND vorlinkit_missing "  - ${what} (Debian package ${package})\n")
 endmacro()
 
+# Global, as a project around us links what the libraries link.
 find_package(Threads)
 if(NOT Threads_FOUND)
   vorlinkit_need("a thread library" libc6-dev)
@@ -22,7 +23,7 @@ set(CMAKE_REQUIRED_FLAGS "-std=c++23")
 check_cxx_source_compiles("#include <version>\n#ifndef __cpp_lib_format\n#error none\n#endif\nint main() {}"
                           VORLINKIT_HAVE_STD_FORMAT)
 unset(CMAKE_REQUIRED_FLAGS)
-if(NOT VORLINKIT_HAVE_STD_FORMAT)
+if(NOT VORLINKIT_HAVE_STD_FORMAT AND NOT TARGET fmt::fmt-header-only)
   find_package(fmt CONFIG QUIET)
   if(NOT fmt_FOUND)
     vorlinkit_need("fmt, since this standard library has no <format>" libfmt-dev)

@@ -12,7 +12,7 @@ install(TARGETS vorlinkit vorlinkit_commands
   EXPORT vorlinkit
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vorlinkit ${CMAKE_BINARY_DIR}/generated/include/vorlinkit
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vorlinkit ${PROJECT_BINARY_DIR}/generated/include/vorlinkit
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development
   FILES_MATCHING PATTERN "*.hpp")
@@ -23,14 +23,14 @@ install(EXPORT vorlinkit
   COMPONENT development)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/vorlinkitConfig.cmake.in
-  ${CMAKE_BINARY_DIR}/package/vorlinkitConfig.cmake
+  ${PROJECT_BINARY_DIR}/package/vorlinkitConfig.cmake
   INSTALL_DESTINATION ${vorlinkit_package_dir}
   NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/package/vorlinkitConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/vorlinkitConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
 install(FILES
-  ${CMAKE_BINARY_DIR}/package/vorlinkitConfig.cmake
-  ${CMAKE_BINARY_DIR}/package/vorlinkitConfigVersion.cmake
+  ${PROJECT_BINARY_DIR}/package/vorlinkitConfig.cmake
+  ${PROJECT_BINARY_DIR}/package/vorlinkitConfigVersion.cmake
   DESTINATION ${vorlinkit_package_dir}
   COMPONENT development)
 
@@ -45,18 +45,22 @@ else()
   set(vorlinkit_pc_flags "-DVORLINKIT_FORMAT_FMT=1 -DFMT_HEADER_ONLY=1")
   set(vorlinkit_pc_requires fmt)
 endif()
-configure_file(${PROJECT_SOURCE_DIR}/cmake/vorlinkit.pc.in ${CMAKE_BINARY_DIR}/package/vorlinkit.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/package/vorlinkit.pc DESTINATION ${vorlinkit_pc_dir} COMPONENT development)
+set(vorlinkit_pc_system "")
+if(WIN32)
+  set(vorlinkit_pc_system " -lws2_32 -lmswsock -lbcrypt")
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/cmake/vorlinkit.pc.in ${PROJECT_BINARY_DIR}/package/vorlinkit.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/package/vorlinkit.pc DESTINATION ${vorlinkit_pc_dir} COMPONENT development)
 
 if(VORLINKIT_BUILD_PYTHON)
   install(TARGETS vorlinkit_python LIBRARY DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR} COMPONENT python)
   # Type checkers take the stub of an extension module from a package of stubs.
-  install(FILES ${CMAKE_BINARY_DIR}/python/vorlinkit_python.pyi
+  install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit_python.pyi
     DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit_python-stubs RENAME __init__.pyi COMPONENT python)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/vorlinkit
     DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}
     COMPONENT python
     FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
-  install(FILES ${CMAKE_BINARY_DIR}/python/vorlinkit/catalogue.json
+  install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/catalogue.json
     DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit COMPONENT python)
 endif()

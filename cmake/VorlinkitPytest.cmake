@@ -16,11 +16,11 @@ if(NOT VORLINKIT_PYTEST_PYTHON)
 endif()
 
 if(VORLINKIT_BUILD_PYTHON)
-  set(vorlinkit_pytest_environment PYTHONPATH=${CMAKE_BINARY_DIR}/python)
+  set(vorlinkit_pytest_environment PYTHONPATH=${PROJECT_BINARY_DIR}/python)
 else()
   # The companion package works without the module; only its catalogue has to be pointed out.
   set(vorlinkit_pytest_environment PYTHONPATH=${PROJECT_SOURCE_DIR}/python
-      VORLINKIT_CATALOGUE=${CMAKE_BINARY_DIR}/python/vorlinkit/catalogue.json)
+      VORLINKIT_CATALOGUE=${PROJECT_BINARY_DIR}/python/vorlinkit/catalogue.json)
 endif()
 
 # vorlinkit_add_pytest(NAME PATH): one ctest test that runs a folder or a file with the built module and the
@@ -31,5 +31,5 @@ function(vorlinkit_add_pytest name folder)
            COMMAND ${VORLINKIT_PYTEST_PYTHON} -m pytest -q -p no:cacheprovider ${folder}
            WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
   set_tests_properties(${name} PROPERTIES
-    ENVIRONMENT "${vorlinkit_pytest_environment};PYTHONDONTWRITEBYTECODE=1;VORLINKIT_BUILD_DIR=${CMAKE_BINARY_DIR}")
+    ENVIRONMENT "${vorlinkit_pytest_environment};PYTHONDONTWRITEBYTECODE=1;VORLINKIT_BUILD_DIR=${PROJECT_BINARY_DIR}")
 endfunction()

@@ -1,6 +1,11 @@
 # How every target of the project is compiled: warnings are errors, sanitizers come from one switch.
 add_library(vorlinkit_build_options INTERFACE)
-target_compile_options(vorlinkit_build_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+if(VORLINKIT_STRICT)
+  target_compile_options(vorlinkit_build_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+else()
+  # Whatever the project around us asks its own sources to be warned of, or to fail for.
+  target_compile_options(vorlinkit_build_options INTERFACE -w)
+endif()
 if(VORLINKIT_SANITIZE)
   target_compile_options(vorlinkit_build_options INTERFACE -fsanitize=${VORLINKIT_SANITIZE}
                          -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -13,7 +18,8 @@ endif()
 
 # Log records name the class that wrote them, on every machine and with every compiler: the location of
 # FILES reads NAME instead of a path of the build machine.
-# The compiler may be given the file's full path, or (compiler caches rewrite it so) the path from the build tree.
+# The compiler may be given the file's full path, or (compiler caches rewrite it so) the path from the top of the build
+# tree, where it runs.
 function(vorlinkit_log_location target name)
   foreach(file IN LISTS ARGN)
     set(full ${CMAKE_CURRENT_SOURCE_DIR}/${file})

@@ -7,7 +7,7 @@
 
 namespace vorlinkit::commands {
 
-template <class Number> constexpr Number swapped_on_little_endian(Number value) noexcept {
+template <typename Number> constexpr Number swappedOnLittleEndian(Number value) noexcept {
   static_assert(std::endian::native == std::endian::little || std::endian::native == std::endian::big);
   if constexpr (std::endian::native == std::endian::little && sizeof(Number) > 1)
     return std::byteswap(value);
@@ -15,14 +15,14 @@ template <class Number> constexpr Number swapped_on_little_endian(Number value) 
     return value;
 }
 
-template <class Number> Number load_big_endian(const std::byte* from) noexcept {
+template <typename Number> Number loadBigEndian(const std::byte* from) noexcept {
   Number value;
   std::memcpy(&value, from, sizeof value);
-  return swapped_on_little_endian(value);
+  return swappedOnLittleEndian(value);
 }
 
-template <class Number> void store_big_endian(std::byte* to, Number value) noexcept {
-  value = swapped_on_little_endian(value);
+template <typename Number> void storeBigEndian(std::byte* to, Number value) noexcept {
+  value = swappedOnLittleEndian(value);
   std::memcpy(to, &value, sizeof value);
 }
 

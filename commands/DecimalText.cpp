@@ -4,12 +4,12 @@
 
 namespace vorlinkit::commands {
 
-char* write_decimal(char* to, std::uint32_t value) noexcept {
-  return std::to_chars(to, to + max_digits<std::uint32_t>, value).ptr;
+char* writeDecimal(char* to, std::uint32_t value) noexcept {
+  return std::to_chars(to, to + maxDigits<std::uint32_t>, value).ptr;
 }
 
-char* write_decimal(char* to, std::uint64_t value) noexcept {
-  return std::to_chars(to, to + max_digits<std::uint64_t>, value).ptr;
+char* writeDecimal(char* to, std::uint64_t value) noexcept {
+  return std::to_chars(to, to + maxDigits<std::uint64_t>, value).ptr;
 }
 
 } // namespace vorlinkit::commands

@@ -7,11 +7,11 @@
 namespace vorlinkit::commands {
 
 /// Digits that the largest number of a type has.
-template <class Number>
-constexpr unsigned max_digits = sizeof(Number) == 1   ? 3
-                                : sizeof(Number) == 2 ? 5
-                                : sizeof(Number) == 4 ? 10
-                                                      : 20;
+template <typename Number>
+constexpr unsigned maxDigits = sizeof(Number) == 1   ? 3
+                               : sizeof(Number) == 2 ? 5
+                               : sizeof(Number) == 4 ? 10
+                                                     : 20;
 
 /// "00" to "99", one behind the other.
 struct DigitPairs {
@@ -23,7 +23,7 @@ struct DigitPairs {
     }
   }
 };
-inline constexpr DigitPairs digit_pairs;
+inline constexpr DigitPairs digitPairs;
 
 /// "0" to "255", each in four bytes: three characters and how many of them count.
 struct ByteTexts {
@@ -38,19 +38,19 @@ struct ByteTexts {
     }
   }
 };
-inline constexpr ByteTexts byte_texts;
+inline constexpr ByteTexts byteTexts;
 
 /// Stores the number at `to`, which has room for four characters, and returns the end of the text.
-inline char* write_decimal(char* to, std::uint8_t value) noexcept {
-  const char* entry = byte_texts.text[value];
+inline char* writeDecimal(char* to, std::uint8_t value) noexcept {
+  const char* entry = byteTexts.text[value];
   std::memcpy(to, entry, 4);
   return to + entry[3];
 }
 
-inline char* write_decimal(char* to, std::uint16_t value) noexcept {
+inline char* writeDecimal(char* to, std::uint16_t value) noexcept {
   if (value < 100) {
-    std::memcpy(to, byte_texts.text[value], 4);
-    return to + byte_texts.text[value][3];
+    std::memcpy(to, byteTexts.text[value], 4);
+    return to + byteTexts.text[value][3];
   }
   unsigned rest = value;
   if (rest >= 10000) {
@@ -58,15 +58,15 @@ inline char* write_decimal(char* to, std::uint16_t value) noexcept {
     rest %= 10000;
   } else if (rest < 1000) {
     *to++ = static_cast<char>('0' + rest / 100);
-    std::memcpy(to, digit_pairs.text + 2 * (rest % 100), 2);
+    std::memcpy(to, digitPairs.text + 2 * (rest % 100), 2);
     return to + 2;
   }
-  std::memcpy(to, digit_pairs.text + 2 * (rest / 100), 2);
-  std::memcpy(to + 2, digit_pairs.text + 2 * (rest % 100), 2);
+  std::memcpy(to, digitPairs.text + 2 * (rest / 100), 2);
+  std::memcpy(to + 2, digitPairs.text + 2 * (rest % 100), 2);
   return to + 4;
 }
 
-char* write_decimal(char* to, std::uint32_t value) noexcept;
-char* write_decimal(char* to, std::uint64_t value) noexcept;
+char* writeDecimal(char* to, std::uint32_t value) noexcept;
+char* writeDecimal(char* to, std::uint64_t value) noexcept;
 
 } // namespace vorlinkit::commands

@@ -15,9 +15,9 @@ namespace vorlinkit::commands {
 std::string describe(const FieldCodedValues& table, std::uint16_t value);
 
 /// No description of the table's values is longer than this.
-std::size_t description_bound(const FieldCodedValues& table);
+std::size_t descriptionBound(const FieldCodedValues& table);
 
-/// Stores the description of a value at `to`, which has room for `description_bound` bytes; returns its end.
-char* write_description(char* to, const FieldCodedValues& table, std::uint16_t value);
+/// Stores the description of a value at `to`, which has room for `descriptionBound` bytes; returns its end.
+char* writeDescription(char* to, const FieldCodedValues& table, std::uint16_t value);
 
 } // namespace vorlinkit::commands

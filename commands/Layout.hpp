@@ -3,7 +3,7 @@
 //
 //   template <> struct Layout<GetAttachedMotorsResponse> {
 //     using R = GetAttachedMotorsResponse;
-//     using Fields = FieldList<Coded<&R::command_error, get_attached_motors_command_error_table>,
+//     using Fields = FieldList<Coded<&R::command_error, getAttachedMotorsCommandErrorTable>,
 //                              Text<&R::automated_device_id>, Number<&R::number_of_motors>,
 //                              Items<&R::list_of_motors, &R::number_of_motors>>;
 //     static constexpr std::string_view keys[] = {"CommandError", "AutomatedDeviceID", "NumberOfMotors",
@@ -21,20 +21,20 @@
 namespace vorlinkit::commands {
 
 /// Specialised by the generated code for every record of the catalogue.
-template <class Record> struct Layout;
+template <typename Record> struct Layout;
 
-template <class... Fields> struct FieldList {};
+template <typename... Fields> struct FieldList {};
 
 namespace detail {
-template <class Member> struct member_of;
-template <class Value, class Record> struct member_of<Value Record::* const> {
-  using value = Value;
-  using record = Record;
+template <typename Member> struct MemberOf;
+template <typename V, typename R> struct MemberOf<V R::* const> {
+  using Value = V;
+  using Record = R;
 };
 } // namespace detail
 
-template <auto Member> using value_of = typename detail::member_of<const decltype(Member)>::value;
-template <auto Member> using record_of = typename detail::member_of<const decltype(Member)>::record;
+template <auto Member> using ValueOf = typename detail::MemberOf<const decltype(Member)>::Value;
+template <auto Member> using RecordOf = typename detail::MemberOf<const decltype(Member)>::Record;
 
 /// What a field is. The templates that act on fields tell them apart by this alone.
 enum class FieldKind { Number, Coded, Text, Uuid, Items, Choice, LeadingChoice };
@@ -69,28 +69,28 @@ template <auto Member, auto Count> struct Items {
 
 /// The discriminator values that select one alternative.
 template <std::uint64_t... Values> struct When {};
-template <class... Each> struct WhenList {};
+template <typename... Each> struct WhenList {};
 
 /// One of several records. `On` is the number that chooses, a member of a record that was read earlier.
 /// The Whens stand in the order of the alternatives of the std::variant.
-template <auto Member, auto On, class... Whens> struct Choice {
+template <auto Member, auto On, typename... Each> struct Choice {
   static constexpr auto kind = FieldKind::Choice;
   static constexpr auto member = Member;
   static constexpr auto on = On;
-  using whens = WhenList<Whens...>;
+  using Whens = WhenList<Each...>;
 };
 /// The same, where the number that chooses is the first field of every alternative.
-template <auto Member, class... Whens> struct LeadingChoice {
+template <auto Member, typename... Each> struct LeadingChoice {
   static constexpr auto kind = FieldKind::LeadingChoice;
   static constexpr auto member = Member;
-  using whens = WhenList<Whens...>;
+  using Whens = WhenList<Each...>;
 };
 
-constexpr bool is_number(FieldKind kind) { return kind == FieldKind::Number || kind == FieldKind::Coded; }
-constexpr bool is_choice(FieldKind kind) { return kind == FieldKind::Choice || kind == FieldKind::LeadingChoice; }
+constexpr bool isNumber(FieldKind kind) { return kind == FieldKind::Number || kind == FieldKind::Coded; }
+constexpr bool isChoice(FieldKind kind) { return kind == FieldKind::Choice || kind == FieldKind::LeadingChoice; }
 
 /// The type of a field's member in its struct.
-template <class Field> using Held = value_of<Field::member>;
+template <typename Field> using Held = ValueOf<Field::member>;
 
 // -- sizes on the wire, known when compiling ------------------------------------------------------------
 
@@ -100,20 +100,21 @@ struct WireSize {
   bool fixed;
 };
 
-template <class Record> consteval std::size_t least_size();
+template <typename Record> consteval std::size_t leastSize();
 
 namespace detail {
-template <class Variant> struct alternatives;
-template <template <class...> class Variant, class... Alternatives> struct alternatives<Variant<Alternatives...>> {
+template <typename Variant> struct AlternativesOf;
+template <template <typename...> typename Variant, typename... Alternatives>
+struct AlternativesOf<Variant<Alternatives...>> {
   static consteval std::size_t least() {
     std::size_t result = SIZE_MAX;
-    ((result = least_size<Alternatives>() < result ? least_size<Alternatives>() : result), ...);
+    ((result = leastSize<Alternatives>() < result ? leastSize<Alternatives>() : result), ...);
     return result;
   }
 };
 
-template <class Field> consteval WireSize field_size() {
-  if constexpr (is_number(Field::kind))
+template <typename Field> consteval WireSize fieldSize() {
+  if constexpr (isNumber(Field::kind))
     return {sizeof(Held<Field>), true};
   else if constexpr (Field::kind == FieldKind::Uuid)
     return {16, true};
@@ -122,24 +123,24 @@ template <class Field> consteval WireSize field_size() {
   else if constexpr (Field::kind == FieldKind::Items)
     return {0, false};
   else
-    return {alternatives<Held<Field>>::least(), false};
+    return {AlternativesOf<Held<Field>>::least(), false};
 }
 
-template <class... Fields> consteval WireSize total_size(FieldList<Fields...>) {
-  return {(std::size_t{0} + ... + field_size<Fields>().least), (field_size<Fields>().fixed && ...)};
+template <typename... Fields> consteval WireSize totalSize(FieldList<Fields...>) {
+  return {(std::size_t{0} + ... + fieldSize<Fields>().least), (fieldSize<Fields>().fixed && ...)};
 }
-template <class Record> inline constexpr WireSize record_size = total_size(typename Layout<Record>::Fields{});
+template <typename Record> inline constexpr WireSize recordSize = totalSize(typename Layout<Record>::Fields{});
 } // namespace detail
 
 /// No record on the wire is shorter than this; never 0, as no record is without fields.
-template <class Record> consteval std::size_t least_size() {
-  static_assert(detail::record_size<Record>.least > 0, "items without bytes would let a count promise anything");
-  return detail::record_size<Record>.least;
+template <typename Record> consteval std::size_t leastSize() {
+  static_assert(detail::recordSize<Record>.least > 0, "items without bytes would let a count promise anything");
+  return detail::recordSize<Record>.least;
 }
 
 /// The size of a record that always has the same, otherwise 0.
-template <class Record> consteval std::size_t fixed_size() {
-  return detail::record_size<Record>.fixed ? detail::record_size<Record>.least : 0;
+template <typename Record> consteval std::size_t fixedSize() {
+  return detail::recordSize<Record>.fixed ? detail::recordSize<Record>.least : 0;
 }
 
 } // namespace vorlinkit::commands

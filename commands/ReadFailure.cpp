@@ -2,7 +2,7 @@
 
 namespace vorlinkit::commands {
 
-static const char* text_of(ReadFailure failure) {
+static const char* textOf(ReadFailure failure) {
   switch (failure) {
   case ReadFailure::None:
     break;
@@ -22,6 +22,6 @@ static const char* text_of(ReadFailure failure) {
   return "";
 }
 
-Error decode_error(ReadFailure failure) { return {ErrorCode::Decode, text_of(failure)}; }
+Error decodeError(ReadFailure failure) { return {ErrorCode::Decode, textOf(failure)}; }
 
 } // namespace vorlinkit::commands

@@ -18,6 +18,6 @@ enum class ReadFailure : std::uint8_t {
 };
 
 /// The Error of a failure that is not None.
-Error decode_error(ReadFailure failure);
+Error decodeError(ReadFailure failure);
 
 } // namespace vorlinkit::commands

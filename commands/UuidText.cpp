@@ -2,7 +2,7 @@
 
 namespace vorlinkit::commands {
 
-std::string uuid_text(const std::byte* bytes) {
+std::string uuidText(const std::byte* bytes) {
   static constexpr char digits[] = "0123456789ABCDEF";
   std::string text(36, '-');
   auto at = text.begin();

@@ -129,14 +129,15 @@ def functions(command: Command, message: Message) -> Iterator[tuple[str, str]]:
             f"{result} decode_{command.snake}_{role}(std::span<const std::byte> payload)",
             f"decode<{name}>(payload)",
         )
-    yield f"std::string {command.snake}_{role}_to_json(const {name}& {role})", f"to_json({role})"
+    yield f"std::string {command.snake}_{role}_to_json(const {name}& {role})", f"toJson({role})"
 
 
 def table_functions(command: Command) -> Iterator[tuple[str, str]]:
     for table in command.tables:
         stem = f"{command.snake}_{table.attribute}"
-        yield f"FieldCodedValues {stem}_codes()", f"{stem}_table"
-        yield f"std::string {stem}_string(std::uint16_t value)", f"describe({stem}_table, value)"
+        rows = table_constant(command, table.attribute)
+        yield f"FieldCodedValues {stem}_codes()", rows
+        yield f"std::string {stem}_string(std::uint16_t value)", f"describe({rows}, value)"
 
 
 # -- layouts ------------------------------------------------------------------------------------------
@@ -165,16 +166,19 @@ def command_layouts(command: Command) -> str:
 
 
 def code_table(command: Command, table: Table) -> str:
-    stem = f"{command.snake}_{table.attribute}"
+    name = table_constant(command, table.attribute)
     values = "{}"
     rows = ""
     if table.rows:
-        values = f"{stem}_rows"
+        values = f"{name}Rows"
         entries = ", ".join(f"{{0x{row.code:04X}, {literal(row.text)}}}" for row in table.rows)
         rows = f"inline constexpr FieldCodedValue {values}[] = {{{entries}}};\n"
-    return (
-        f"{rows}inline constexpr FieldCodedValues {stem}_table{{{values}, CodedValueKind::{table.kind}}};\n"
-    )
+    return f"{rows}inline constexpr FieldCodedValues {name}{{{values}, CodedValueKind::{table.kind}}};\n"
+
+
+def table_constant(command: Command, attribute: str) -> str:
+    """Our own name for the table of a coded field."""
+    return names.camel_back(f"{command.snake}_{attribute}_table")
 
 
 def layout(command: Command, record: Record) -> str:
@@ -199,7 +203,7 @@ def field_layout(command: Command, record: Record, field: Field) -> str:
             return f"Uuid<{place}>"
         case Scalar():
             if command.table(field.key):
-                return f"Coded<{place}, {command.snake}_{field.attribute}_table>"
+                return f"Coded<{place}, {table_constant(command, field.attribute)}>"
             return f"Number<{place}>"
         case List() | Blob():
             return f"Items<{place}, &R::{names.cpp_member(names.attribute(field.count))}>"

@@ -48,3 +48,8 @@ def item_type(container: str, base: str) -> str:
 
 def message_type(command: str, role: str) -> str:
     return command + role.capitalize()
+
+
+def camel_back(snake: str) -> str:
+    """`flush_log_error_table` -> `flushLogErrorTable`: the case of what C++ programs do not see."""
+    return re.sub(r"_([a-z0-9])", lambda found: found[1].upper(), snake)

@@ -6,7 +6,14 @@
 #include <limits>
 #include <utility>
 
-#ifdef __unix__
+// Apple's compilers do not define the name that all others of the family do.
+#if defined(__unix__) || defined(__APPLE__)
+#define VORLINKIT_POSIX 1
+#else
+#define VORLINKIT_POSIX 0
+#endif
+
+#if VORLINKIT_POSIX
 #include <csignal>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,6 +21,7 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 #endif
 #ifdef __linux__
 #include <linux/sockios.h>
@@ -21,15 +29,28 @@
 
 namespace vorlinkit::platform {
 
-#ifdef __unix__
+#if VORLINKIT_POSIX
 
 namespace {
 
 std::atomic<std::uint64_t> generation{0};
 
-template <int Level, int Name> void setOption(asio::ip::tcp::socket& socket, int value) noexcept {
-  std::error_code ignored;
-  socket.set_option(asio::detail::socket_option::integer<Level, Name>(value), ignored);
+using NativeSocket = asio::ip::tcp::socket::native_handle_type;
+
+/// A socket of nobody's yet.
+struct OwnedSocket {
+  explicit OwnedSocket(NativeSocket native) noexcept : handle(native) {}
+  OwnedSocket(const OwnedSocket&) = delete;
+  OwnedSocket& operator=(const OwnedSocket&) = delete;
+  ~OwnedSocket() {
+    if (handle >= 0) ::close(handle);
+  }
+  NativeSocket handle;
+};
+
+/// What cannot be set is left as it is.
+void setOption(NativeSocket socket, int level, int name, int value) noexcept {
+  ::setsockopt(socket, level, name, &value, sizeof value);
 }
 
 } // namespace
@@ -55,21 +76,46 @@ std::thread startThread(std::function<void()> body) {
 }
 
 void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept {
-  std::error_code ignored;
-  socket.set_option(asio::ip::tcp::no_delay(true), ignored);
-  socket.set_option(asio::socket_base::keep_alive(true), ignored);
-#ifdef TCP_KEEPIDLE
-  setOption<IPPROTO_TCP, TCP_KEEPIDLE>(socket, 15);
-  setOption<IPPROTO_TCP, TCP_KEEPINTVL>(socket, 5);
-  setOption<IPPROTO_TCP, TCP_KEEPCNT>(socket, 3);
+  const auto native = socket.native_handle();
+  setOption(native, IPPROTO_TCP, TCP_NODELAY, 1);
+  setOption(native, SOL_SOCKET, SO_KEEPALIVE, 1);
+#if defined(TCP_KEEPIDLE)
+  setOption(native, IPPROTO_TCP, TCP_KEEPIDLE, 15);
+#elif defined(TCP_KEEPALIVE)
+  setOption(native, IPPROTO_TCP, TCP_KEEPALIVE, 15); // Apple's name for it
 #endif
-#ifdef TCP_USER_TIMEOUT
-  if (writeTimeout.count() > 0) {
+#ifdef TCP_KEEPINTVL
+  setOption(native, IPPROTO_TCP, TCP_KEEPINTVL, 5);
+  setOption(native, IPPROTO_TCP, TCP_KEEPCNT, 3);
+#endif
+  if (writeTimeout.count() <= 0) return;
+  [[maybe_unused]] const auto whole = [](auto duration) {
     constexpr std::chrono::milliseconds::rep most = std::numeric_limits<int>::max();
-    setOption<IPPROTO_TCP, TCP_USER_TIMEOUT>(socket, static_cast<int>(std::min(writeTimeout.count(), most)));
-  }
+    return static_cast<int>(std::min<std::chrono::milliseconds::rep>(duration.count(), most));
+  };
+#if defined(TCP_USER_TIMEOUT)
+  setOption(native, IPPROTO_TCP, TCP_USER_TIMEOUT, whole(writeTimeout));
+#elif defined(TCP_RXT_CONNDROPTIME)
+  setOption(native, IPPROTO_TCP, TCP_RXT_CONNDROPTIME, whole(std::chrono::ceil<std::chrono::seconds>(writeTimeout)));
 #endif
-  fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+}
+
+std::error_code openStream(asio::ip::tcp::socket& socket, asio::ip::tcp protocol) {
+#ifdef SOCK_CLOEXEC
+  OwnedSocket opened(::socket(protocol.family(), SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
+  if (opened.handle < 0) return {errno, std::system_category()};
+#else
+  OwnedSocket opened(::socket(protocol.family(), SOCK_STREAM, IPPROTO_TCP));
+  if (opened.handle < 0) return {errno, std::system_category()};
+  ::fcntl(opened.handle, F_SETFD, FD_CLOEXEC);
+#endif
+#ifdef SO_NOSIGPIPE
+  setOption(opened.handle, SOL_SOCKET, SO_NOSIGPIPE, 1); // where a write has no flag for it
+#endif
+  std::error_code failure;
+  socket.assign(protocol, opened.handle, failure);
+  if (!failure) opened.handle = -1;
+  return failure;
 }
 
 std::error_code watchForBytesOnly(asio::ip::tcp::socket& socket) {
@@ -81,20 +127,23 @@ std::error_code watchForBytesOnly(asio::ip::tcp::socket& socket) {
   return failure;
 }
 
-std::size_t unacknowledgedBytes([[maybe_unused]] asio::ip::tcp::socket::native_handle_type socket) noexcept {
-#ifdef SIOCOUTQ
-  int bytes = 0;
-  if (::ioctl(socket, SIOCOUTQ, &bytes) == 0) return static_cast<std::size_t>(bytes);
+std::size_t unacknowledgedBytes([[maybe_unused]] NativeSocket socket) noexcept {
+  // Either way bytes count until the peer has acknowledged them.
+  int held = 0;
+#if defined(SIOCOUTQ)
+  if (::ioctl(socket, SIOCOUTQ, &held) != 0) return 0;
+#elif defined(SO_NWRITE)
+  socklen_t size = sizeof held;
+  if (::getsockopt(socket, SOL_SOCKET, SO_NWRITE, &held, &size) != 0) return 0;
 #endif
-  return 0;
+  return static_cast<std::size_t>(held);
 }
 
-std::expected<std::size_t, std::error_code> writeSome(asio::ip::tcp::socket::native_handle_type socket,
-                                                      std::span<const std::byte> bytes) noexcept {
+std::expected<std::size_t, std::error_code> writeSome(NativeSocket socket, std::span<const std::byte> bytes) noexcept {
 #ifdef MSG_NOSIGNAL
   constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
 #else
-  constexpr int flags = MSG_DONTWAIT; // where there is a socket option instead, asio has set it
+  constexpr int flags = MSG_DONTWAIT; // openStream has set the socket's option instead
 #endif
   ssize_t written = 0;
   do
@@ -115,6 +164,16 @@ void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds)
   std::error_code ignored;
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
+}
+
+std::error_code openStream(asio::ip::tcp::socket& socket, asio::ip::tcp protocol) {
+  constexpr DWORD flags = WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT;
+  const SOCKET opened = ::WSASocketW(protocol.family(), SOCK_STREAM, IPPROTO_TCP, nullptr, 0, flags);
+  if (opened == INVALID_SOCKET) return {::WSAGetLastError(), std::system_category()};
+  std::error_code failure;
+  socket.assign(protocol, opened, failure);
+  if (failure) ::closesocket(opened);
+  return failure;
 }
 
 std::error_code watchForBytesOnly(asio::ip::tcp::socket&) { return {}; }

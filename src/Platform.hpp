@@ -22,9 +22,13 @@ std::uint64_t processGeneration() noexcept;
 /// Throws std::system_error when the system has no thread to give.
 std::thread startThread(std::function<void()> body);
 
-/// Makes a fresh connection notice a dead or stuck peer: no delay of small writes, keep-alive probes
-/// (after 15 s, every 5 s, 3 times), an end to writes that make no progress for `writeTimeout`, and no
-/// inheritance by programs that are started. What a platform does not have is left out.
+/// Opens `socket`, which is closed, for a connection. Programs that this process starts never inherit it, not
+/// even one that another thread starts at this moment (except on Apple systems, which take a second call for it).
+std::error_code openStream(asio::ip::tcp::socket& socket, asio::ip::tcp protocol);
+
+/// Makes a fresh connection notice a dead or stuck peer: no delay of small writes, keep-alive probes (after 15 s,
+/// every 5 s, 3 times), and an end to writes that make no progress for `writeTimeout` (on Apple systems in whole
+/// seconds). What a platform does not have is left out.
 void prepareConnection(asio::ip::tcp::socket& socket, std::chrono::milliseconds writeTimeout) noexcept;
 
 /// Registers a connected socket with its event loop anew. Connecting has asked to be told of room to write, and every

@@ -42,8 +42,7 @@ void TcpTransport::connectTo(std::size_t address) noexcept {
   const Number number = fsm_.number();
   const auto endpoint = addresses_[address];
   closeSocket();
-  std::error_code failure;
-  socket_.open(endpoint.protocol(), failure);
+  std::error_code failure = platform::openStream(socket_, endpoint.protocol());
   if (!failure) try {
       socket_.async_connect(
           endpoint, HandlerIn(connectMemory_, [this, number](std::error_code ended) { connectEnded(number, ended); }));

@@ -12,7 +12,7 @@
 using namespace vorlinkit;
 using namespace vorlinkit::commands;
 
-template <class Message> std::string error_of(std::string_view payload) {
+template <typename Message> std::string errorOf(std::string_view payload) {
   const auto message = decode<Message>(bytes(payload));
   if (message) return "no error";
   EXPECT_EQ(message.error().code, ErrorCode::Decode);
@@ -23,35 +23,35 @@ TEST(EveryKind, ErrorsNameTheFirstFieldThatIsMissing) {
   const std::string uint8 = "Not enough bytes for uint8", uint16 = "Not enough bytes for uint16",
                     uint32 = "Not enough bytes for uint32", text = "String not null-terminated",
                     uuid = "Not enough bytes for uuid", variant = "Unknown variant";
-  EXPECT_EQ(error_of<KindsResponse>(""), uint8);
-  EXPECT_EQ(error_of<KindsResponse>("01 02"), uint16);
-  EXPECT_EQ(error_of<KindsResponse>("01 0203 040506"), uint32);
-  EXPECT_EQ(error_of<KindsResponse>("01 0203 04050607 08090A0B0C0D0E"), uint32);
-  EXPECT_EQ(error_of<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 4141"), text);
-  EXPECT_EQ(error_of<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 00 000102030405060708090A0B0C0D0E"), uuid);
-  EXPECT_EQ(error_of<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 00 000102030405060708090A0B0C0D0E0F"), uint8);
+  EXPECT_EQ(errorOf<KindsResponse>(""), uint8);
+  EXPECT_EQ(errorOf<KindsResponse>("01 02"), uint16);
+  EXPECT_EQ(errorOf<KindsResponse>("01 0203 040506"), uint32);
+  EXPECT_EQ(errorOf<KindsResponse>("01 0203 04050607 08090A0B0C0D0E"), uint32);
+  EXPECT_EQ(errorOf<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 4141"), text);
+  EXPECT_EQ(errorOf<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 00 000102030405060708090A0B0C0D0E"), uuid);
+  EXPECT_EQ(errorOf<KindsResponse>("01 0203 04050607 08090A0B0C0D0E0F 00 000102030405060708090A0B0C0D0E0F"), uint8);
   // A record of fixed size says the same as one that is read field by field.
-  EXPECT_EQ(error_of<KindsNotification>("00010203"), uint32);
-  EXPECT_EQ(error_of<KindsNotification>("0001020304050607 00"), uuid);
-  EXPECT_EQ(error_of<KindsNotification>("0001020304050607 000102030405060708090A0B0C0D0E0F 00"), uint16);
+  EXPECT_EQ(errorOf<KindsNotification>("00010203"), uint32);
+  EXPECT_EQ(errorOf<KindsNotification>("0001020304050607 00"), uuid);
+  EXPECT_EQ(errorOf<KindsNotification>("0001020304050607 000102030405060708090A0B0C0D0E0F 00"), uint16);
   // Lists: the first missing field of the first missing item.
-  EXPECT_EQ(error_of<NestingResponse>("0001 00000002 4100 0001"), text);
-  EXPECT_EQ(error_of<NestingResponse>("0001 00000001 4100 00"), uint16);
-  EXPECT_EQ(error_of<NestingResponse>("0002 00000000 0000000000000000 00000000"), uint32);
-  EXPECT_EQ(error_of<NestingResponse>("0001 00000000 0000000000000002 0001 00"), uint16);
-  EXPECT_EQ(error_of<NestingResponse>("0000"), uint8);
+  EXPECT_EQ(errorOf<NestingResponse>("0001 00000002 4100 0001"), text);
+  EXPECT_EQ(errorOf<NestingResponse>("0001 00000001 4100 00"), uint16);
+  EXPECT_EQ(errorOf<NestingResponse>("0002 00000000 0000000000000000 00000000"), uint32);
+  EXPECT_EQ(errorOf<NestingResponse>("0001 00000000 0000000000000002 0001 00"), uint16);
+  EXPECT_EQ(errorOf<NestingResponse>("0000"), uint8);
   // Variants: a missing discriminator, one that selects nothing, a cut alternative.
-  EXPECT_EQ(error_of<LeadingResponse>("01 00"), uint16);
-  EXPECT_EQ(error_of<LeadingResponse>("01 0003 0000 00"), variant);
-  EXPECT_EQ(error_of<LeadingResponse>("01 0001 00"), uint16);
-  EXPECT_EQ(error_of<SameRecordResponse>("01 00 00000000"), variant);
-  EXPECT_EQ(error_of<EnclosingResponse>("03 01 00"), variant) << "the value is judged before what follows";
-  EXPECT_EQ(error_of<EnclosingResponse>("03 01 00 00000000"), variant);
-  EXPECT_EQ(error_of<EnclosingResponse>("02 01 07 00 00"), variant);
+  EXPECT_EQ(errorOf<LeadingResponse>("01 00"), uint16);
+  EXPECT_EQ(errorOf<LeadingResponse>("01 0003 0000 00"), variant);
+  EXPECT_EQ(errorOf<LeadingResponse>("01 0001 00"), uint16);
+  EXPECT_EQ(errorOf<SameRecordResponse>("01 00 00000000"), variant);
+  EXPECT_EQ(errorOf<EnclosingResponse>("03 01 00"), variant) << "the value is judged before what follows";
+  EXPECT_EQ(errorOf<EnclosingResponse>("03 01 00 00000000"), variant);
+  EXPECT_EQ(errorOf<EnclosingResponse>("02 01 07 00 00"), variant);
   // Counts that promise more than there is cost nothing.
-  EXPECT_EQ(error_of<BytesResponse>("FFFFFFFF 01 02 03"), uint8);
-  EXPECT_EQ(error_of<NestingResponse>("0001 FFFFFFFF 4100 0001 4200 0002"), text);
-  EXPECT_EQ(error_of<NestingResponse>("0001 00000000 FFFFFFFFFFFFFFFF 0001"), uint16);
+  EXPECT_EQ(errorOf<BytesResponse>("FFFFFFFF 01 02 03"), uint8);
+  EXPECT_EQ(errorOf<NestingResponse>("0001 FFFFFFFF 4100 0001 4200 0002"), text);
+  EXPECT_EQ(errorOf<NestingResponse>("0001 00000000 FFFFFFFFFFFFFFFF 0001"), uint16);
 }
 
 TEST(EveryKind, EveryKindIsEncoded) {

@@ -28,64 +28,64 @@ template <auto Decode, auto Render> std::string run(std::span<const std::byte> p
 const Decoders machine = {
 #include "machine_samples/decoders.inc"
 };
-const Decoders every_kind = {
+const Decoders everyKind = {
 #include "every_kind_samples/decoders.inc"
 };
 
-constexpr std::string_view decode_errors[] = {"Not enough bytes for uint8",  "Not enough bytes for uint16",
-                                              "Not enough bytes for uint32", "Not enough bytes for uuid",
-                                              "String not null-terminated",  "Unknown variant"};
+constexpr std::string_view decodeErrors[] = {"Not enough bytes for uint8",  "Not enough bytes for uint16",
+                                             "Not enough bytes for uint32", "Not enough bytes for uuid",
+                                             "String not null-terminated",  "Unknown variant"};
 
-bool is_error(const std::string& text) {
-  return std::ranges::find(decode_errors, text) != std::ranges::end(decode_errors);
+bool isError(const std::string& text) {
+  return std::ranges::find(decodeErrors, text) != std::ranges::end(decodeErrors);
 }
 
 /// Runs on a copy of exactly the payload's size, so that reading past its end is noticed.
-std::string run_tight(Decoder decoder, std::span<const std::byte> payload) {
+std::string runTight(Decoder decoder, std::span<const std::byte> payload) {
   const auto copy = std::make_unique<std::byte[]>(payload.size());
   std::ranges::copy(payload, copy.get());
   return decoder({copy.get(), payload.size()});
 }
 
-void check_sample(Decoder decoder, std::vector<std::byte> payload, const std::string& text) {
-  EXPECT_EQ(run_tight(decoder, payload), text);
+void checkSample(Decoder decoder, std::vector<std::byte> payload, const std::string& text) {
+  EXPECT_EQ(runTight(decoder, payload), text);
   for (std::size_t size = 0; size < payload.size(); ++size)
-    ASSERT_TRUE(is_error(run_tight(decoder, std::span(payload).first(size)))) << "cut to " << size << " bytes";
+    ASSERT_TRUE(isError(runTight(decoder, std::span(payload).first(size)))) << "cut to " << size << " bytes";
   payload.resize(payload.size() + 3, std::byte{0x55});
-  EXPECT_EQ(run_tight(decoder, payload), text) << "bytes behind the last field";
+  EXPECT_EQ(runTight(decoder, payload), text) << "bytes behind the last field";
 }
 
 /// Every sample of the file; each decoder of the table has at least one.
-void check_samples(const Decoders& decoders, const std::string& folder) {
+void checkSamples(const Decoders& decoders, const std::string& folder) {
   std::ifstream in(SAMPLES_FOLDER "/" + folder + "/samples.txt");
   std::map<std::string, int> seen;
   for (std::string name, payload, text; std::getline(in, name, '\t');) {
     ASSERT_TRUE(std::getline(in, payload, '\t') && std::getline(in, text));
     SCOPED_TRACE(name + " " + payload);
-    ASSERT_NO_FATAL_FAILURE(check_sample(decoders.at(name), bytes(payload), text));
+    ASSERT_NO_FATAL_FAILURE(checkSample(decoders.at(name), bytes(payload), text));
     ++seen[name];
   }
   EXPECT_EQ(seen.size(), decoders.size());
 }
 
 /// Noise: short and long, of small numbers (which keep lists short enough to go deep) and of any.
-void check_noise(const Decoders& decoders) {
+void checkNoise(const Decoders& decoders) {
   std::mt19937 random(20260101);
   for (const auto& [name, decoder] : decoders)
     for (int round = 0; round < 200; ++round) {
       std::vector<std::byte> payload(random() % 120);
       for (auto& byte : payload)
         byte = static_cast<std::byte>(random() % (round % 2 ? 4 : 256));
-      const auto text = run_tight(decoder, payload);
-      ASSERT_TRUE(is_error(text) || (text.front() == '{' && text.back() == '}'))
+      const auto text = runTight(decoder, payload);
+      ASSERT_TRUE(isError(text) || (text.front() == '{' && text.back() == '}'))
           << name << " " << testing::PrintToString(payload);
     }
 }
 
-TEST(MachineSamples, EveryMessageGivesItsTextAndEveryCutAnError) { check_samples(machine, "machine_samples"); }
-TEST(MachineSamples, NoiseNeverDoesMoreThanFail) { check_noise(machine); }
-TEST(EveryKindSamples, EveryMessageGivesItsTextAndEveryCutAnError) { check_samples(every_kind, "every_kind_samples"); }
-TEST(EveryKindSamples, NoiseNeverDoesMoreThanFail) { check_noise(every_kind); }
+TEST(MachineSamples, EveryMessageGivesItsTextAndEveryCutAnError) { checkSamples(machine, "machine_samples"); }
+TEST(MachineSamples, NoiseNeverDoesMoreThanFail) { checkNoise(machine); }
+TEST(EveryKindSamples, EveryMessageGivesItsTextAndEveryCutAnError) { checkSamples(everyKind, "every_kind_samples"); }
+TEST(EveryKindSamples, NoiseNeverDoesMoreThanFail) { checkNoise(everyKind); }
 
 // The catalogue itself is held against these.
 TEST(Machine, AFewMessagesByHand) {

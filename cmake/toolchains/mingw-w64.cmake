@@ -1,0 +1,12 @@
+# Programs for 64-bit Windows with Debian's g++-mingw-w64-x86-64-posix. Nothing of this system is found by itself:
+# where asio and fmt are is told by who configures (scripts/windows-check).
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
+set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# One file that runs by itself, without the compiler's libraries beside it.
+set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
