@@ -1,4 +1,4 @@
-#include "FinalisationGate.hpp"
+#include "interpreter/FinalisationGate.hpp"
 
 namespace vorlinkit::python {
 

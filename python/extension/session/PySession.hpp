@@ -1,8 +1,8 @@
 // What Python knows as VorlinSession: one core session and the Python callables it may call.
 #pragma once
 
-#include "EnumMembers.hpp"
-#include "PythonCallback.hpp"
+#include "interpreter/PythonCallback.hpp"
+#include "session/EnumMembers.hpp"
 
 #include <vorlinkit/VorlinSession.hpp>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "EnumMembers.hpp"
+#include "session/EnumMembers.hpp"
 
 #include <vorlinkit/IVorlinLogger.hpp>
 

@@ -1,8 +1,8 @@
-#include "CommandBlock.hpp"
+#include "records/CommandBlock.hpp"
 
-#include "RecordErrors.hpp"
-#include "RecordObject.hpp"
 #include "bindings.hpp"
+#include "records/RecordErrors.hpp"
+#include "records/RecordObject.hpp"
 
 #include <cstring>
 #include <memory>

@@ -2,7 +2,7 @@
 // declare.
 #pragma once
 
-#include "RecordType.hpp"
+#include "records/RecordType.hpp"
 
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/commands/FieldCodedValues.hpp>

@@ -1,4 +1,4 @@
-#include "CoreText.hpp"
+#include "interpreter/CoreText.hpp"
 
 namespace py = pybind11;
 

@@ -1,7 +1,7 @@
-#include "PythonCallback.hpp"
+#include "interpreter/PythonCallback.hpp"
 
-#include "CoreText.hpp"
-#include "ParkOnUnwind.hpp"
+#include "interpreter/CoreText.hpp"
+#include "interpreter/ParkOnUnwind.hpp"
 
 #include <cstdio>
 #include <string>

@@ -1,5 +1,5 @@
-#include "PySession.hpp"
 #include "bindings.hpp"
+#include "session/PySession.hpp"
 
 #include <vorlinkit/commands/FieldCodedValues.hpp>
 

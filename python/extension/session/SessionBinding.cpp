@@ -1,5 +1,5 @@
-#include "PySession.hpp"
 #include "bindings.hpp"
+#include "session/PySession.hpp"
 
 #include <pybind11/stl.h>
 

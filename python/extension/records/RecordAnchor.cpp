@@ -1,6 +1,6 @@
-#include "RecordAnchor.hpp"
+#include "records/RecordAnchor.hpp"
 
-#include "RecordObject.hpp"
+#include "records/RecordObject.hpp"
 
 #include <cstdint>
 #include <new>

@@ -1,6 +1,6 @@
 // Reading and writing attributes of records: one pair of functions per kind of field, for all record types.
-#include "RecordErrors.hpp"
-#include "RecordObject.hpp"
+#include "records/RecordErrors.hpp"
+#include "records/RecordObject.hpp"
 
 #include <pybind11/pybind11.h>
 

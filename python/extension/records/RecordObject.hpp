@@ -1,7 +1,7 @@
 // A record of the catalogue as a Python object.
 #pragma once
 
-#include "RecordAnchor.hpp"
+#include "records/RecordAnchor.hpp"
 
 #include <pybind11/pybind11.h>
 

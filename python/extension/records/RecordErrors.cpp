@@ -1,6 +1,6 @@
-#include "RecordErrors.hpp"
+#include "records/RecordErrors.hpp"
 
-#include "RecordType.hpp"
+#include "records/RecordType.hpp"
 
 #include <string>
 #include <string_view>

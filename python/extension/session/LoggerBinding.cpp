@@ -1,5 +1,5 @@
-#include "PyVorlinLogger.hpp"
 #include "bindings.hpp"
+#include "session/PyVorlinLogger.hpp"
 
 namespace py = pybind11;
 

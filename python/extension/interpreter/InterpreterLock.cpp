@@ -1,6 +1,6 @@
-#include "InterpreterLock.hpp"
+#include "interpreter/InterpreterLock.hpp"
 
-#include "ParkOnUnwind.hpp"
+#include "interpreter/ParkOnUnwind.hpp"
 
 #include <pybind11/pybind11.h>
 

@@ -1,7 +1,7 @@
 // The one place of the module that takes and gives back the interpreter lock.
 #pragma once
 
-#include "FinalisationGate.hpp"
+#include "interpreter/FinalisationGate.hpp"
 
 #include <Python.h>
 

@@ -1,7 +1,7 @@
 // What keeps the memory behind Python's views of records alive.
 #pragma once
 
-#include "RecordType.hpp"
+#include "records/RecordType.hpp"
 
 #include <cstddef>
 

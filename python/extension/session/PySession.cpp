@@ -1,7 +1,7 @@
-#include "PySession.hpp"
+#include "session/PySession.hpp"
 
-#include "CoreText.hpp"
-#include "SessionLifetime.hpp"
+#include "interpreter/CoreText.hpp"
+#include "interpreter/SessionLifetime.hpp"
 
 #include <span>
 #include <stdexcept>

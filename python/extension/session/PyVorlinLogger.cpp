@@ -1,8 +1,8 @@
-#include "PyVorlinLogger.hpp"
+#include "session/PyVorlinLogger.hpp"
 
-#include "CoreText.hpp"
-#include "InterpreterLock.hpp"
-#include "PythonCallback.hpp"
+#include "interpreter/CoreText.hpp"
+#include "interpreter/InterpreterLock.hpp"
+#include "interpreter/PythonCallback.hpp"
 
 namespace py = pybind11;
 

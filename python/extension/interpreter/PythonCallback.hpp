@@ -1,7 +1,7 @@
 // A Python callable that the core may call from its I/O thread.
 #pragma once
 
-#include "InterpreterLock.hpp"
+#include "interpreter/InterpreterLock.hpp"
 
 #include <pybind11/pybind11.h>
 

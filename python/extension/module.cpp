@@ -1,7 +1,7 @@
 // The initialiser of the extension module.
-#include "CoreText.hpp"
-#include "SessionLifetime.hpp"
 #include "bindings.hpp"
+#include "interpreter/CoreText.hpp"
+#include "interpreter/SessionLifetime.hpp"
 
 namespace py = pybind11;
 

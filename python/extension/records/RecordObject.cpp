@@ -1,6 +1,6 @@
-#include "RecordObject.hpp"
+#include "records/RecordObject.hpp"
 
-#include "RecordErrors.hpp"
+#include "records/RecordErrors.hpp"
 
 #include <cstring>
 #include <deque>

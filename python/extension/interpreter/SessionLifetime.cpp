@@ -1,7 +1,7 @@
-#include "SessionLifetime.hpp"
+#include "interpreter/SessionLifetime.hpp"
 
-#include "InterpreterLock.hpp"
-#include "PySession.hpp"
+#include "interpreter/InterpreterLock.hpp"
+#include "session/PySession.hpp"
 
 #include <cstdio>
 #include <memory>
