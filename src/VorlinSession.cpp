@@ -13,6 +13,7 @@ VorlinSession::~VorlinSession() { VorlinSessionImpl::dispose(std::move(impl_)); 
 
 std::future<std::expected<void, Error>> VorlinSession::connect() { return impl_->connect(); }
 void VorlinSession::disconnect() { impl_->disconnect(); }
+std::future<void> VorlinSession::start_disconnect() { return impl_->startDisconnect(); }
 bool VorlinSession::is_connected() const noexcept { return impl_->isConnected(); }
 std::uint8_t VorlinSession::client_id() const noexcept { return impl_->clientId(); }
 

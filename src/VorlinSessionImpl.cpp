@@ -36,18 +36,17 @@ private:
 class VorlinSessionImpl::CloseJob final : public IoJob {
 public:
   explicit CloseJob(VorlinSessionImpl& session) : session_(session) {}
-  std::future<std::expected<void, Error>> future() { return answer_.future(); }
+  std::future<void> future() { return closed_.get_future(); }
   void run() override {
-    asio::co_spawn(
-        session_.context_, session_.transport_->close(),
-        [answer = std::move(answer_)](std::exception_ptr failure, std::expected<void, Error> result) mutable {
-          if (!failure) answer.give(std::move(result));
-        });
+    asio::co_spawn(session_.context_, session_.transport_->close(),
+                   [closed = std::move(closed_)](std::exception_ptr, std::expected<void, Error>) mutable {
+                     closed.set_value(); // a promise that is dropped instead makes the future ready, too
+                   });
   }
 
 private:
   VorlinSessionImpl& session_;
-  Answer<void> answer_;
+  std::promise<void> closed_;
 };
 
 class VorlinSessionImpl::ForgetJob final : public IoJob {
@@ -99,12 +98,17 @@ std::future<std::expected<void, Error>> VorlinSessionImpl::connect() {
   return result;
 }
 
-void VorlinSessionImpl::disconnect() {
-  if (inherited()) return;
+void VorlinSessionImpl::disconnect() { startDisconnect().wait(); }
+
+std::future<void> VorlinSessionImpl::startDisconnect() {
+  std::promise<void> ready;
+  ready.set_value();
+  if (inherited()) return ready.get_future();
   auto job = std::make_unique<CloseJob>(*this);
-  const auto closed = job->future();
-  // On the I/O thread the close has to wait for this very call to return.
-  if (inbox_.push(std::move(job)) && !isIoThread()) closed.wait();
+  auto closed = job->future();
+  inbox_.push(std::move(job));
+  // On an I/O thread the close may have to wait for this very call to return.
+  return isAnyIoThread() ? ready.get_future() : std::move(closed);
 }
 
 bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && transport_->isConnected(); }

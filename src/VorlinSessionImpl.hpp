@@ -38,10 +38,13 @@ public:
 
   std::future<std::expected<void, Error>> connect();
   void disconnect();
+  std::future<void> startDisconnect();
   bool isConnected() const noexcept;
   std::uint8_t clientId() const noexcept { return clientId_.load(std::memory_order_relaxed); }
   std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload);
   bool isIoThread() const noexcept { return std::this_thread::get_id() == ioThreadId_.load(std::memory_order_relaxed); }
+  /// True on the I/O thread of whatever session.
+  static bool isAnyIoThread() noexcept;
   void onNotification(std::uint16_t commandId, NotificationHandler handler);
   CallbackSlots& callbacks() { return callbacks_; }
   void setChunkHooks(std::function<void()> before, std::function<void()> after);

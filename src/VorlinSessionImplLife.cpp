@@ -8,6 +8,14 @@
 
 namespace vorlinkit {
 
+namespace {
+
+thread_local bool onIoThread = false;
+
+} // namespace
+
+bool VorlinSessionImpl::isAnyIoThread() noexcept { return onIoThread; }
+
 bool VorlinSessionImpl::inherited() const noexcept { return platform::processGeneration() != processGeneration_; }
 
 void VorlinSessionImpl::dispose(std::unique_ptr<VorlinSessionImpl> session) {
@@ -68,6 +76,7 @@ asio::awaitable<void> VorlinSessionImpl::closeDown() {
 }
 
 void VorlinSessionImpl::runIoThread() {
+  onIoThread = true;
   ioThreadId_ = std::this_thread::get_id();
   runEventLoop();
   failEverything();

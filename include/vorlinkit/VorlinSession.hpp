@@ -49,9 +49,12 @@ public:
   /// Connects within `connection_timeout`; a connect or connection that is under way is given up first.
   /// Failure: Transport or Timeout, "Failed to connect: " and the reason.
   std::future<std::expected<void, Error>> connect();
-  /// Closes the connection, ends re-connecting, and waits until both are done; from a callback it only
-  /// starts the close.
+  /// Closes the connection, ends re-connecting, and waits until both are done; on any session's I/O thread
+  /// it only starts the close.
   void disconnect();
+  /// The same without the wait: the future becomes ready when the close is done, or is ready at once on any
+  /// session's I/O thread, which must not wait for it.
+  std::future<void> start_disconnect();
   bool is_connected() const noexcept;
   /// The id the machine gave this connection, learned from the response to command 1; 0 when unknown.
   std::uint8_t client_id() const noexcept;
