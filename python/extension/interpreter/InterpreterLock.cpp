@@ -90,11 +90,11 @@ void InterpreterLock::endChunk() noexcept {
   foreignThread.keptForChunk.reset();
 }
 
-InterpreterRelease::InterpreterRelease() noexcept : pass_(gate().enter()) {
+InterpreterRelease::InterpreterRelease() noexcept : hearsSignals_(_PyOS_IsMainThread() != 0), pass_(gate().enter()) {
   if (pass_) saved_ = PyEval_SaveThread();
 }
 
-InterpreterRelease::InterpreterRelease(AtExit) noexcept : saved_(PyEval_SaveThread()) {}
+InterpreterRelease::InterpreterRelease(AtExit) noexcept : hearsSignals_(false), saved_(PyEval_SaveThread()) {}
 
 InterpreterRelease::~InterpreterRelease() {
   if (saved_) take(saved_);

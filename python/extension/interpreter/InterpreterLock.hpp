@@ -50,19 +50,25 @@ public:
 
   explicit operator bool() const noexcept { return pass_.has_value(); }
 
-  /// Waits for a future of the core. Ctrl-C ends the wait within a slice with the exception that the
-  /// signal's handler raises. Nothing when the result will not come: the interpreter is exiting, or this
-  /// is the child of a fork.
-  template <class T> std::optional<T> wait(std::future<T>& future) {
-    while (future.wait_for(WAIT_SLICE) != std::future_status::ready)
-      if (!keepWaiting()) return std::nullopt;
-    return future.get();
+  /// Waits until a future of the core is ready. Python's main thread, which alone runs signal handlers, waits in
+  /// slices: Ctrl-C ends the wait with the exception that the handler raises. False when the result will not
+  /// come: the interpreter is exiting, or this is the child of a fork. All other threads just wait, since the
+  /// exit step has every future answered.
+  template <typename Future> bool wait(const Future& future) {
+    if (!hearsSignals_) {
+      future.wait();
+      return true;
+    }
+    while (future.wait_for(slice) != std::future_status::ready)
+      if (!keepWaiting()) return false;
+    return true;
   }
 
 private:
-  static constexpr std::chrono::milliseconds WAIT_SLICE{50};
+  static constexpr std::chrono::milliseconds slice{50};
   bool keepWaiting();
 
+  const bool hearsSignals_;
   std::optional<FinalisationGate::Pass> pass_;
   PyThreadState* saved_ = nullptr;
 };

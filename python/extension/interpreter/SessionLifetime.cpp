@@ -1,10 +1,11 @@
 #include "interpreter/SessionLifetime.hpp"
 
 #include "interpreter/InterpreterLock.hpp"
-#include "session/PySession.hpp"
 
+#include <pybind11/pybind11.h>
+
+#include <chrono>
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 namespace py = pybind11;
@@ -15,35 +16,47 @@ namespace {
 
 /// How long an exit waits for callbacks that are still running. Whoever is inside the core leaves by
 /// itself much sooner.
-constexpr std::chrono::seconds EXIT_LIMIT{5};
+constexpr std::chrono::seconds exitLimit{5};
+constexpr std::chrono::milliseconds exitSlice{50};
 
-/// Waits until nobody outside wants the interpreter lock any more, then ends the sessions. Called without
-/// the lock, so that those inside can come back through the gate.
-void closeSessions(std::vector<std::unique_ptr<VorlinSession>> cores) {
-  if (FinalisationGate::instance().awaitEmpty(EXIT_LIMIT)) return; // the cores close as they are destroyed
+/// Answers everybody who waits for these sessions, and waits until nobody outside wants the interpreter lock any
+/// more. Closing is started again and again, for a thread that was on its way to `connect` when the gate closed.
+bool everybodyLeaves(const std::vector<SessionLifetime::Core>& cores) {
+  const auto limit = std::chrono::steady_clock::now() + exitLimit;
+  do {
+    for (const auto& core : cores)
+      core->start_disconnect();
+    if (FinalisationGate::instance().awaitEmpty(exitSlice)) return true;
+  } while (std::chrono::steady_clock::now() < limit);
+  return false;
+}
+
+/// Ends the sessions. Called without the interpreter lock, so that those inside can come back through the gate.
+void closeSessions(std::vector<SessionLifetime::Core> cores) {
+  if (everybodyLeaves(cores)) return; // the cores end as they are destroyed
   std::fputs("vorlinkit_python: a callback is still running at exit and is left behind\n", stderr);
   for (auto& core : cores)
-    static_cast<void>(core.release()); // closing would wait for the callback
+    static_cast<void>(core.release()); // ending it would wait for the callback
 }
 
 } // namespace
 
-std::set<PySession*>& SessionLifetime::sessions() {
-  static auto* const live = new std::set<PySession*>;
+std::set<SessionLifetime::Core*>& SessionLifetime::cores() {
+  static auto* const live = new std::set<Core*>;
   return *live;
 }
 
-void SessionLifetime::add(PySession& session) { sessions().insert(&session); }
+void SessionLifetime::add(Core& core) { cores().insert(&core); }
 
-void SessionLifetime::remove(PySession& session) { sessions().erase(&session); }
+void SessionLifetime::remove(Core& core) { cores().erase(&core); }
 
 void SessionLifetime::interpreterExits() {
   FinalisationGate::instance().close();
-  std::vector<std::unique_ptr<VorlinSession>> cores;
-  for (auto* const session : sessions())
-    cores.push_back(session->takeCore());
+  std::vector<Core> taken;
+  for (auto* const core : cores())
+    if (*core) taken.push_back(std::move(*core));
   const InterpreterRelease unlocked(InterpreterRelease::AtExit{});
-  closeSessions(std::move(cores));
+  closeSessions(std::move(taken));
 }
 
 void SessionLifetime::install() {

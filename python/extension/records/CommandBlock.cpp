@@ -140,7 +140,7 @@ PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments
     if (count != 0 || (names != nullptr && PyTuple_GET_SIZE(names) != 0)) {
       return refuse(function.doc, arguments, count, names);
     }
-    return py::cast(function.act()).release().ptr();
+    return toPython(function.act()).release().ptr();
   });
 }
 

@@ -160,7 +160,10 @@ PyObject* readText(PyObject* self, void* field) {
 
 int writeText(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    return encodeText(value, *static_cast<std::string*>(memberOf(self, field)));
+    std::string text;
+    if (!encodeText(value, text)) return false;
+    *static_cast<std::string*>(memberOf(self, field)) = std::move(text);
+    return true;
   });
 }
 
@@ -168,12 +171,17 @@ PyObject* readList(PyObject* self, void* closure) {
   return guarded([&]() -> PyObject* {
     const Field& field = asField(closure);
     const ListOperations& operations = listOperations(field);
-    void* stored = memberOf(self, field);
-    const std::size_t size = operations.size(stored);
-    auto result = py::reinterpret_steal<py::object>(PyList_New(static_cast<Py_ssize_t>(size)));
-    if (!result) {
-      throw py::error_already_set();
-    }
+    void* stored = nullptr;
+    std::size_t size = 0;
+    py::object result;
+    do {
+      size = operations.size(memberOf(self, field));
+      result = py::reinterpret_steal<py::object>(PyList_New(static_cast<Py_ssize_t>(size)));
+      if (!result) {
+        throw py::error_already_set();
+      }
+      stored = memberOf(self, field);
+    } while (operations.size(stored) != size); // a new list may start a garbage collection, which may run any code
     if (size == 0) {
       return result.release().ptr();
     }

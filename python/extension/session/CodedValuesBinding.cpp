@@ -23,6 +23,8 @@ std::vector<FieldCodedValue> copyOfRows(const FieldCodedValues& table) {
 
 } // namespace
 
+py::object toPython(FieldCodedValues table) { return py::cast(std::move(table)); }
+
 void registerCodedValues(py::module_& module) {
   py::enum_<CodedValueKind>(module, "CodedValueKind", "How a coded field is read.")
       .value("Enum", CodedValueKind::Enum, "the field holds exactly one of the listed codes")

@@ -30,7 +30,9 @@ void writeHost(SessionConfig& config, const py::str& host) {
     PyErr_Clear();
     throw py::type_error("host: a lone surrogate is no part of a name or an address");
   }
-  config.host.assign(text, static_cast<std::size_t>(length));
+  const std::string_view given(text, static_cast<std::size_t>(length));
+  if (given.contains('\0')) throw py::value_error("host: a 0 byte is no part of a name or an address");
+  config.host = given;
 }
 
 py::tuple readAccessKeys(const SessionConfig& config) {

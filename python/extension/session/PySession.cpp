@@ -44,9 +44,19 @@ bool store(std::shared_ptr<PythonCallback>& slot, const char* name, const py::fu
   return true;
 }
 
+/// Starts something in the core and waits for what comes of it, with the interpreter lock given up. Nothing when
+/// the interpreter is on its way out.
+template <typename Start> auto awaitOutcome(Start&& start) -> std::optional<decltype(start().get())> {
+  InterpreterRelease unlocked;
+  if (!unlocked) return std::nullopt;
+  auto future = start();
+  if (!unlocked.wait(future)) return std::nullopt;
+  return future.get();
+}
+
 /// Runs a registration in the core without the interpreter lock: the I/O thread may hold the core's lock
 /// for that callback while it waits for the interpreter.
-template <class Register> void registerUnlocked(Register&& inCore) {
+template <typename Register> void registerUnlocked(Register&& inCore) {
   const InterpreterRelease unlocked;
   if (unlocked) inCore();
 }
@@ -58,11 +68,11 @@ PySession::PySession(const SessionConfig& config, std::shared_ptr<IVorlinLogger>
   if (FinalisationGate::instance().closed()) throw std::runtime_error("The interpreter is exiting");
   core_ = std::make_unique<VorlinSession>(config, std::move(logger));
   core_->set_chunk_hooks(&InterpreterLock::beginChunk, &InterpreterLock::endChunk);
-  SessionLifetime::add(*this);
+  SessionLifetime::add(core_);
 }
 
 PySession::~PySession() {
-  SessionLifetime::remove(*this);
+  SessionLifetime::remove(core_);
   if (!core_) return;
   const InterpreterRelease unlocked;
   core_.reset();
@@ -76,14 +86,7 @@ py::tuple PySession::connect() {
   auto* const core = usableCore();
   if (!core) return connectFailed(NOT_AWAITABLE);
   if (core->is_io_thread()) return connectFailed(fromCallback("connect"));
-  std::optional<std::expected<void, Error>> result;
-  {
-    InterpreterRelease unlocked;
-    if (unlocked) {
-      auto future = core->connect();
-      result = unlocked.wait(future);
-    }
-  }
+  const auto result = awaitOutcome([core] { return core->connect(); });
   if (!result) return connectFailed(NOT_AWAITABLE);
   if (!*result) return connectFailed(result->error().message);
   return py::make_tuple(true, "");
@@ -92,8 +95,8 @@ py::tuple PySession::connect() {
 void PySession::disconnect() {
   auto* const core = usableCore();
   if (!core) return;
-  const InterpreterRelease unlocked;
-  if (unlocked) core->disconnect();
+  InterpreterRelease unlocked;
+  if (unlocked) unlocked.wait(core->start_disconnect());
 }
 
 bool PySession::isConnected() const noexcept {
@@ -112,14 +115,7 @@ py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes
   if (core->is_io_thread()) return sendFailed(fromCallback("send"));
   // The bytes object cannot change and is held by the caller; the core copies it before it returns.
   const auto view = payload ? viewOf(*payload) : std::span<const std::byte>{};
-  std::optional<std::expected<RawMessage, Error>> result;
-  {
-    InterpreterRelease unlocked;
-    if (unlocked) {
-      auto future = core->send(commandId, view);
-      result = unlocked.wait(future);
-    }
-  }
+  const auto result = awaitOutcome([&] { return core->send(commandId, view); });
   if (!result) return sendFailed(NOT_AWAITABLE);
   if (!*result) return sendFailed(result->error().message);
   return py::make_tuple(bytesOf((*result)->payload), "");

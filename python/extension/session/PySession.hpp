@@ -2,6 +2,7 @@
 #pragma once
 
 #include "interpreter/PythonCallback.hpp"
+#include "session/BoundTypes.hpp"
 #include "session/EnumMembers.hpp"
 
 #include <vorlinkit/VorlinSession.hpp>
@@ -42,14 +43,11 @@ public:
   int visitCallbacks(visitproc visit, void* context) const;
   void clearCallbacks();
 
-  /// At interpreter exit: hands the core over to be closed. The session is dead from then on.
-  std::unique_ptr<VorlinSession> takeCore() noexcept { return std::move(core_); }
-
 private:
   using Slot = std::shared_ptr<PythonCallback>;
 
-  /// The core session; null when it must not be called: the interpreter exits, or this is the child of a
-  /// fork, where the locks of an inherited session may be held for ever.
+  /// The core session; null when it must not be called: the interpreter's exit has taken it, or this is the child
+  /// of a fork, where the locks of an inherited session may be held for ever.
   VorlinSession* usableCore() const noexcept;
 
   std::unique_ptr<VorlinSession> core_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "session/BoundTypes.hpp"
 #include "session/EnumMembers.hpp"
 
 #include <vorlinkit/IVorlinLogger.hpp>
