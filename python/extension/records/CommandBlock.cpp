@@ -16,12 +16,8 @@ namespace {
 /// The one argument of a function, by position or by name; null if it was called otherwise.
 PyObject* onlyArgument(const char* name, Arguments arguments, Py_ssize_t count, PyObject* names) {
   const Py_ssize_t named = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
-  if (count + named != 1) {
-    return nullptr;
-  }
-  if (named == 1 && PyUnicode_CompareWithASCIIString(PyTuple_GET_ITEM(names, 0), name) != 0) {
-    return nullptr;
-  }
+  if (count + named != 1) return nullptr;
+  if (named == 1 && PyUnicode_CompareWithASCIIString(PyTuple_GET_ITEM(names, 0), name) != 0) return nullptr;
   return arguments[0];
 }
 
@@ -59,9 +55,7 @@ class BytesMemory final : public commands::PayloadMemory {
 public:
   std::byte* allocate(std::size_t size) override {
     bytes_ = py::reinterpret_steal<py::object>(PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size)));
-    if (!bytes_) {
-      throw py::error_already_set();
-    }
+    if (!bytes_) throw py::error_already_set();
     return reinterpret_cast<std::byte*>(PyBytes_AS_STRING(bytes_.ptr()));
   }
   PyObject* release() { return bytes_.release().ptr(); }
@@ -75,14 +69,10 @@ private:
 PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
     PyObject* request = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
-    if (request == nullptr) {
-      return refuse(function.doc, arguments, count, names);
-    }
+    if (request == nullptr) return refuse(function.doc, arguments, count, names);
     BytesMemory payload;
     const EncodeResult encoded = function.act(recordOf(*asRecord(request)), payload);
-    if (!encoded) {
-      return fail("Encode failed: ", encoded.error());
-    }
+    if (!encoded) return fail("Encode failed: ", encoded.error());
     return payload.release();
   });
 }
@@ -90,9 +80,7 @@ PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_s
 PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
     PyObject* data = onlyArgument(function.doc, arguments, count, names, nullptr);
-    if (data == nullptr || !PyBytes_Check(data)) {
-      return refuse(function.doc, arguments, count, names);
-    }
+    if (data == nullptr || !PyBytes_Check(data)) return refuse(function.doc, arguments, count, names);
     const std::span payload(PyBytes_AS_STRING(data), static_cast<std::size_t>(PyBytes_GET_SIZE(data)));
     // Decoded into the memory that the object will own.
     struct Discard {
@@ -100,15 +88,11 @@ PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_s
     };
     std::unique_ptr<RootAnchor, Discard> root(allocateRoot(*function.record));
     const Error error = function.act(std::as_bytes(payload), root->record());
-    if (!error.message.empty()) {
-      return fail("Decode failed: ", error);
-    }
+    if (!error.message.empty()) return fail("Decode failed: ", error);
     RootAnchor* decoded = root.release();
     decoded->holders = 1;
     PyObject* object = newView(*function.record, decoded->record(), *decoded);
-    if (object == nullptr) {
-      release(decoded);
-    }
+    if (object == nullptr) release(decoded);
     return object;
   });
 }
@@ -116,9 +100,7 @@ PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_s
 PyObject* callRender(const Function<Render>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
     PyObject* record = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
-    if (record == nullptr) {
-      return refuse(function.doc, arguments, count, names);
-    }
+    if (record == nullptr) return refuse(function.doc, arguments, count, names);
     return toText(function.act(recordOf(*asRecord(record))));
   });
 }
@@ -128,18 +110,15 @@ PyObject* callDescribeCode(const Function<DescribeCode>& function, Arguments arg
   return guarded([&]() -> PyObject* {
     PyObject* argument = onlyArgument(function.doc, arguments, count, names, nullptr);
     py::detail::make_caster<std::uint16_t> code;
-    if (argument == nullptr || !code.load(argument, true)) {
-      return refuse(function.doc, arguments, count, names);
-    }
+    if (argument == nullptr || !code.load(argument, true)) return refuse(function.doc, arguments, count, names);
     return toText(function.act(py::detail::cast_op<std::uint16_t>(code)));
   });
 }
 
 PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
-    if (count != 0 || (names != nullptr && PyTuple_GET_SIZE(names) != 0)) {
+    if (count != 0 || (names != nullptr && PyTuple_GET_SIZE(names) != 0))
       return refuse(function.doc, arguments, count, names);
-    }
     return toPython(function.act()).release().ptr();
   });
 }
@@ -151,9 +130,7 @@ py::object makeFunction(BlockEntry& entry, py::handle module, py::handle module_
   entry.definition = {entry.name, call, METH_FASTCALL | METH_KEYWORDS, entry.doc};
   auto function =
       py::reinterpret_steal<py::object>(PyCFunction_NewEx(&entry.definition, module.ptr(), module_name.ptr()));
-  if (!function) {
-    throw py::error_already_set();
-  }
+  if (!function) throw py::error_already_set();
   return function;
 }
 
@@ -162,15 +139,13 @@ py::object makeFunction(BlockEntry& entry, py::handle module, py::handle module_
 void registerCommandBlocks(py::module_& module) {
   const auto module_name = py::object(module.attr("__name__"));
   for (const std::span<BlockEntry> family : commandBlocks()) {
-    for (BlockEntry& entry : family) {
-      if (entry.record != nullptr) {
+    for (BlockEntry& entry : family)
+      if (entry.record != nullptr)
         registerRecord(module, *entry.record);
-      } else if (entry.function != nullptr) {
+      else if (entry.function != nullptr)
         py::setattr(module, entry.name, makeFunction(entry, module, module_name));
-      } else {
+      else
         py::setattr(module, entry.name, py::int_(entry.number));
-      }
-    }
   }
 }
 

@@ -69,9 +69,7 @@ template <auto write, class Record> EncodeResult writeRecord(const void* record,
 
 template <auto decode, class Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
   std::expected<Record, Error> record = decode(payload);
-  if (!record) {
-    return std::move(record.error());
-  }
+  if (!record) return std::move(record.error());
   ::new (memory) Record(*std::move(record));
   return {};
 }
@@ -83,17 +81,16 @@ template <auto render, class Record> std::string renderRecord(const void* record
 /// The interpreter hands a function no data of its own, hence one small entry point for each.
 template <const auto& function> PyObject* enter(PyObject*, Arguments arguments, Py_ssize_t count, PyObject* names) {
   using Act = decltype(function.act);
-  if constexpr (std::is_same_v<Act, Encode>) {
+  if constexpr (std::is_same_v<Act, Encode>)
     return callEncode(function, arguments, count, names);
-  } else if constexpr (std::is_same_v<Act, Decode>) {
+  else if constexpr (std::is_same_v<Act, Decode>)
     return callDecode(function, arguments, count, names);
-  } else if constexpr (std::is_same_v<Act, Render>) {
+  else if constexpr (std::is_same_v<Act, Render>)
     return callRender(function, arguments, count, names);
-  } else if constexpr (std::is_same_v<Act, DescribeCode>) {
+  else if constexpr (std::is_same_v<Act, DescribeCode>)
     return callDescribeCode(function, arguments, count, names);
-  } else {
+  else
     return callListCodes(function, arguments, count, names);
-  }
 }
 
 constexpr BlockEntry commandId(const char* name, std::uint16_t id) { return {.name = name, .number = id}; }

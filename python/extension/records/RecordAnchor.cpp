@@ -16,9 +16,7 @@ constexpr std::size_t recordOffset =
 
 void* allocate(std::size_t size) {
   void* memory = PyObject_Malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
+  if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
@@ -29,9 +27,7 @@ template <class Anchor> void freeAnchor(Anchor* anchor) noexcept {
 
 void unlink(LeaseAnchor& lease) noexcept {
   *lease.link = lease.next;
-  if (lease.next != nullptr) {
-    lease.next->link = lease.link;
-  }
+  if (lease.next != nullptr) lease.next->link = lease.link;
 }
 
 /// Frees an anchor without holders; returns the owner that it held.
@@ -73,9 +69,8 @@ public:
   Retirement(RootAnchor& root, void* container, const void* operations, void (*drop)(void*))
       : root_(root), container_(container), operations_(operations) {
     std::size_t count = 0;
-    for (LeaseAnchor* lease = root.leases; lease != nullptr; lease = lease->next) {
+    for (LeaseAnchor* lease = root.leases; lease != nullptr; lease = lease->next)
       count += looksAt(*lease) ? 1U : 0U;
-    }
     if (count != 0) {
       owners_.reserve(count + 1);
       retired_ = ::new (allocate(sizeof(RetiredAnchor))) RetiredAnchor(root, drop);
@@ -90,9 +85,8 @@ public:
       freeAnchor(retired_);
     }
     // Last of all, since this may free leases and take them out of the root's list.
-    for (RecordAnchor* owner : owners_) {
+    for (RecordAnchor* owner : owners_)
       release(owner);
-    }
   }
 
   /// Where the former content is to be put; null if nobody looks at it.
@@ -112,12 +106,8 @@ public:
   /// An alternative lies inside its record: once moved, its view and the leases inside it follow.
   void follow(std::size_t size) {
     for (LeaseAnchor* lease = root_.leases; retired_ != nullptr && lease != nullptr; lease = lease->next) {
-      if (!lies(lease->container, container_, size)) {
-        continue;
-      }
-      if (lease->view != nullptr) {
-        setRecord(*lease->view, moved(recordOf(*lease->view)));
-      }
+      if (!lies(lease->container, container_, size)) continue;
+      if (lease->view != nullptr) setRecord(*lease->view, moved(recordOf(*lease->view)));
       lease->container = moved(lease->container);
     }
   }
@@ -147,9 +137,7 @@ LeaseAnchor::LeaseAnchor(RecordAnchor& owner, void* container, const void* opera
       next(owner.root->leases), link(&owner.root->leases) {
   ++owner.holders;
   *link = this;
-  if (next != nullptr) {
-    next->link = &next;
-  }
+  if (next != nullptr) next->link = &next;
 }
 
 void* RootAnchor::record() noexcept { return reinterpret_cast<char*>(this) + recordOffset; }
@@ -163,9 +151,8 @@ LeaseAnchor* createLease(RecordAnchor& owner, void* container, const void* opera
 }
 
 void release(RecordAnchor* anchor) noexcept {
-  while (anchor != nullptr && --anchor->holders == 0) {
+  while (anchor != nullptr && --anchor->holders == 0)
     anchor = destroy(anchor);
-  }
 }
 
 void replaceList(RootAnchor& root, void* list, const ListOperations& operations, const void* const* items,

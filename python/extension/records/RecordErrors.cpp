@@ -52,9 +52,8 @@ std::string_view firstLine(std::string_view doc) { return doc.substr(0, doc.find
 void setConstructorError(const PyTypeObject& type, PyObject* args, PyObject* kwargs) {
   std::string invoked_with;
   bool first = true;
-  for (py::handle argument : py::reinterpret_borrow<py::tuple>(args)) {
+  for (py::handle argument : py::reinterpret_borrow<py::tuple>(args))
     append(invoked_with, argument, first);
-  }
   if (kwargs != nullptr && PyDict_GET_SIZE(kwargs) != 0) {
     invoked_with += first ? "kwargs: " : "; kwargs: ";
     first = true;
@@ -86,9 +85,8 @@ void setArgumentError(const char* doc, PyObject* const* args, Py_ssize_t count, 
   const auto opening = line.find('(');
   std::string invoked_with;
   bool first = true;
-  for (Py_ssize_t i = 0; i < count; ++i) {
+  for (Py_ssize_t i = 0; i < count; ++i)
     append(invoked_with, args[i], first);
-  }
   const Py_ssize_t named = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
   for (Py_ssize_t i = 0; i < named; ++i) {
     invoked_with += i == 0 ? (first ? "kwargs: " : "; kwargs: ") : ", ";

@@ -33,11 +33,10 @@ template <class Function> auto guarded(Function&& function) noexcept -> decltype
     return function();
   } catch (...) {
     translateException();
-    if constexpr (std::is_pointer_v<Result>) {
+    if constexpr (std::is_pointer_v<Result>)
       return nullptr;
-    } else {
+    else
       return -1;
-    }
   }
 }
 

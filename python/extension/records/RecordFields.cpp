@@ -39,9 +39,7 @@ template <class Write> int writeAttribute(PyObject* self, PyObject* value, void*
       setNoDeleterError(field, self);
       return -1;
     }
-    if (write(field)) {
-      return 0;
-    }
+    if (write(field)) return 0;
     setAttributeError(field, self, value);
     return -1;
   });
@@ -78,25 +76,15 @@ bool encodeText(PyObject* value, std::string& text) {
 /// The elements of any sequence but text, held so that nothing can free them; an own sequence class may run
 /// any code while it is asked. Empty if `value` is no sequence.
 std::optional<py::object> elementsOf(PyObject* value) {
-  if (PyList_CheckExact(value)) {
-    return py::reinterpret_steal<py::object>(PyList_AsTuple(value));
-  }
-  if (PyTuple_CheckExact(value)) {
-    return py::reinterpret_borrow<py::object>(value);
-  }
-  if (!PySequence_Check(value) || PyUnicode_Check(value) || PyBytes_Check(value)) {
-    return std::nullopt;
-  }
+  if (PyList_CheckExact(value)) return py::reinterpret_steal<py::object>(PyList_AsTuple(value));
+  if (PyTuple_CheckExact(value)) return py::reinterpret_borrow<py::object>(value);
+  if (!PySequence_Check(value) || PyUnicode_Check(value) || PyBytes_Check(value)) return std::nullopt;
   const Py_ssize_t size = PySequence_Size(value);
-  if (size < 0) {
-    throw py::error_already_set();
-  }
+  if (size < 0) throw py::error_already_set();
   py::tuple elements(size);
   for (Py_ssize_t i = 0; i < size; ++i) {
     PyObject* element = PySequence_GetItem(value, i);
-    if (element == nullptr) {
-      throw py::error_already_set();
-    }
+    if (element == nullptr) throw py::error_already_set();
     PyTuple_SET_ITEM(elements.ptr(), i, element);
   }
   return elements;
@@ -106,16 +94,12 @@ std::optional<py::object> elementsOf(PyObject* value) {
 class BytesView {
 public:
   explicit BytesView(PyObject* value) : good_(PyObject_GetBuffer(value, &buffer_, PyBUF_SIMPLE) == 0) {
-    if (!good_) {
-      PyErr_Clear();
-    }
+    if (!good_) PyErr_Clear();
   }
   BytesView(const BytesView&) = delete;
   BytesView& operator=(const BytesView&) = delete;
   ~BytesView() {
-    if (good_) {
-      PyBuffer_Release(&buffer_);
-    }
+    if (good_) PyBuffer_Release(&buffer_);
   }
 
   bool good() const { return good_; }
@@ -136,9 +120,7 @@ template <class Number> PyObject* readNumber(PyObject* self, void* field) {
 template <class Number> int writeNumber(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
     py::detail::make_caster<Number> number;
-    if (!number.load(value, true)) {
-      return false;
-    }
+    if (!number.load(value, true)) return false;
     *static_cast<Number*>(memberOf(self, field)) = py::detail::cast_op<Number>(number);
     return true;
   });
@@ -177,14 +159,10 @@ PyObject* readList(PyObject* self, void* closure) {
     do {
       size = operations.size(memberOf(self, field));
       result = py::reinterpret_steal<py::object>(PyList_New(static_cast<Py_ssize_t>(size)));
-      if (!result) {
-        throw py::error_already_set();
-      }
+      if (!result) throw py::error_already_set();
       stored = memberOf(self, field);
     } while (operations.size(stored) != size); // a new list may start a garbage collection, which may run any code
-    if (size == 0) {
-      return result.release().ptr();
-    }
+    if (size == 0) return result.release().ptr();
     // One lease for all items. It is held here too, so that it stays when the items run out of memory.
     LeaseAnchor* lease = createLease(*asRecord(self)->anchor, stored, &operations);
     ++lease->holders;
@@ -207,20 +185,14 @@ PyObject* readList(PyObject* self, void* closure) {
 int writeList(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
     const auto elements = elementsOf(value);
-    if (!elements) {
-      return false;
-    }
-    if (!*elements) {
-      throw py::error_already_set();
-    }
+    if (!elements) return false;
+    if (!*elements) throw py::error_already_set();
     const ListOperations& operations = listOperations(field);
     const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(elements->ptr()));
     std::vector<const void*> items(count);
     for (std::size_t i = 0; i < count; ++i) {
       PyObject* element = PyTuple_GET_ITEM(elements->ptr(), static_cast<Py_ssize_t>(i));
-      if (!PyObject_TypeCheck(element, operations.item->python_type)) {
-        return false;
-      }
+      if (!PyObject_TypeCheck(element, operations.item->python_type)) return false;
       items[i] = recordOf(*asRecord(element));
     }
     replaceList(*asRecord(self)->anchor->root, memberOf(self, field), operations, items.data(), count);
@@ -238,13 +210,9 @@ PyObject* readBlob(PyObject* self, void* closure) {
 
 int writeBlob(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    if (PyUnicode_Check(value)) {
-      return false;
-    }
+    if (PyUnicode_Check(value)) return false;
     const BytesView bytes(value);
-    if (!bytes.good()) {
-      return false;
-    }
+    if (!bytes.good()) return false;
     const auto& operations = static_cast<const BlobOperations&>(listOperations(field));
     replaceBytes(*asRecord(self)->anchor->root, memberOf(self, field), operations, bytes.data(), bytes.size());
     return true;

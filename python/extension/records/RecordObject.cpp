@@ -27,9 +27,8 @@ void settle(RecordObject& object, const RecordType& type, void* record, RecordAn
 /// object has room for one record.
 const RecordType& recordTypeOf(PyTypeObject* python_type) {
   const auto& bound = py::detail::all_type_info(python_type);
-  if (bound.size() != 1) {
+  if (bound.size() != 1)
     throw py::type_error("a class cannot derive from a record class and another class of vorlinkit_python");
-  }
   return *static_cast<const RecordType*>(bound.front()->get_buffer_data);
 }
 
@@ -51,16 +50,12 @@ PyObject* newRecord(PyTypeObject* python_type, PyObject*, PyObject*) {
 
 /// The record was made by newRecord; all that is left is to refuse arguments.
 int initRecord(PyObject* self, PyObject* args, PyObject* kwargs) {
-  if (PyTuple_GET_SIZE(args) == 0 && (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0)) {
-    return 0;
-  }
+  if (PyTuple_GET_SIZE(args) == 0 && (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0)) return 0;
   return guarded([&] { return setConstructorError(*typeOf(*asRecord(self)).python_type, args, kwargs), -1; });
 }
 
 PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
-  if (initRecord(self, args, kwargs) != 0) {
-    return nullptr;
-  }
+  if (initRecord(self, args, kwargs) != 0) return nullptr;
   Py_RETURN_NONE;
 }
 
@@ -83,31 +78,24 @@ PyObject* getAttribute(PyObject* self, PyObject* name) {
 /// attribute of the class and hand it on to subclasses, which may have attributes of their own.
 void shortenAttributeAccess(RecordType& type) {
   PyTypeObject& python_type = *type.python_type;
-  while (type.attributes[type.attribute_count].name != nullptr) {
+  while (type.attributes[type.attribute_count].name != nullptr)
     ++type.attribute_count;
-  }
   type.attribute_names = new PyObject*[type.attribute_count]; // as long-lived as the class
-  for (std::size_t i = 0; i < type.attribute_count; ++i) {
+  for (std::size_t i = 0; i < type.attribute_count; ++i)
     type.attribute_names[i] = PyUnicode_InternFromString(type.attributes[i].name);
-  }
-  if (type.attribute_count != 0) {
+  if (type.attribute_count != 0)
     _PyType_Lookup(&python_type, type.attribute_names[0]); // has the interpreter give the class a version
-  }
   type.class_version = python_type.tp_version_tag;
   python_type.tp_getattro = getAttribute;
 }
 
 void deallocateRecord(PyObject* self) {
   RecordObject* object = asRecord(self);
-  if (object->instance.weakrefs != nullptr) {
-    PyObject_ClearWeakRefs(self);
-  }
+  if (object->instance.weakrefs != nullptr) PyObject_ClearWeakRefs(self);
   RecordAnchor* anchor = object->anchor;
   if (anchor->kind == RecordAnchor::Kind::Lease) {
     auto* lease = static_cast<LeaseAnchor*>(anchor);
-    if (lease->view == object) {
-      lease->view = nullptr;
-    }
+    if (lease->view == object) lease->view = nullptr;
   }
   release(anchor);
   PyTypeObject* type = Py_TYPE(self);
@@ -144,9 +132,7 @@ void leaveToAnchor(py::detail::value_and_holder&) {}
 
 PyObject* newView(const RecordType& type, void* record, RecordAnchor& anchor) noexcept {
   auto* object = static_cast<RecordObject*>(PyObject_Malloc(sizeof(RecordObject)));
-  if (object == nullptr) {
-    return PyErr_NoMemory();
-  }
+  if (object == nullptr) return PyErr_NoMemory();
   PyObject* self = PyObject_Init(reinterpret_cast<PyObject*>(object), type.python_type);
   std::memset(reinterpret_cast<char*>(object) + sizeof(PyObject), 0, sizeof(RecordObject) - sizeof(PyObject));
   settle(*object, type, record, anchor);

@@ -104,26 +104,21 @@ template <class Item> void* listData(void* list) { return static_cast<std::vecto
 
 template <class Item> void storeList(void* list, std::vector<Item>&& items, void** former) {
   auto& stored = *static_cast<std::vector<Item>*>(list);
-  if (former != nullptr) {
-    *former = new std::vector<Item>(std::move(stored));
-  }
+  if (former != nullptr) *former = new std::vector<Item>(std::move(stored));
   stored = std::move(items);
 }
 
 template <class Item> void replaceList(void* list, const void* const* items, std::size_t count, void** former) {
   std::vector<Item> copies;
   copies.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
+  for (std::size_t i = 0; i < count; ++i)
     copies.push_back(*static_cast<const Item*>(items[i]));
-  }
   storeList(list, std::move(copies), former);
 }
 
 template <class Item> void replaceBytes(void* list, const void* bytes, std::size_t count, void** former) {
   std::vector<Item> copies(count);
-  if (count != 0) {
-    std::memcpy(copies.data(), bytes, count);
-  }
+  if (count != 0) std::memcpy(copies.data(), bytes, count);
   storeList(list, std::move(copies), former);
 }
 
@@ -159,9 +154,7 @@ template <class Variant> void replaceVariant(void* variant, std::size_t index, c
   auto& stored = *static_cast<Variant*>(variant);
   // Copied first: the source may be a view of the very alternative that is replaced.
   Variant copy = copyAlternative<Variant>(index, alternative, std::make_index_sequence<std::variant_size_v<Variant>>());
-  if (former != nullptr) {
-    *former = new Variant(std::move(stored));
-  }
+  if (former != nullptr) *former = new Variant(std::move(stored));
   stored = std::move(copy);
 }
 
