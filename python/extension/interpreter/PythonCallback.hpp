@@ -43,7 +43,7 @@ public:
 
   /// Any thread, mostly the I/O thread. `makeArguments` runs with the interpreter lock held and returns an
   /// array of objects.
-  template <class MakeArguments> void call(MakeArguments&& makeArguments) const {
+  template <typename MakeArguments> void call(MakeArguments&& makeArguments) const {
     const InterpreterLock lock;
     if (!lock || !callable_) return;
     const auto arguments = makeArguments();

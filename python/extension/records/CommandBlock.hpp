@@ -30,7 +30,7 @@ using DescribeCode = std::string (*)(std::uint16_t code);
 using ListCodes = commands::FieldCodedValues (*)();
 
 /// One function of the module. The documentation begins with its signature, from which its errors are worded.
-template <class Act> struct Function {
+template <typename Act> struct Function {
   const char* name;
   const char* doc;
   RecordType* record; ///< that it takes or makes; null where none is involved
@@ -63,18 +63,18 @@ std::vector<std::span<BlockEntry>> commandBlocks();
 
 // What the generated tables are written with.
 
-template <auto write, class Record> EncodeResult writeRecord(const void* record, commands::PayloadMemory& memory) {
+template <auto write, typename Record> EncodeResult writeRecord(const void* record, commands::PayloadMemory& memory) {
   return write(*static_cast<const Record*>(record), memory);
 }
 
-template <auto decode, class Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
+template <auto decode, typename Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
   std::expected<Record, Error> record = decode(payload);
   if (!record) return std::move(record.error());
   ::new (memory) Record(*std::move(record));
   return {};
 }
 
-template <auto render, class Record> std::string renderRecord(const void* record) {
+template <auto render, typename Record> std::string renderRecord(const void* record) {
   return render(*static_cast<const Record*>(record));
 }
 

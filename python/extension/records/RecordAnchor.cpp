@@ -20,7 +20,7 @@ void* allocate(std::size_t size) {
   return memory;
 }
 
-template <class Anchor> void freeAnchor(Anchor* anchor) noexcept {
+template <typename Anchor> void freeAnchor(Anchor* anchor) noexcept {
   anchor->~Anchor();
   PyObject_Free(anchor);
 }

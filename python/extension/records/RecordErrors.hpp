@@ -27,7 +27,7 @@ void setArgumentError(const char* doc, PyObject* const* args, Py_ssize_t count, 
 void translateException() noexcept;
 
 /// Runs what may throw where only the interpreter can catch: null or -1 with the error set.
-template <class Function> auto guarded(Function&& function) noexcept -> decltype(function()) {
+template <typename Function> auto guarded(Function&& function) noexcept -> decltype(function()) {
   using Result = decltype(function());
   try {
     return function();

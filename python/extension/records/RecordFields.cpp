@@ -32,7 +32,7 @@ const VariantOperations& variantOperations(const Field& field) {
 
 /// The rules of a setter: no deletion, a value that does not convert is a TypeError, nothing is half done.
 /// `write` returns false for a value of the wrong kind.
-template <class Write> int writeAttribute(PyObject* self, PyObject* value, void* closure, Write&& write) noexcept {
+template <typename Write> int writeAttribute(PyObject* self, PyObject* value, void* closure, Write&& write) noexcept {
   return guarded([&] {
     const Field& field = asField(closure);
     if (value == nullptr) {
@@ -113,11 +113,11 @@ private:
 
 } // namespace
 
-template <class Number> PyObject* readNumber(PyObject* self, void* field) {
+template <typename Number> PyObject* readNumber(PyObject* self, void* field) {
   return PyLong_FromUnsignedLongLong(*static_cast<const Number*>(memberOf(self, asField(field))));
 }
 
-template <class Number> int writeNumber(PyObject* self, PyObject* value, void* closure) {
+template <typename Number> int writeNumber(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
     py::detail::make_caster<Number> number;
     if (!number.load(value, true)) return false;

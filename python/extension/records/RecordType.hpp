@@ -83,8 +83,8 @@ struct Field {
 };
 
 // The accessors, one pair per kind of field; the closure is the Field.
-template <class Number> PyObject* readNumber(PyObject* self, void* field);
-template <class Number> int writeNumber(PyObject* self, PyObject* value, void* field);
+template <typename Number> PyObject* readNumber(PyObject* self, void* field);
+template <typename Number> int writeNumber(PyObject* self, PyObject* value, void* field);
 PyObject* readText(PyObject* self, void* field);
 int writeText(PyObject* self, PyObject* value, void* field);
 PyObject* readList(PyObject* self, void* field);
@@ -96,19 +96,19 @@ int writeVariant(PyObject* self, PyObject* value, void* field);
 
 // What the generated tables are written with.
 
-template <class Item> std::size_t listSize(const void* list) {
+template <typename Item> std::size_t listSize(const void* list) {
   return static_cast<const std::vector<Item>*>(list)->size();
 }
 
-template <class Item> void* listData(void* list) { return static_cast<std::vector<Item>*>(list)->data(); }
+template <typename Item> void* listData(void* list) { return static_cast<std::vector<Item>*>(list)->data(); }
 
-template <class Item> void storeList(void* list, std::vector<Item>&& items, void** former) {
+template <typename Item> void storeList(void* list, std::vector<Item>&& items, void** former) {
   auto& stored = *static_cast<std::vector<Item>*>(list);
   if (former != nullptr) *former = new std::vector<Item>(std::move(stored));
   stored = std::move(items);
 }
 
-template <class Item> void replaceList(void* list, const void* const* items, std::size_t count, void** former) {
+template <typename Item> void replaceList(void* list, const void* const* items, std::size_t count, void** former) {
   std::vector<Item> copies;
   copies.reserve(count);
   for (std::size_t i = 0; i < count; ++i)
@@ -116,32 +116,32 @@ template <class Item> void replaceList(void* list, const void* const* items, std
   storeList(list, std::move(copies), former);
 }
 
-template <class Item> void replaceBytes(void* list, const void* bytes, std::size_t count, void** former) {
+template <typename Item> void replaceBytes(void* list, const void* bytes, std::size_t count, void** former) {
   std::vector<Item> copies(count);
   if (count != 0) std::memcpy(copies.data(), bytes, count);
   storeList(list, std::move(copies), former);
 }
 
-template <class Item> void dropList(void* former) { delete static_cast<std::vector<Item>*>(former); }
+template <typename Item> void dropList(void* former) { delete static_cast<std::vector<Item>*>(former); }
 
-template <class Item> constexpr ListOperations listOf(RecordType& item) {
+template <typename Item> constexpr ListOperations listOf(RecordType& item) {
   return {&item, sizeof(Item), listSize<Item>, listData<Item>, replaceList<Item>, dropList<Item>};
 }
 
-template <class Item> constexpr BlobOperations blobOf(RecordType& item) {
+template <typename Item> constexpr BlobOperations blobOf(RecordType& item) {
   static_assert(sizeof(Item) == 1 && std::is_trivially_copyable_v<Item>, "an item is its byte and nothing else");
   return {listOf<Item>(item), replaceBytes<Item>};
 }
 
-template <class Variant> std::size_t variantIndex(const void* variant) {
+template <typename Variant> std::size_t variantIndex(const void* variant) {
   return static_cast<const Variant*>(variant)->index();
 }
 
-template <class Variant> void* activeAlternative(void* variant) {
+template <typename Variant> void* activeAlternative(void* variant) {
   return std::visit([](auto& alternative) -> void* { return &alternative; }, *static_cast<Variant*>(variant));
 }
 
-template <class Variant, std::size_t... Index>
+template <typename Variant, std::size_t... Index>
 Variant copyAlternative(std::size_t index, const void* alternative, std::index_sequence<Index...>) {
   using Copy = Variant (*)(const void*);
   static constexpr Copy copies[] = {[](const void* source) {
@@ -150,7 +150,8 @@ Variant copyAlternative(std::size_t index, const void* alternative, std::index_s
   return copies[index](alternative);
 }
 
-template <class Variant> void replaceVariant(void* variant, std::size_t index, const void* alternative, void** former) {
+template <typename Variant>
+void replaceVariant(void* variant, std::size_t index, const void* alternative, void** former) {
   auto& stored = *static_cast<Variant*>(variant);
   // Copied first: the source may be a view of the very alternative that is replaced.
   Variant copy = copyAlternative<Variant>(index, alternative, std::make_index_sequence<std::variant_size_v<Variant>>());
@@ -158,9 +159,9 @@ template <class Variant> void replaceVariant(void* variant, std::size_t index, c
   stored = std::move(copy);
 }
 
-template <class Variant> void dropVariant(void* former) { delete static_cast<Variant*>(former); }
+template <typename Variant> void dropVariant(void* former) { delete static_cast<Variant*>(former); }
 
-template <class Variant, std::size_t Count>
+template <typename Variant, std::size_t Count>
 constexpr VariantOperations variantOf(RecordType* const (&alternatives)[Count]) {
   static_assert(Count == std::variant_size_v<Variant>);
   return {alternatives,
@@ -173,7 +174,7 @@ constexpr VariantOperations variantOf(RecordType* const (&alternatives)[Count]) 
 }
 
 /// A number or a text.
-template <class Member> constexpr Field field(const char* attribute, std::size_t offset, const char* doc) {
+template <typename Member> constexpr Field field(const char* attribute, std::size_t offset, const char* doc) {
   if constexpr (std::is_same_v<Member, std::string>) {
     return {attribute, doc, readText, writeText, offset};
   } else {
@@ -209,11 +210,11 @@ template <std::size_t Count> constexpr std::array<PyGetSetDef, Count + 1> attrib
 
 constexpr std::array<PyGetSetDef, 1> noAttributes() { return {}; }
 
-template <class Record> void constructRecord(void* memory) { ::new (memory) Record{}; }
+template <typename Record> void constructRecord(void* memory) { ::new (memory) Record{}; }
 
-template <class Record> void destroyRecord(void* record) { std::destroy_at(static_cast<Record*>(record)); }
+template <typename Record> void destroyRecord(void* record) { std::destroy_at(static_cast<Record*>(record)); }
 
-template <class Record> constexpr RecordType record(const char* name, PyGetSetDef* attributes, const char* doc) {
+template <typename Record> constexpr RecordType record(const char* name, PyGetSetDef* attributes, const char* doc) {
   static_assert(alignof(Record) <= alignof(std::max_align_t), "the allocator of the interpreter aligns no further");
   return {name,
           doc,
