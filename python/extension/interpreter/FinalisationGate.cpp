@@ -10,7 +10,7 @@ FinalisationGate& FinalisationGate::instance() {
 std::optional<FinalisationGate::Pass> FinalisationGate::enter() noexcept {
   const auto before = state_.fetch_add(1);
   const Pass pass{generationOf(before)};
-  if ((before & CLOSED) == 0) return pass;
+  if ((before & closedBit) == 0) return pass;
   leave(pass);
   return std::nullopt;
 }
@@ -18,20 +18,20 @@ std::optional<FinalisationGate::Pass> FinalisationGate::enter() noexcept {
 void FinalisationGate::leave(Pass pass) noexcept {
   if (!current(pass)) return;
   const auto after = state_.fetch_sub(1) - 1;
-  if ((after & CLOSED) == 0 || (after & COUNT_MASK) != 0) return;
+  if ((after & closedBit) == 0 || (after & countMask) != 0) return;
   const std::lock_guard lock(emptyLock_);
   empty_.notify_all();
 }
 
 bool FinalisationGate::awaitEmpty(std::chrono::milliseconds limit) {
   std::unique_lock lock(emptyLock_);
-  return empty_.wait_for(lock, limit, [this] { return (state_.load() & COUNT_MASK) == 0; });
+  return empty_.wait_for(lock, limit, [this] { return (state_.load() & countMask) == 0; });
 }
 
 void FinalisationGate::startGeneration() noexcept {
   const auto state = state_.load();
-  const std::uint64_t generation = (generationOf(state) + 1) & GENERATION_MASK;
-  state_.store((state & CLOSED) | (generation << 32));
+  const std::uint64_t generation = (generationOf(state) + 1) & generationMask;
+  state_.store((state & closedBit) | (generation << 32));
 }
 
 } // namespace vorlinkit::python

@@ -31,14 +31,14 @@ public:
   std::optional<Pass> enter() noexcept;
   void leave(Pass pass) noexcept;
 
-  bool closed() const noexcept { return (state_.load(std::memory_order_acquire) & CLOSED) != 0; }
+  bool closed() const noexcept { return (state_.load(std::memory_order_acquire) & closedBit) != 0; }
   /// Counts the forks that led to this process.
   std::uint32_t generation() const noexcept { return generationOf(state_.load(std::memory_order_acquire)); }
   /// Whether the process is still the one in which the pass was given.
   bool current(Pass pass) const noexcept { return generation() == pass.generation; }
 
   /// Shuts the gate for ever. Called with the interpreter lock held.
-  void close() noexcept { state_.fetch_or(CLOSED); }
+  void close() noexcept { state_.fetch_or(closedBit); }
   /// After close(): waits, without the interpreter lock, until everyone has left; false if they have not.
   bool awaitEmpty(std::chrono::milliseconds limit);
   /// In the child of a fork: forgets the threads that only the parent has.
@@ -46,11 +46,11 @@ public:
 
 private:
   // One word: closed flag, generation, number of passes out.
-  static constexpr std::uint64_t CLOSED = std::uint64_t{1} << 63;
-  static constexpr std::uint64_t COUNT_MASK = 0xFFFF'FFFF;
-  static constexpr std::uint32_t GENERATION_MASK = 0x7FFF'FFFF;
+  static constexpr std::uint64_t closedBit = std::uint64_t{1} << 63;
+  static constexpr std::uint64_t countMask = 0xFFFF'FFFF;
+  static constexpr std::uint32_t generationMask = 0x7FFF'FFFF;
   static std::uint32_t generationOf(std::uint64_t state) noexcept {
-    return static_cast<std::uint32_t>(state >> 32) & GENERATION_MASK;
+    return static_cast<std::uint32_t>(state >> 32) & generationMask;
   }
 
   std::atomic<std::uint64_t> state_{0};

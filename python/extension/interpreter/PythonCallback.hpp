@@ -10,7 +10,7 @@
 
 namespace vorlinkit::python {
 
-/// Writes "Exception in Python WHERE callback: ", the exception's text and an end of line to sys.stderr,
+/// Writes "Exception in Python NAME callback: ", the exception's text and an end of line to sys.stderr,
 /// or to the process's standard error where the interpreter has none. Interpreter lock held.
 void reportCallbackException(std::string_view where, const pybind11::error_already_set& error) noexcept;
 

@@ -8,7 +8,7 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr auto CONFIG_DOC = R"(Everything that can be set about a session.
+constexpr auto configDoc = R"(Everything that can be set about a session.
 
 A session copies it when it is made; later changes have no effect on that session. Values are not checked
 here: a host that cannot be found shows up in the result of `connect`.)";
@@ -50,7 +50,7 @@ void writeAccessKeys(SessionConfig& config, const py::tuple& keys) {
 } // namespace
 
 void registerConfig(py::module_& module) {
-  py::class_<SessionConfig> config(module, "SessionConfig", CONFIG_DOC);
+  py::class_<SessionConfig> config(module, "SessionConfig", configDoc);
   config.def(py::init<>(), "A configuration with the defaults.");
   config.def_property(
       "host", [](const SessionConfig& given) { return given.host; }, &writeHost,

@@ -10,7 +10,7 @@ namespace vorlinkit::python {
 /// The member objects of a bound enumeration whose values count up from 0, so that a callback is given
 /// the member itself (`direction is FrameDirection.Rx`) at the cost of a reference. Filled while the
 /// module is imported, kept for the life of the process.
-template <typename Enum, std::size_t COUNT> class EnumMembers {
+template <typename Enum, std::size_t Count> class EnumMembers {
 public:
   static void fill(const pybind11::object& enumeration) {
     for (const auto& member : enumeration.attr("__members__").attr("values")())
@@ -22,7 +22,7 @@ public:
   }
 
 private:
-  static inline std::array<pybind11::handle, COUNT> members_;
+  static inline std::array<pybind11::handle, Count> members_;
 };
 
 } // namespace vorlinkit::python

@@ -7,9 +7,9 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr auto LOG_LEVEL_DOC = "Importance of a log record, ascending. `off` as a threshold silences everything.";
+constexpr auto logLevelDoc = "Importance of a log record, ascending. `off` as a threshold silences everything.";
 
-constexpr auto LOGGER_DOC = R"(Receives the log records of a session.
+constexpr auto loggerDoc = R"(Receives the log records of a session.
 
 Derive from it and define a method
 
@@ -26,7 +26,7 @@ Python object alive.)";
 } // namespace
 
 void registerLogger(py::module_& module) {
-  const auto levels = py::enum_<LogLevel>(module, "LogLevel", LOG_LEVEL_DOC)
+  const auto levels = py::enum_<LogLevel>(module, "LogLevel", logLevelDoc)
                           .value("trace", LogLevel::trace, "every step")
                           .value("debug", LogLevel::debug, "for debugging")
                           .value("info", LogLevel::info, "connecting and connected")
@@ -37,7 +37,7 @@ void registerLogger(py::module_& module) {
                           .export_values();
   LogLevels::fill(levels);
 
-  py::class_<IVorlinLogger, PyVorlinLogger, std::shared_ptr<IVorlinLogger>>(module, "IVorlinLogger", LOGGER_DOC)
+  py::class_<IVorlinLogger, PyVorlinLogger, std::shared_ptr<IVorlinLogger>>(module, "IVorlinLogger", loggerDoc)
       .def(py::init<>())
       .def("set_log_level", &IVorlinLogger::set_log_level, py::arg("level"),
            "Set the threshold: records below `level` are not passed to `log`. Any thread, at any time.")

@@ -13,7 +13,7 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr std::string_view NOT_AWAITABLE =
+constexpr std::string_view notAwaitable =
     "The session can no longer be used: the interpreter is exiting, or the session was made before a fork";
 
 std::string fromCallback(const char* method) {
@@ -84,10 +84,10 @@ VorlinSession* PySession::usableCore() const noexcept {
 
 py::tuple PySession::connect() {
   auto* const core = usableCore();
-  if (!core) return connectFailed(NOT_AWAITABLE);
+  if (!core) return connectFailed(notAwaitable);
   if (core->is_io_thread()) return connectFailed(fromCallback("connect"));
   const auto result = awaitOutcome([core] { return core->connect(); });
-  if (!result) return connectFailed(NOT_AWAITABLE);
+  if (!result) return connectFailed(notAwaitable);
   if (!*result) return connectFailed(result->error().message);
   return py::make_tuple(true, "");
 }
@@ -111,12 +111,12 @@ std::uint8_t PySession::clientId() const noexcept {
 
 py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes>& payload) {
   auto* const core = usableCore();
-  if (!core) return sendFailed(NOT_AWAITABLE);
+  if (!core) return sendFailed(notAwaitable);
   if (core->is_io_thread()) return sendFailed(fromCallback("send"));
   // The bytes object cannot change and is held by the caller; the core copies it before it returns.
   const auto view = payload ? viewOf(*payload) : std::span<const std::byte>{};
   const auto result = awaitOutcome([&] { return core->send(commandId, view); });
-  if (!result) return sendFailed(NOT_AWAITABLE);
+  if (!result) return sendFailed(notAwaitable);
   if (!*result) return sendFailed(result->error().message);
   return py::make_tuple(bytesOf((*result)->payload), "");
 }

@@ -10,7 +10,7 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr std::string_view WHERE = "IVorlinLogger.log";
+constexpr std::string_view callbackName = "IVorlinLogger.log";
 
 std::string formatted(std::string_view format, format_args args) {
   try {
@@ -31,7 +31,7 @@ void PyVorlinLogger::log(LogLevel level, const std::source_location& location, s
   try {
     callOverride(level, file, location.line(), message);
   } catch (const py::error_already_set& error) {
-    reportCallbackException(WHERE, error);
+    reportCallbackException(callbackName, error);
   }
 }
 
@@ -51,7 +51,7 @@ void PyVorlinLogger::callOverride(LogLevel level, const std::string& file, std::
   }
   const std::array<py::object, 4> arguments{LogLevels::of(level), decodeCoreText(file), py::int_(line),
                                             decodeCoreText(message)};
-  callReported(WHERE, method, arguments.data(), arguments.size());
+  callReported(callbackName, method, arguments.data(), arguments.size());
 }
 
 } // namespace vorlinkit::python

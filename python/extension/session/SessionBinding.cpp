@@ -9,7 +9,7 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr auto SESSION_DOC = R"(A session with a machine's control server: one connection, one I/O thread.
+constexpr auto sessionDoc = R"(A session with a machine's control server: one connection, one I/O thread.
 
 Any thread may call it; calls that wait let other Python threads run. Nothing here raises for what goes
 wrong on the line: `connect` and `send` return a pair of a value and an error text, which is empty on
@@ -20,27 +20,27 @@ written to sys.stderr, and the session goes on.
 Dropping the last reference closes the connection. A session that is still open when the interpreter
 exits is closed by it. After a fork, the child cannot use the session; make a new one there.)";
 
-constexpr auto INIT_DOC = R"(Make a session; it does not connect yet.
+constexpr auto initDoc = R"(Make a session; it does not connect yet.
 
 `config` is copied. `logger` receives the session's log records for as long as you keep a reference to it.
 RuntimeError if the I/O thread cannot be started.)";
 
-constexpr auto CONNECT_DOC = R"(Connect to the machine and wait for the outcome.
+constexpr auto connectDoc = R"(Connect to the machine and wait for the outcome.
 
 Returns (True, "") or (False, error text) within `connection_timeout`. A connection, or an attempt, that is
 under way is given up first. With `auto_reconnect`, a failed attempt is repeated in the background.
 Ctrl-C ends the wait.)";
 
-constexpr auto DISCONNECT_DOC = R"(Close the connection, end re-connecting, and wait until both are done.
+constexpr auto disconnectDoc = R"(Close the connection, end re-connecting, and wait until both are done.
 
 Requests that wait fail. From a callback it only starts the close.)";
 
-constexpr auto STATE_DOC = R"(Have `callback(connected: bool, reason: str)` called on every change of the connection.
+constexpr auto stateDoc = R"(Have `callback(connected: bool, reason: str)` called on every change of the connection.
 
 `reason` is empty when connected, and says why when not. Runs on the I/O thread. Replaces an earlier
 callback. TypeError if `callback` cannot be called.)";
 
-constexpr auto SEND_DOC = R"(Send a request and wait for its response.
+constexpr auto sendDoc = R"(Send a request and wait for its response.
 
 `commandId` is the command's number, 0 to 65535; `payload` the encoded request, as bytes, or None for a
 command without one. TypeError for anything else, before anything is sent.
@@ -53,13 +53,13 @@ strictly one at a time, in order. Ctrl-C ends the wait; the request may have rea
 A late answer after a time-out is taken by the next request of the same command: the protocol numbers
 commands, not requests.)";
 
-constexpr auto NOTIFICATION_DOC = R"(Have `callback(payload: bytes)` called for every notification of one command.
+constexpr auto notificationDoc = R"(Have `callback(payload: bytes)` called for every notification of one command.
 
 `payload` is what follows the message header. Runs on the I/O thread. Replaces an earlier callback for the
 same `commandId` (0 to 65535). Notifications without a callback are dropped. TypeError if `callback` cannot
 be called.)";
 
-constexpr auto FRAME_DOC =
+constexpr auto frameDoc =
     R"(Have `callback(direction: FrameDirection, frame: bytes)` called for every frame sent and received.
 
 `frame` is the whole frame, header included: before it is written (`Tx`), or as soon as it is complete, not
@@ -104,20 +104,20 @@ void takePartInGarbageCollection(PyHeapTypeObject* heapType) {
 } // namespace
 
 void registerSession(py::module_& module) {
-  py::class_<PySession, std::shared_ptr<PySession>>(module, "VorlinSession", SESSION_DOC,
+  py::class_<PySession, std::shared_ptr<PySession>>(module, "VorlinSession", sessionDoc,
                                                     py::custom_type_setup(&takePartInGarbageCollection))
       .def(py::init<const SessionConfig&, std::shared_ptr<IVorlinLogger>>(), py::arg("config"),
-           py::arg("logger") = py::none(), INIT_DOC)
-      .def("connect", &PySession::connect, CONNECT_DOC)
-      .def("disconnect", &PySession::disconnect, DISCONNECT_DOC)
+           py::arg("logger") = py::none(), initDoc)
+      .def("connect", &PySession::connect, connectDoc)
+      .def("disconnect", &PySession::disconnect, disconnectDoc)
       .def("is_connected", &PySession::isConnected, "Whether the connection is up.")
       .def("client_id", &PySession::clientId,
            "The id the machine gave this connection, 1 to 255, learned from the response to command 1; 0 while "
            "unknown and after a connection loss.")
-      .def("on_connection_state_changed", &PySession::onConnectionStateChanged, py::arg("callback"), STATE_DOC)
-      .def("send", &PySession::send, py::arg("commandId"), py::arg("payload") = py::none(), SEND_DOC)
-      .def("on_notification", &PySession::onNotification, py::arg("commandId"), py::arg("callback"), NOTIFICATION_DOC)
-      .def("on_frame", &PySession::onFrame, py::arg("callback"), FRAME_DOC);
+      .def("on_connection_state_changed", &PySession::onConnectionStateChanged, py::arg("callback"), stateDoc)
+      .def("send", &PySession::send, py::arg("commandId"), py::arg("payload") = py::none(), sendDoc)
+      .def("on_notification", &PySession::onNotification, py::arg("commandId"), py::arg("callback"), notificationDoc)
+      .def("on_frame", &PySession::onFrame, py::arg("callback"), frameDoc);
   sessionType = py::detail::get_type_info(typeid(PySession));
 }
 
