@@ -108,9 +108,10 @@ def record_table(command: Command, message: Message, record: Record) -> str:
     fields = f"constexpr Field {name}_fields[] = {{\n{rows}}};\n" if rows else ""
     attributes = f"attributesOf({name}_fields)" if rows else "noAttributes()"
     about = literal(record_doc(command, message, record))
+    shown = literal(f"{MODULE}.{name}")
     return (
         f"{operations}{fields}constinit auto {name}_attributes = {attributes};\n"
-        f"constinit RecordType {name} = record<c::{name}>({literal(name)}, {name}_attributes.data(),\n    {about});\n"
+        f"constinit RecordType {name} = record<c::{name}>({shown}, {name}_attributes.data(),\n    {about});\n"
     )
 
 

@@ -1,10 +1,12 @@
 #include "records/CommandBlock.hpp"
 
 #include "bindings.hpp"
+#include "records/Conversions.hpp"
 #include "records/RecordErrors.hpp"
 #include "records/RecordObject.hpp"
 
 #include <cstring>
+#include <limits>
 #include <memory>
 
 namespace py = pybind11;
@@ -27,11 +29,11 @@ std::string argumentName(const char* doc) {
   return {opening, std::strchr(opening, ':')};
 }
 
-PyObject* onlyArgument(const char* doc_of_function, const Arguments arguments, Py_ssize_t count, PyObject* names,
+PyObject* onlyArgument(const char* docOfFunction, const Arguments arguments, Py_ssize_t count, PyObject* names,
                        PyTypeObject* type) {
   PyObject* argument = names == nullptr && count == 1
                            ? arguments[0]
-                           : onlyArgument(argumentName(doc_of_function).c_str(), arguments, count, names);
+                           : onlyArgument(argumentName(docOfFunction).c_str(), arguments, count, names);
   return argument != nullptr && (type == nullptr || PyObject_TypeCheck(argument, type)) ? argument : nullptr;
 }
 
@@ -68,10 +70,10 @@ private:
 
 PyObject* callEncode(const Function<Encode>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
-    PyObject* request = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
+    PyObject* request = onlyArgument(function.doc, arguments, count, names, function.record->pythonType);
     if (request == nullptr) return refuse(function.doc, arguments, count, names);
     BytesMemory payload;
-    const EncodeResult encoded = function.act(recordOf(*asRecord(request)), payload);
+    const EncodeResult encoded = function.act(asRecord(request)->record, payload);
     if (!encoded) return fail("Encode failed: ", encoded.error());
     return payload.release();
   });
@@ -99,9 +101,9 @@ PyObject* callDecode(const Function<Decode>& function, Arguments arguments, Py_s
 
 PyObject* callRender(const Function<Render>& function, Arguments arguments, Py_ssize_t count, PyObject* names) {
   return guarded([&]() -> PyObject* {
-    PyObject* record = onlyArgument(function.doc, arguments, count, names, function.record->python_type);
+    PyObject* record = onlyArgument(function.doc, arguments, count, names, function.record->pythonType);
     if (record == nullptr) return refuse(function.doc, arguments, count, names);
-    return toText(function.act(recordOf(*asRecord(record))));
+    return toText(function.act(asRecord(record)->record));
   });
 }
 
@@ -109,9 +111,10 @@ PyObject* callDescribeCode(const Function<DescribeCode>& function, Arguments arg
                            PyObject* names) {
   return guarded([&]() -> PyObject* {
     PyObject* argument = onlyArgument(function.doc, arguments, count, names, nullptr);
-    py::detail::make_caster<std::uint16_t> code;
-    if (argument == nullptr || !code.load(argument, true)) return refuse(function.doc, arguments, count, names);
-    return toText(function.act(py::detail::cast_op<std::uint16_t>(code)));
+    const auto code =
+        argument == nullptr ? std::nullopt : numberFrom(argument, std::numeric_limits<std::uint16_t>::max());
+    if (!code) return refuse(function.doc, arguments, count, names);
+    return toText(function.act(static_cast<std::uint16_t>(*code)));
   });
 }
 
@@ -125,11 +128,11 @@ PyObject* callListCodes(const Function<ListCodes>& function, Arguments arguments
 
 namespace {
 
-py::object makeFunction(BlockEntry& entry, py::handle module, py::handle module_name) {
+py::object makeFunction(BlockEntry& entry, py::handle module, py::handle moduleName) {
   const auto call = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(entry.function));
   entry.definition = {entry.name, call, METH_FASTCALL | METH_KEYWORDS, entry.doc};
   auto function =
-      py::reinterpret_steal<py::object>(PyCFunction_NewEx(&entry.definition, module.ptr(), module_name.ptr()));
+      py::reinterpret_steal<py::object>(PyCFunction_NewEx(&entry.definition, module.ptr(), moduleName.ptr()));
   if (!function) throw py::error_already_set();
   return function;
 }
@@ -137,13 +140,13 @@ py::object makeFunction(BlockEntry& entry, py::handle module, py::handle module_
 } // namespace
 
 void registerCommandBlocks(py::module_& module) {
-  const auto module_name = py::object(module.attr("__name__"));
+  const auto moduleName = py::object(module.attr("__name__"));
   for (const std::span<BlockEntry> family : commandBlocks()) {
     for (BlockEntry& entry : family)
       if (entry.record != nullptr)
         registerRecord(module, *entry.record);
       else if (entry.function != nullptr)
-        py::setattr(module, entry.name, makeFunction(entry, module, module_name));
+        py::setattr(module, entry.name, makeFunction(entry, module, moduleName));
       else
         py::setattr(module, entry.name, py::int_(entry.number));
   }

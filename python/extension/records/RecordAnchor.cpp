@@ -15,7 +15,7 @@ constexpr std::size_t recordOffset =
     (sizeof(RootAnchor) + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) * alignof(std::max_align_t);
 
 void* allocate(std::size_t size) {
-  void* memory = PyObject_Malloc(size);
+  void* const memory = PyObject_Malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
@@ -25,32 +25,32 @@ template <typename Anchor> void freeAnchor(Anchor* anchor) noexcept {
   PyObject_Free(anchor);
 }
 
-void unlink(LeaseAnchor& lease) noexcept {
-  *lease.link = lease.next;
-  if (lease.next != nullptr) lease.next->link = lease.link;
+void unlink(ViewAnchor& view) noexcept {
+  *view.link = view.next;
+  if (view.next != nullptr) view.next->link = view.link;
 }
 
 /// Frees an anchor without holders; returns the owner that it held.
 RecordAnchor* destroy(RecordAnchor* anchor) noexcept {
   switch (anchor->kind) {
   case RecordAnchor::Kind::Root: {
-    auto* root = static_cast<RootAnchor*>(anchor);
+    auto* const root = static_cast<RootAnchor*>(anchor);
     root->type.destroy(root->record());
     freeAnchor(root);
     return nullptr;
   }
-  case RecordAnchor::Kind::Lease: {
-    auto* lease = static_cast<LeaseAnchor*>(anchor);
-    RecordAnchor* owner = lease->owner;
-    unlink(*lease);
-    freeAnchor(lease);
+  case RecordAnchor::Kind::View: {
+    auto* const view = static_cast<ViewAnchor*>(anchor);
+    RecordAnchor* const owner = view->owner;
+    unlink(*view);
+    freeAnchor(view);
     return owner;
   }
-  case RecordAnchor::Kind::Retired: {
-    auto* retired = static_cast<RetiredAnchor*>(anchor);
-    RecordAnchor* root = retired->root;
-    retired->drop(retired->content);
-    freeAnchor(retired);
+  case RecordAnchor::Kind::Former: {
+    auto* const former = static_cast<FormerAnchor*>(anchor);
+    RecordAnchor* const root = former->root;
+    former->drop(former->content);
+    freeAnchor(former);
     return root;
   }
   }
@@ -62,79 +62,78 @@ bool lies(const void* address, const void* begin, std::size_t size) {
   return offset < size;
 }
 
-/// Makes room for what a container holds now, for the leases that look at it. Nothing has changed yet when
-/// this throws.
-class Retirement {
+/// A place for what a container holds now, if anyone looks at it. Nothing has changed yet when this throws.
+class FormerContent {
 public:
-  Retirement(RootAnchor& root, void* container, const void* operations, void (*drop)(void*))
+  FormerContent(RootAnchor& root, void* container, const void* operations, void (*drop)(void*))
       : root_(root), container_(container), operations_(operations) {
     std::size_t count = 0;
-    for (LeaseAnchor* lease = root.leases; lease != nullptr; lease = lease->next)
-      count += looksAt(*lease) ? 1U : 0U;
-    if (count != 0) {
-      owners_.reserve(count + 1);
-      retired_ = ::new (allocate(sizeof(RetiredAnchor))) RetiredAnchor(root, drop);
-    }
+    for (const ViewAnchor* view = root.views; view != nullptr; view = view->next)
+      count += looksAt(*view) ? 1U : 0U;
+    if (count == 0) return;
+    owners_.reserve(count + 1);
+    anchor_ = ::new (allocate(sizeof(FormerAnchor))) FormerAnchor(root, drop);
   }
-  Retirement(const Retirement&) = delete;
-  Retirement& operator=(const Retirement&) = delete;
+  FormerContent(const FormerContent&) = delete;
+  FormerContent& operator=(const FormerContent&) = delete;
 
-  ~Retirement() {
-    if (retired_ != nullptr && retired_->holders == 0) { // the copying failed
+  ~FormerContent() {
+    if (anchor_ != nullptr && anchor_->holders == 0) { // the copying failed
       --root_.holders;
-      freeAnchor(retired_);
+      freeAnchor(anchor_);
     }
-    // Last of all, since this may free leases and take them out of the root's list.
-    for (RecordAnchor* owner : owners_)
+    // Last of all, since this may free view anchors and take them out of the root's list.
+    for (RecordAnchor* const owner : owners_)
       release(owner);
   }
 
   /// Where the former content is to be put; null if nobody looks at it.
-  void** former() { return retired_ == nullptr ? nullptr : &retired_->content; }
+  void** place() { return anchor_ == nullptr ? nullptr : &anchor_->content; }
 
   /// The former content now belongs to its views.
   void handOver() {
-    for (LeaseAnchor* lease = root_.leases; retired_ != nullptr && lease != nullptr; lease = lease->next) {
-      if (looksAt(*lease)) {
-        owners_.push_back(std::exchange(lease->owner, retired_));
-        ++retired_->holders;
-        lease->container = nullptr;
-      }
+    if (anchor_ == nullptr) return;
+    for (ViewAnchor* view = root_.views; view != nullptr; view = view->next) {
+      if (!looksAt(*view)) continue;
+      owners_.push_back(std::exchange(view->owner, anchor_));
+      ++anchor_->holders;
+      view->container = nullptr;
     }
   }
 
-  /// An alternative lies inside its record: once moved, its view and the leases inside it follow.
+  /// An alternative lies inside its record: once moved, its view and the view anchors inside it follow.
   void follow(std::size_t size) {
-    for (LeaseAnchor* lease = root_.leases; retired_ != nullptr && lease != nullptr; lease = lease->next) {
-      if (!lies(lease->container, container_, size)) continue;
-      if (lease->view != nullptr) setRecord(*lease->view, moved(recordOf(*lease->view)));
-      lease->container = moved(lease->container);
+    if (anchor_ == nullptr) return;
+    for (ViewAnchor* view = root_.views; view != nullptr; view = view->next) {
+      if (!lies(view->container, container_, size)) continue;
+      if (view->onlyView != nullptr) view->onlyView->record = moved(view->onlyView->record);
+      view->container = moved(view->container);
     }
   }
 
 private:
-  bool looksAt(const LeaseAnchor& lease) const {
-    return lease.operations == operations_ &&
-           (lease.container == container_ || (retired_ != nullptr && lease.container == retired_->content));
+  bool looksAt(const ViewAnchor& view) const {
+    return view.operations == operations_ &&
+           (view.container == container_ || (anchor_ != nullptr && view.container == anchor_->content));
   }
 
   void* moved(const void* address) const {
     const auto offset = static_cast<const char*>(address) - static_cast<const char*>(container_);
-    return static_cast<char*>(retired_->content) + offset;
+    return static_cast<char*>(anchor_->content) + offset;
   }
 
   RootAnchor& root_;
   void* container_;
   const void* operations_;
-  RetiredAnchor* retired_ = nullptr;
+  FormerAnchor* anchor_ = nullptr;
   std::vector<RecordAnchor*> owners_;
 };
 
 } // namespace
 
-LeaseAnchor::LeaseAnchor(RecordAnchor& owner, void* container, const void* operations)
-    : RecordAnchor(Kind::Lease, *owner.root), owner(&owner), container(container), operations(operations),
-      next(owner.root->leases), link(&owner.root->leases) {
+ViewAnchor::ViewAnchor(RecordAnchor& owner, void* container, const void* operations)
+    : RecordAnchor(Kind::View, *owner.root), owner(&owner), container(container), operations(operations),
+      next(owner.root->views), link(&owner.root->views) {
   ++owner.holders;
   *link = this;
   if (next != nullptr) next->link = &next;
@@ -146,8 +145,8 @@ RootAnchor* allocateRoot(const RecordType& type) { return ::new (allocate(record
 
 void discardRoot(RootAnchor* root) noexcept { freeAnchor(root); }
 
-LeaseAnchor* createLease(RecordAnchor& owner, void* container, const void* operations) {
-  return ::new (allocate(sizeof(LeaseAnchor))) LeaseAnchor(owner, container, operations);
+ViewAnchor* createViewAnchor(RecordAnchor& owner, void* container, const void* operations) {
+  return ::new (allocate(sizeof(ViewAnchor))) ViewAnchor(owner, container, operations);
 }
 
 void release(RecordAnchor* anchor) noexcept {
@@ -157,25 +156,25 @@ void release(RecordAnchor* anchor) noexcept {
 
 void replaceList(RootAnchor& root, void* list, const ListOperations& operations, const void* const* items,
                  std::size_t count) {
-  Retirement retirement(root, list, &operations, operations.drop);
-  operations.replace(list, items, count, retirement.former());
-  retirement.handOver();
+  FormerContent former(root, list, &operations, operations.drop);
+  operations.replace(list, items, count, former.place());
+  former.handOver();
 }
 
 void replaceBytes(RootAnchor& root, void* list, const BlobOperations& operations, const void* bytes,
                   std::size_t count) {
-  const ListOperations& list_operations = operations; // what the leases of the list were made with
-  Retirement retirement(root, list, &list_operations, operations.drop);
-  operations.replace_bytes(list, bytes, count, retirement.former());
-  retirement.handOver();
+  const ListOperations& listOperations = operations; // what the view anchors of the list were made with
+  FormerContent former(root, list, &listOperations, operations.drop);
+  operations.replaceBytes(list, bytes, count, former.place());
+  former.handOver();
 }
 
 void replaceVariant(RootAnchor& root, void* variant, const VariantOperations& operations, std::size_t index,
                     const void* alternative) {
-  Retirement retirement(root, variant, &operations, operations.drop);
-  operations.replace(variant, index, alternative, retirement.former());
-  retirement.follow(operations.size);
-  retirement.handOver();
+  FormerContent former(root, variant, &operations, operations.drop);
+  operations.replace(variant, index, alternative, former.place());
+  former.follow(operations.size);
+  former.handOver();
 }
 
 } // namespace vorlinkit::python

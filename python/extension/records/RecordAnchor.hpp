@@ -11,16 +11,16 @@ struct RecordObject;
 struct RootAnchor;
 
 /// Counted ownership of the memory that views point into. Every record object of Python holds one anchor:
-/// the root anchor of a record that was made or decoded, or the lease of the list or variant that it was read
-/// from. Anchors point only at their owners and never at Python objects, so no reference cycle can form.
+/// the root anchor of a record that was made or decoded, or the view anchor of the list or variant that it was
+/// read from. Anchors point only at their owners and never at Python objects, so no reference cycle can form.
 ///
 /// Writing a list or a variant that someone still looks at would pull the memory away from under the views.
-/// The root knows all leases of its record, so the writer finds those of the container it replaces, and
+/// The root knows all view anchors of its record, so the writer finds those of the container it replaces, and
 /// hands the former content to them: it lives as long as the last of these views, and not longer.
 ///
 /// Used under the interpreter lock only.
 struct RecordAnchor {
-  enum class Kind : unsigned char { Root, Lease, Retired };
+  enum class Kind : unsigned char { Root, View, Former };
 
   RecordAnchor(Kind kind, RootAnchor& root) : root(&root), kind(kind) {}
 
@@ -29,16 +29,16 @@ struct RecordAnchor {
   const Kind kind;
 };
 
-/// Reading access to one list or variant; held by the views that came out of one reading of the attribute.
-struct LeaseAnchor : RecordAnchor {
-  LeaseAnchor(RecordAnchor& owner, void* container, const void* operations);
+/// Held by the views that came out of one reading of a list or a variant.
+struct ViewAnchor : RecordAnchor {
+  ViewAnchor(RecordAnchor& owner, void* container, const void* operations);
 
-  RecordAnchor* owner;          ///< of the memory that `container` lies in, or of the former content
-  void* container;              ///< null once the container has been written and the views keep its former content
-  const void* operations;       ///< tells containers apart that begin at the same address
-  RecordObject* view = nullptr; ///< of a variant: its one view, whose address follows the alternative
-  LeaseAnchor* next;
-  LeaseAnchor** link; ///< what points here in the list of the root
+  RecordAnchor* owner;              ///< of the memory that `container` lies in, or of the former content
+  void* container;                  ///< null once the container has been written and the views keep its former content
+  const void* operations;           ///< tells containers apart that begin at the same address
+  RecordObject* onlyView = nullptr; ///< of a variant: its address follows the alternative
+  ViewAnchor* next;
+  ViewAnchor** link; ///< what points here in the list of the root
 };
 
 /// Owns one whole record, which lies right behind it.
@@ -48,14 +48,12 @@ struct RootAnchor : RecordAnchor {
   void* record() noexcept;
 
   const RecordType& type;
-  LeaseAnchor* leases = nullptr;
+  ViewAnchor* views = nullptr;
 };
 
 /// Owns what a list or variant held before it was written.
-struct RetiredAnchor : RecordAnchor {
-  RetiredAnchor(RootAnchor& root, void (*drop)(void*)) : RecordAnchor(Kind::Retired, root), drop(drop) {
-    ++root.holders;
-  }
+struct FormerAnchor : RecordAnchor {
+  FormerAnchor(RootAnchor& root, void (*drop)(void*)) : RecordAnchor(Kind::Former, root), drop(drop) { ++root.holders; }
 
   void* content = nullptr;
   void (*const drop)(void*);
@@ -67,8 +65,8 @@ RootAnchor* allocateRoot(const RecordType& type);
 /// Gives back a root whose record has not been constructed.
 void discardRoot(RootAnchor* root) noexcept;
 
-/// A lease with no holders yet. Throws std::bad_alloc.
-LeaseAnchor* createLease(RecordAnchor& owner, void* container, const void* operations);
+/// A view anchor with no holders yet. Throws std::bad_alloc.
+ViewAnchor* createViewAnchor(RecordAnchor& owner, void* container, const void* operations);
 
 /// Takes one holder away, and frees what nobody holds any more.
 void release(RecordAnchor* anchor) noexcept;

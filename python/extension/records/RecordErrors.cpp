@@ -11,15 +11,16 @@ namespace vorlinkit::python {
 
 namespace {
 
-std::string describe(py::handle value) {
-  try {
-    return py::repr(value).cast<std::string>();
-  } catch (py::error_already_set&) {
-    return "<repr raised Error>";
-  } catch (py::cast_error&) { // a text that is not UTF-8
-    return "<repr raised Error>";
-  }
+/// A text that is not UTF-8, or that its class could not make, is told as the binding library tells it.
+std::string textOf(const py::object& text) {
+  Py_ssize_t size = 0;
+  const char* const utf8 = text ? PyUnicode_AsUTF8AndSize(text.ptr(), &size) : nullptr;
+  if (utf8 != nullptr) return {utf8, static_cast<std::size_t>(size)};
+  PyErr_Clear();
+  return "<repr raised Error>";
 }
+
+std::string describe(py::handle value) { return textOf(py::reinterpret_steal<py::object>(PyObject_Repr(value.ptr()))); }
 
 void append(std::string& text, py::handle value, bool& first) {
   text += first ? "" : ", ";
@@ -27,14 +28,14 @@ void append(std::string& text, py::handle value, bool& first) {
   first = false;
 }
 
-void setError(std::string_view name, std::string_view kind, std::string_view signature, std::string_view invoked_with) {
+void setError(std::string_view name, std::string_view kind, std::string_view signature, std::string_view invokedWith) {
   std::string text(name);
   text += "(): incompatible ";
   text += kind;
   text += " arguments. The following argument types are supported:\n    1. ";
   text += signature;
   text += "\n\nInvoked with: ";
-  text += invoked_with;
+  text += invokedWith;
   PyErr_SetString(PyExc_TypeError, text.c_str());
 }
 
@@ -49,20 +50,20 @@ std::string_view firstLine(std::string_view doc) { return doc.substr(0, doc.find
 
 } // namespace
 
-void setConstructorError(const PyTypeObject& type, PyObject* args, PyObject* kwargs) {
-  std::string invoked_with;
+void setConstructorError(const RecordType& type, PyObject* args, PyObject* kwargs) {
+  std::string invokedWith;
   bool first = true;
   for (py::handle argument : py::reinterpret_borrow<py::tuple>(args))
-    append(invoked_with, argument, first);
+    append(invokedWith, argument, first);
   if (kwargs != nullptr && PyDict_GET_SIZE(kwargs) != 0) {
-    invoked_with += first ? "kwargs: " : "; kwargs: ";
+    invokedWith += first ? "kwargs: " : "; kwargs: ";
     first = true;
     for (const auto& [name, value] : py::reinterpret_borrow<py::dict>(kwargs)) {
-      invoked_with += (first ? "" : ", ") + name.cast<std::string>() + "=" + describe(value);
+      invokedWith += (first ? "" : ", ") + textOf(py::reinterpret_borrow<py::object>(name)) + "=" + describe(value);
       first = false;
     }
   }
-  setError("__init__", "constructor", std::string(type.tp_name) + "()", invoked_with);
+  setError("__init__", "constructor", std::string(type.name) + "()", invokedWith);
 }
 
 void setAttributeError(const Field& field, PyObject* self, PyObject* value) {
@@ -83,17 +84,17 @@ void setNoDeleterError(const Field& field, PyObject* self) {
 void setArgumentError(const char* doc, PyObject* const* args, Py_ssize_t count, PyObject* names) {
   const std::string_view line = firstLine(doc);
   const auto opening = line.find('(');
-  std::string invoked_with;
+  std::string invokedWith;
   bool first = true;
   for (Py_ssize_t i = 0; i < count; ++i)
-    append(invoked_with, args[i], first);
+    append(invokedWith, args[i], first);
   const Py_ssize_t named = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
   for (Py_ssize_t i = 0; i < named; ++i) {
-    invoked_with += i == 0 ? (first ? "kwargs: " : "; kwargs: ") : ", ";
-    invoked_with +=
-        py::str(py::handle(PyTuple_GET_ITEM(names, i))).cast<std::string>() + "=" + describe(args[count + i]);
+    invokedWith += i == 0 ? (first ? "kwargs: " : "; kwargs: ") : ", ";
+    invokedWith +=
+        textOf(py::reinterpret_borrow<py::object>(PyTuple_GET_ITEM(names, i))) + "=" + describe(args[count + i]);
   }
-  setError(line.substr(0, opening), "function", line.substr(opening), invoked_with);
+  setError(line.substr(0, opening), "function", line.substr(opening), invokedWith);
 }
 
 void translateException() noexcept {

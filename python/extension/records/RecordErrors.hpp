@@ -10,9 +10,10 @@
 namespace vorlinkit::python {
 
 struct Field;
+struct RecordType;
 
 /// TypeError of a class called with arguments; `args` does not hold the object itself.
-void setConstructorError(const PyTypeObject& type, PyObject* args, PyObject* kwargs);
+void setConstructorError(const RecordType& type, PyObject* args, PyObject* kwargs);
 
 /// TypeError of an attribute that does not take `value`.
 void setAttributeError(const Field& field, PyObject* self, PyObject* value);

@@ -1,10 +1,12 @@
 // Reading and writing attributes of records: one pair of functions per kind of field, for all record types.
+#include "records/Conversions.hpp"
 #include "records/RecordErrors.hpp"
 #include "records/RecordObject.hpp"
 
 #include <pybind11/pybind11.h>
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,9 +20,7 @@ namespace {
 const Field& asField(void* closure) { return *static_cast<const Field*>(closure); }
 
 /// Asked for anew after anything that may run Python code: a write elsewhere can move an alternative.
-void* memberOf(PyObject* self, const Field& field) {
-  return static_cast<char*>(recordOf(*asRecord(self))) + field.offset;
-}
+void* memberOf(PyObject* self, const Field& field) { return static_cast<char*>(asRecord(self)->record) + field.offset; }
 
 const ListOperations& listOperations(const Field& field) {
   return *static_cast<const ListOperations*>(field.operations);
@@ -45,72 +45,6 @@ template <typename Write> int writeAttribute(PyObject* self, PyObject* value, vo
   });
 }
 
-/// The bytes of a text as the machine keeps them: UTF-8, where bytes that were none survive a round trip.
-bool encodeText(PyObject* value, std::string& text) {
-  if (PyUnicode_Check(value)) {
-    Py_ssize_t size = 0;
-    if (const char* utf8 = PyUnicode_AsUTF8AndSize(value, &size)) {
-      text.assign(utf8, static_cast<std::size_t>(size));
-      return true;
-    }
-    PyErr_Clear();
-    const auto bytes = py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(value, "utf-8", "surrogateescape"));
-    if (!bytes) {
-      PyErr_Clear();
-      return false;
-    }
-    text.assign(PyBytes_AS_STRING(bytes.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr())));
-    return true;
-  }
-  if (PyBytes_Check(value)) {
-    text.assign(PyBytes_AS_STRING(value), static_cast<std::size_t>(PyBytes_GET_SIZE(value)));
-    return true;
-  }
-  if (PyByteArray_Check(value)) {
-    text.assign(PyByteArray_AS_STRING(value), static_cast<std::size_t>(PyByteArray_GET_SIZE(value)));
-    return true;
-  }
-  return false;
-}
-
-/// The elements of any sequence but text, held so that nothing can free them; an own sequence class may run
-/// any code while it is asked. Empty if `value` is no sequence.
-std::optional<py::object> elementsOf(PyObject* value) {
-  if (PyList_CheckExact(value)) return py::reinterpret_steal<py::object>(PyList_AsTuple(value));
-  if (PyTuple_CheckExact(value)) return py::reinterpret_borrow<py::object>(value);
-  if (!PySequence_Check(value) || PyUnicode_Check(value) || PyBytes_Check(value)) return std::nullopt;
-  const Py_ssize_t size = PySequence_Size(value);
-  if (size < 0) throw py::error_already_set();
-  py::tuple elements(size);
-  for (Py_ssize_t i = 0; i < size; ++i) {
-    PyObject* element = PySequence_GetItem(value, i);
-    if (element == nullptr) throw py::error_already_set();
-    PyTuple_SET_ITEM(elements.ptr(), i, element);
-  }
-  return elements;
-}
-
-/// A buffer given back when it is no longer needed.
-class BytesView {
-public:
-  explicit BytesView(PyObject* value) : good_(PyObject_GetBuffer(value, &buffer_, PyBUF_SIMPLE) == 0) {
-    if (!good_) PyErr_Clear();
-  }
-  BytesView(const BytesView&) = delete;
-  BytesView& operator=(const BytesView&) = delete;
-  ~BytesView() {
-    if (good_) PyBuffer_Release(&buffer_);
-  }
-
-  bool good() const { return good_; }
-  const char* data() const { return static_cast<const char*>(buffer_.buf); }
-  std::size_t size() const { return static_cast<std::size_t>(buffer_.len); }
-
-private:
-  Py_buffer buffer_{};
-  bool good_;
-};
-
 } // namespace
 
 template <typename Number> PyObject* readNumber(PyObject* self, void* field) {
@@ -119,9 +53,9 @@ template <typename Number> PyObject* readNumber(PyObject* self, void* field) {
 
 template <typename Number> int writeNumber(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    py::detail::make_caster<Number> number;
-    if (!number.load(value, true)) return false;
-    *static_cast<Number*>(memberOf(self, field)) = py::detail::cast_op<Number>(number);
+    const auto number = numberFrom(value, std::numeric_limits<Number>::max());
+    if (!number) return false;
+    *static_cast<Number*>(memberOf(self, field)) = static_cast<Number>(*number);
     return true;
   });
 }
@@ -142,9 +76,9 @@ PyObject* readText(PyObject* self, void* field) {
 
 int writeText(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    std::string text;
-    if (!encodeText(value, text)) return false;
-    *static_cast<std::string*>(memberOf(self, field)) = std::move(text);
+    auto text = textFrom(value);
+    if (!text) return false;
+    *static_cast<std::string*>(memberOf(self, field)) = std::move(*text);
     return true;
   });
 }
@@ -163,37 +97,36 @@ PyObject* readList(PyObject* self, void* closure) {
       stored = memberOf(self, field);
     } while (operations.size(stored) != size); // a new list may start a garbage collection, which may run any code
     if (size == 0) return result.release().ptr();
-    // One lease for all items. It is held here too, so that it stays when the items run out of memory.
-    LeaseAnchor* lease = createLease(*asRecord(self)->anchor, stored, &operations);
-    ++lease->holders;
+    // One anchor for all items. It is held here too, so that it stays when the items run out of memory.
+    ViewAnchor* const anchor = createViewAnchor(*asRecord(self)->anchor, stored, &operations);
+    ++anchor->holders;
     char* item = static_cast<char*>(operations.data(stored));
     for (std::size_t i = 0; i < size; ++i, item += operations.stride) {
-      PyObject* view = newView(*operations.item, item, *lease);
+      PyObject* view = newView(*operations.item, item, *anchor);
       if (view == nullptr) {
         result = py::object();
-        release(lease);
+        release(anchor);
         return nullptr;
       }
-      ++lease->holders;
+      ++anchor->holders;
       PyList_SET_ITEM(result.ptr(), static_cast<Py_ssize_t>(i), view);
     }
-    --lease->holders;
+    --anchor->holders;
     return result.release().ptr();
   });
 }
 
 int writeList(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    const auto elements = elementsOf(value);
+    const auto elements = elementsFrom(value);
     if (!elements) return false;
-    if (!*elements) throw py::error_already_set();
     const ListOperations& operations = listOperations(field);
     const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(elements->ptr()));
     std::vector<const void*> items(count);
     for (std::size_t i = 0; i < count; ++i) {
       PyObject* element = PyTuple_GET_ITEM(elements->ptr(), static_cast<Py_ssize_t>(i));
-      if (!PyObject_TypeCheck(element, operations.item->python_type)) return false;
-      items[i] = recordOf(*asRecord(element));
+      if (!PyObject_TypeCheck(element, operations.item->pythonType)) return false;
+      items[i] = asRecord(element)->record;
     }
     replaceList(*asRecord(self)->anchor->root, memberOf(self, field), operations, items.data(), count);
     return true;
@@ -225,14 +158,14 @@ PyObject* readVariant(PyObject* self, void* closure) {
     const VariantOperations& operations = variantOperations(field);
     void* stored = memberOf(self, field);
     const RecordType& type = *operations.alternatives[operations.index(stored)];
-    LeaseAnchor* lease = createLease(*asRecord(self)->anchor, stored, &operations);
-    lease->holders = 1;
-    PyObject* view = newView(type, operations.active(stored), *lease);
+    ViewAnchor* const anchor = createViewAnchor(*asRecord(self)->anchor, stored, &operations);
+    anchor->holders = 1;
+    PyObject* view = newView(type, operations.active(stored), *anchor);
     if (view == nullptr) {
-      release(lease);
+      release(anchor);
       return nullptr;
     }
-    lease->view = asRecord(view);
+    anchor->onlyView = asRecord(view);
     return view;
   });
 }
@@ -241,8 +174,8 @@ int writeVariant(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
     const VariantOperations& operations = variantOperations(field);
     for (std::size_t i = 0; i < operations.count; ++i) {
-      if (PyObject_TypeCheck(value, operations.alternatives[i]->python_type)) {
-        replaceVariant(*asRecord(self)->anchor->root, memberOf(self, field), operations, i, recordOf(*asRecord(value)));
+      if (PyObject_TypeCheck(value, operations.alternatives[i]->pythonType)) {
+        replaceVariant(*asRecord(self)->anchor->root, memberOf(self, field), operations, i, asRecord(value)->record);
         return true;
       }
     }

@@ -3,8 +3,6 @@
 #include "records/RecordErrors.hpp"
 
 #include <cstring>
-#include <deque>
-#include <stdexcept>
 #include <string>
 
 namespace py = pybind11;
@@ -13,45 +11,55 @@ namespace vorlinkit::python {
 
 namespace {
 
-/// Makes the object look at a record of which `anchor` counts it as a holder. To the binding library it is
-/// complete, and none of its business.
-void settle(RecordObject& object, const RecordType& type, void* record, RecordAnchor& anchor) {
-  object.instance.simple_layout = true;
-  object.instance.simple_holder_constructed = true;
-  object.instance.simple_value_holder[2] = const_cast<RecordType*>(&type);
-  setRecord(object, record);
+/// Makes the object look at a record of which `anchor` counts it as a holder.
+PyObject* settle(PyObject* self, const RecordType& type, void* record, RecordAnchor& anchor) noexcept {
+  RecordObject& object = *asRecord(self);
+  object.weakReferences = nullptr;
+  object.type = &type;
+  object.record = record;
   object.anchor = &anchor;
+  return self;
 }
 
-/// The record type of a class of ours or of a Python subclass. Other bound classes cannot be mixed in: an
-/// object has room for one record.
-const RecordType& recordTypeOf(PyTypeObject* python_type) {
-  const auto& bound = py::detail::all_type_info(python_type);
-  if (bound.size() != 1)
-    throw py::type_error("a class cannot derive from a record class and another class of vorlinkit_python");
-  return *static_cast<const RecordType*>(bound.front()->get_buffer_data);
+void deallocateRecord(PyObject* self) {
+  if (asRecord(self)->weakReferences != nullptr) PyObject_ClearWeakRefs(self);
+  RecordAnchor* const anchor = asRecord(self)->anchor;
+  if (anchor->kind == RecordAnchor::Kind::View) {
+    auto* const view = static_cast<ViewAnchor*>(anchor);
+    if (view->onlyView == asRecord(self)) view->onlyView = nullptr;
+  }
+  release(anchor);
+  PyTypeObject* const pythonType = Py_TYPE(self);
+  pythonType->tp_free(self);
+  Py_DECREF(pythonType);
 }
 
-PyObject* newRecord(PyTypeObject* python_type, PyObject*, PyObject*) {
+/// The record type of a class of ours, or of the one that a Python class derives from.
+const RecordType& recordTypeOf(const PyTypeObject* pythonType) {
+  while (pythonType->tp_dealloc != deallocateRecord)
+    pythonType = pythonType->tp_base;
+  return *reinterpret_cast<const RecordType*>(pythonType->tp_methods);
+}
+
+PyObject* newRecord(PyTypeObject* pythonType, PyObject*, PyObject*) {
   return guarded([&]() -> PyObject* {
-    const RecordType& type = recordTypeOf(python_type);
-    RootAnchor* root = allocateRoot(type);
+    const RecordType& type = recordTypeOf(pythonType);
+    RootAnchor* const root = allocateRoot(type);
     type.construct(root->record());
     root->holders = 1;
-    PyObject* self = python_type->tp_alloc(python_type, 0);
+    PyObject* const self = pythonType->tp_alloc(pythonType, 0);
     if (self == nullptr) {
       release(root);
       return nullptr;
     }
-    settle(*asRecord(self), type, root->record(), *root);
-    return self;
+    return settle(self, type, root->record(), *root);
   });
 }
 
 /// The record was made by newRecord; all that is left is to refuse arguments.
 int initRecord(PyObject* self, PyObject* args, PyObject* kwargs) {
   if (PyTuple_GET_SIZE(args) == 0 && (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0)) return 0;
-  return guarded([&] { return setConstructorError(*typeOf(*asRecord(self)).python_type, args, kwargs), -1; });
+  return guarded([&] { return setConstructorError(*asRecord(self)->type, args, kwargs), -1; });
 }
 
 PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
@@ -59,13 +67,13 @@ PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
   Py_RETURN_NONE;
 }
 
-/// Attribute access of record classes, not of their Python subclasses. What is asked for is nearly always a
+/// Attribute view of record classes, not of their Python subclasses. What is asked for is nearly always a
 /// field, and as long as nobody has changed the class a comparison of names finds it.
 PyObject* getAttribute(PyObject* self, PyObject* name) {
-  const RecordType& type = typeOf(*asRecord(self));
-  if (Py_TYPE(self)->tp_version_tag == type.class_version && type.class_version != 0) {
-    for (std::size_t i = 0; i < type.attribute_count; ++i) {
-      if (type.attribute_names[i] == name) {
+  const RecordType& type = *asRecord(self)->type;
+  if (Py_TYPE(self)->tp_version_tag == type.classVersion && type.classVersion != 0) {
+    for (std::size_t i = 0; i < type.attributeCount; ++i) {
+      if (type.attributeNames[i] == name) {
         const PyGetSetDef& attribute = type.attributes[i];
         return attribute.get(self, attribute.closure);
       }
@@ -77,94 +85,55 @@ PyObject* getAttribute(PyObject* self, PyObject* name) {
 /// Set once the class is complete: as a plain slot, since the interpreter would otherwise show it as an
 /// attribute of the class and hand it on to subclasses, which may have attributes of their own.
 void shortenAttributeAccess(RecordType& type) {
-  PyTypeObject& python_type = *type.python_type;
-  while (type.attributes[type.attribute_count].name != nullptr)
-    ++type.attribute_count;
-  type.attribute_names = new PyObject*[type.attribute_count]; // as long-lived as the class
-  for (std::size_t i = 0; i < type.attribute_count; ++i)
-    type.attribute_names[i] = PyUnicode_InternFromString(type.attributes[i].name);
-  if (type.attribute_count != 0)
-    _PyType_Lookup(&python_type, type.attribute_names[0]); // has the interpreter give the class a version
-  type.class_version = python_type.tp_version_tag;
-  python_type.tp_getattro = getAttribute;
+  PyTypeObject& pythonType = *type.pythonType;
+  while (type.attributes[type.attributeCount].name != nullptr)
+    ++type.attributeCount;
+  type.attributeNames = new PyObject*[type.attributeCount]; // as long-lived as the class
+  for (std::size_t i = 0; i < type.attributeCount; ++i)
+    type.attributeNames[i] = PyUnicode_InternFromString(type.attributes[i].name);
+  if (type.attributeCount != 0)
+    _PyType_Lookup(&pythonType, type.attributeNames[0]); // has the interpreter give the class a version
+  type.classVersion = pythonType.tp_version_tag;
+  pythonType.tp_getattro = getAttribute;
 }
 
-void deallocateRecord(PyObject* self) {
-  RecordObject* object = asRecord(self);
-  if (object->instance.weakrefs != nullptr) PyObject_ClearWeakRefs(self);
-  RecordAnchor* anchor = object->anchor;
-  if (anchor->kind == RecordAnchor::Kind::Lease) {
-    auto* lease = static_cast<LeaseAnchor*>(anchor);
-    if (lease->view == object) lease->view = nullptr;
-  }
-  release(anchor);
-  PyTypeObject* type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+/// Instead of the interpreter's own for tp_init, to have a documentation that names the class.
+void describeInit(RecordType& type) {
+  const auto* const doc = new std::string(std::string("__init__(self: ") + type.name + ") -> None\n"); // as long-lived
+  type.methods[0] = {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(callInit)),
+                     METH_VARARGS | METH_KEYWORDS | METH_COEXIST, doc->c_str()};
 }
 
-/// Lives as long as the process, as the classes do.
-PyMethodDef* initMethod(const RecordType& type) {
-  struct Method {
-    std::string doc;
-    PyMethodDef definitions[2];
-  };
-  static std::deque<Method> methods;
-  auto& method = methods.emplace_back();
-  method.doc = std::string("__init__(self: vorlinkit_python.") + type.name + ") -> None\n";
-  method.definitions[0] = {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(callInit)),
-                           METH_VARARGS | METH_KEYWORDS | METH_COEXIST, method.doc.c_str()};
-  return method.definitions;
+PyTypeObject* createClass(RecordType& type) {
+  PyType_Slot slots[] = {{Py_tp_new, reinterpret_cast<void*>(newRecord)},
+                         {Py_tp_init, reinterpret_cast<void*>(initRecord)},
+                         {Py_tp_dealloc, reinterpret_cast<void*>(deallocateRecord)},
+                         {Py_tp_getset, type.attributes},
+                         {Py_tp_methods, type.methods},
+                         {Py_tp_doc, const_cast<char*>(type.doc)},
+                         {0, nullptr}};
+  PyType_Spec spec{type.name, sizeof(RecordObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
+  auto* const made = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&spec));
+  if (made == nullptr) throw py::error_already_set();
+  made->tp_weaklistoffset = offsetof(RecordObject, weakReferences); // as a member it would be an attribute, too
+  return made;
 }
-
-/// Opens the registration of a class to a type that is only known from a table.
-struct RecordClass : py::detail::generic_type {
-  using generic_type::initialize;
-};
-
-void refuseNativeInstance(py::detail::instance*, const void*) {
-  throw std::runtime_error("records reach Python through their own decoders");
-}
-
-void leaveToAnchor(py::detail::value_and_holder&) {}
 
 } // namespace
 
 PyObject* newView(const RecordType& type, void* record, RecordAnchor& anchor) noexcept {
-  auto* object = static_cast<RecordObject*>(PyObject_Malloc(sizeof(RecordObject)));
-  if (object == nullptr) return PyErr_NoMemory();
-  PyObject* self = PyObject_Init(reinterpret_cast<PyObject*>(object), type.python_type);
-  std::memset(reinterpret_cast<char*>(object) + sizeof(PyObject), 0, sizeof(RecordObject) - sizeof(PyObject));
-  settle(*object, type, record, anchor);
-  return self;
+  void* const memory = PyObject_Malloc(sizeof(RecordObject));
+  if (memory == nullptr) return PyErr_NoMemory();
+  return settle(PyObject_Init(static_cast<PyObject*>(memory), type.pythonType), type, record, anchor);
 }
 
-void registerRecord(py::module_& module, RecordType& type) {
-  py::detail::type_record description;
-  description.scope = module;
-  description.name = type.name;
-  description.doc = type.doc;
-  description.type = type.cpp_type;
-  description.type_size = type.size;
-  description.type_align = type.align;
-  description.holder_size = sizeof(std::unique_ptr<int>);
-  description.init_instance = refuseNativeInstance;
-  description.dealloc = leaveToAnchor;
-  description.custom_type_setup_callback = [&type](PyHeapTypeObject* heap_type) {
-    PyTypeObject& python_type = heap_type->ht_type;
-    python_type.tp_basicsize = sizeof(RecordObject);
-    python_type.tp_new = newRecord;
-    python_type.tp_init = initRecord;
-    python_type.tp_dealloc = deallocateRecord;
-    python_type.tp_getset = type.attributes;
-    python_type.tp_methods = initMethod(type);
-  };
-  RecordClass record_class;
-  record_class.initialize(description);
-  type.python_type = reinterpret_cast<PyTypeObject*>(record_class.inc_ref().ptr());
+void registerRecord(const py::module_& module, RecordType& type) {
+  describeInit(type);
+  type.pythonType = createClass(type);
   shortenAttributeAccess(type);
-  // The way back from a Python class, inherited by its subclasses; a slot that only buffer classes use.
-  py::detail::get_type_info(type.python_type)->get_buffer_data = &type;
+  const char* const name = std::strrchr(type.name, '.') + 1;
+  if (PyModule_AddObjectRef(module.ptr(), name, reinterpret_cast<PyObject*>(type.pythonType)) != 0)
+    throw py::error_already_set();
 }
 
 } // namespace vorlinkit::python

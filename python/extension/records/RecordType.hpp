@@ -1,6 +1,6 @@
 // What the record binding knows about a record of the catalogue: constant tables, declared by the generated
 // blocks and read by the few functions that create, view, read and write records of every type. Nothing here
-// needs the binding library, whose headers would be most of the time it takes to compile the blocks.
+// needs the binding library.
 #pragma once
 
 #include <Python.h>
@@ -13,7 +13,6 @@
 #include <new>
 #include <string>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -23,22 +22,22 @@ namespace vorlinkit::python {
 /// One record type: its name, how its memory is made and unmade, and its Python class once registered.
 /// The Python class is written once, at import, under the interpreter lock; the rest never changes.
 struct RecordType {
-  const char* name;
+  PyMethodDef methods[2]; ///< `__init__`; first, since a class has no other way back to its record type
+  const char* name;       ///< with the module's before it
   const char* doc;
   PyGetSetDef* attributes; ///< one per field (two per byte blob), ended by an empty one
-  const std::type_info* cpp_type;
   std::size_t size;
-  std::size_t align;
   void (*construct)(void* memory); ///< value-initialises
   void (*destroy)(void* record);
-  PyTypeObject* python_type = nullptr;
+  PyTypeObject* pythonType = nullptr;
 
   // For reading attributes of unchanged classes without a look-up: their interned names, in order, and the
   // version that the interpreter gave the class when it had just these.
-  PyObject** attribute_names = nullptr;
-  std::size_t attribute_count = 0;
-  unsigned int class_version = 0;
+  PyObject** attributeNames = nullptr;
+  std::size_t attributeCount = 0;
+  unsigned int classVersion = 0;
 };
+static_assert(std::is_standard_layout_v<RecordType>, "a pointer to its methods is one to the whole");
 
 /// What can be done with a list field whose item type only the table knows. Its address identifies the type
 /// of the list.
@@ -56,7 +55,7 @@ struct ListOperations {
 /// A list whose items are one byte each; beside the items it offers the bytes at once.
 struct BlobOperations : ListOperations {
   /// As `replace`, with the bytes of the items in a row.
-  void (*replace_bytes)(void* list, const void* bytes, std::size_t count, void** former);
+  void (*replaceBytes)(void* list, const void* bytes, std::size_t count, void** former);
 };
 
 /// What can be done with a variant field.
@@ -189,8 +188,8 @@ constexpr Field list(const char* attribute, std::size_t offset, const ListOperat
 
 /// The same list again, as the bytes it holds.
 constexpr Field blob(const char* attribute, std::size_t offset, const BlobOperations& operations, const char* doc) {
-  const ListOperations& list_operations = operations;
-  return {attribute, doc, readBlob, writeBlob, offset, &list_operations};
+  const ListOperations& listOperations = operations;
+  return {attribute, doc, readBlob, writeBlob, offset, &listOperations};
 }
 
 constexpr Field variant(const char* attribute, std::size_t offset, const VariantOperations& operations,
@@ -216,14 +215,7 @@ template <typename Record> void destroyRecord(void* record) { std::destroy_at(st
 
 template <typename Record> constexpr RecordType record(const char* name, PyGetSetDef* attributes, const char* doc) {
   static_assert(alignof(Record) <= alignof(std::max_align_t), "the allocator of the interpreter aligns no further");
-  return {name,
-          doc,
-          attributes,
-          &typeid(Record),
-          sizeof(Record),
-          alignof(Record),
-          constructRecord<Record>,
-          destroyRecord<Record>};
+  return {{}, name, doc, attributes, sizeof(Record), constructRecord<Record>, destroyRecord<Record>};
 }
 
 } // namespace vorlinkit::python
