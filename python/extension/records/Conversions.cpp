@@ -15,8 +15,6 @@ std::optional<std::uint64_t> numberFromInt(PyObject* value, std::uint64_t maximu
   return refused || number > maximum ? std::nullopt : std::optional(number);
 }
 
-std::string stringOf(const char* bytes, Py_ssize_t size) { return {bytes, static_cast<std::size_t>(size)}; }
-
 } // namespace
 
 std::optional<std::uint64_t> numberFrom(PyObject* value, std::uint64_t maximum) {
@@ -30,17 +28,30 @@ std::optional<std::uint64_t> numberFrom(PyObject* value, std::uint64_t maximum) 
   return std::nullopt;
 }
 
-std::optional<std::string> textFrom(PyObject* value) {
-  if (PyBytes_Check(value)) return stringOf(PyBytes_AS_STRING(value), PyBytes_GET_SIZE(value));
-  if (PyByteArray_Check(value)) return stringOf(PyByteArray_AS_STRING(value), PyByteArray_GET_SIZE(value));
-  if (!PyUnicode_Check(value)) return std::nullopt;
-  Py_ssize_t size = 0;
-  if (const char* const utf8 = PyUnicode_AsUTF8AndSize(value, &size)) return stringOf(utf8, size);
+TextView::TextView(PyObject* value) {
+  if (PyBytes_Check(value)) {
+    take(value);
+  } else if (PyByteArray_Check(value)) {
+    bytes_ = PyByteArray_AS_STRING(value);
+    size_ = PyByteArray_GET_SIZE(value);
+  } else if (PyUnicode_Check(value)) {
+    bytes_ = PyUnicode_AsUTF8AndSize(value, &size_);
+    if (bytes_ == nullptr) encode(value);
+  }
+}
+
+void TextView::encode(PyObject* value) {
   PyErr_Clear();
-  const auto bytes = py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(value, "utf-8", "surrogateescape"));
-  if (bytes) return stringOf(PyBytes_AS_STRING(bytes.ptr()), PyBytes_GET_SIZE(bytes.ptr()));
-  PyErr_Clear();
-  return std::nullopt;
+  encoded_ = py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(value, "utf-8", "surrogateescape"));
+  if (encoded_)
+    take(encoded_.ptr());
+  else
+    PyErr_Clear();
+}
+
+void TextView::take(PyObject* bytes) {
+  bytes_ = PyBytes_AS_STRING(bytes);
+  size_ = PyBytes_GET_SIZE(bytes);
 }
 
 std::optional<py::object> elementsFrom(PyObject* value) {

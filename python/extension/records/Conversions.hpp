@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
+#include <string_view>
 
 namespace vorlinkit::python {
 
@@ -15,8 +15,22 @@ namespace vorlinkit::python {
 std::optional<std::uint64_t> numberFrom(PyObject* value, std::uint64_t maximum);
 
 /// The bytes of a str, bytes or bytearray as the machine keeps them: UTF-8, where bytes that were none survive a round
-/// trip. Leaves no Python error.
-std::optional<std::string> textFrom(PyObject* value);
+/// trip. Leaves no Python error. To be used before anything else is done with the interpreter.
+class TextView {
+public:
+  explicit TextView(PyObject* value);
+
+  bool good() const { return bytes_ != nullptr; }
+  std::string_view text() const { return {bytes_, static_cast<std::size_t>(size_)}; }
+
+private:
+  void encode(PyObject* value);
+  void take(PyObject* bytes);
+
+  pybind11::object encoded_;
+  const char* bytes_ = nullptr;
+  Py_ssize_t size_ = 0;
+};
 
 /// A tuple of the elements of any sequence but text, held so that nothing can free them. Nothing if `value` is no
 /// sequence; throws what a sequence class raises.

@@ -76,9 +76,9 @@ PyObject* readText(PyObject* self, void* field) {
 
 int writeText(PyObject* self, PyObject* value, void* closure) {
   return writeAttribute(self, value, closure, [&](const Field& field) {
-    auto text = textFrom(value);
-    if (!text) return false;
-    *static_cast<std::string*>(memberOf(self, field)) = std::move(*text);
+    const TextView text(value);
+    if (!text.good()) return false;
+    *static_cast<std::string*>(memberOf(self, field)) = text.text();
     return true;
   });
 }
