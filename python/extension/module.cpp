@@ -46,6 +46,7 @@ PyObject* createModule() {
     return module.release().ptr();
   }
   PYBIND11_CATCH_INIT_EXCEPTIONS
+  return nullptr; // of newer versions of the macro, which leave it to us
 }
 
 /// The module of this interpreter, whose dictionary keeps it: that ends with the interpreter.
