@@ -149,9 +149,9 @@ template <typename Message> PyObject* hold(Message message) {
                        [](PyObject* capsule) { delete static_cast<Message*>(PyCapsule_GetPointer(capsule, nullptr)); });
 }
 
-template <typename Message, PyObject* (Message::*act)() const> PyObject* call(PyObject*, PyObject* capsule) {
+template <typename Message, PyObject* (Message::*Act)() const> PyObject* call(PyObject*, PyObject* capsule) {
   const auto* message = static_cast<const Message*>(PyCapsule_GetPointer(capsule, nullptr));
-  return message == nullptr ? nullptr : (message->*act)();
+  return message == nullptr ? nullptr : (message->*Act)();
 }
 
 /// The numbers of a sequence; nothing on an error, which is set.

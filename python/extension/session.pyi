@@ -69,7 +69,7 @@ class SessionConfig:
 
     def __init__(self) -> None: ...
     host: str
-    """Name or numeric address of the machine's control server. Default "localhost"."""
+    """Name or numeric address of the machine's control server; ValueError for a 0 byte. Default "localhost"."""
     port: int
     """TCP port of the control server, 0 to 65535. Default 50713."""
     connection_timeout: int
@@ -157,7 +157,7 @@ class VorlinSession:
     def connect(self) -> tuple[bool, str]:
         """Connect and wait for the outcome: (True, "") or (False, error text)."""
     def disconnect(self) -> None:
-        """Close the connection, end re-connecting, and wait until both are done."""
+        """Close the connection, end re-connecting, and wait until both are done; in a callback only start that."""
     def is_connected(self) -> bool:
         """Whether the connection is up."""
     def client_id(self) -> int:

@@ -63,42 +63,43 @@ std::vector<std::span<BlockEntry>> commandBlocks();
 
 // What the generated tables are written with.
 
-template <auto write, typename Record> EncodeResult writeRecord(const void* record, commands::PayloadMemory& memory) {
-  return write(*static_cast<const Record*>(record), memory);
+template <auto WritePayload, typename Record>
+EncodeResult writeRecord(const void* record, commands::PayloadMemory& memory) {
+  return WritePayload(*static_cast<const Record*>(record), memory);
 }
 
-template <auto decode, typename Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
-  std::expected<Record, Error> record = decode(payload);
+template <auto DecodePayload, typename Record> Error decodeRecord(std::span<const std::byte> payload, void* memory) {
+  std::expected<Record, Error> record = DecodePayload(payload);
   if (!record) return std::move(record.error());
   ::new (memory) Record(*std::move(record));
   return {};
 }
 
-template <auto render, typename Record> std::string renderRecord(const void* record) {
-  return render(*static_cast<const Record*>(record));
+template <auto RenderText, typename Record> std::string renderRecord(const void* record) {
+  return RenderText(*static_cast<const Record*>(record));
 }
 
 /// The interpreter hands a function no data of its own, hence one small entry point for each.
-template <const auto& function> PyObject* enter(PyObject*, Arguments arguments, Py_ssize_t count, PyObject* names) {
-  using Act = decltype(function.act);
+template <const auto& Called> PyObject* enter(PyObject*, Arguments arguments, Py_ssize_t count, PyObject* names) {
+  using Act = decltype(Called.act);
   if constexpr (std::is_same_v<Act, Encode>)
-    return callEncode(function, arguments, count, names);
+    return callEncode(Called, arguments, count, names);
   else if constexpr (std::is_same_v<Act, Decode>)
-    return callDecode(function, arguments, count, names);
+    return callDecode(Called, arguments, count, names);
   else if constexpr (std::is_same_v<Act, Render>)
-    return callRender(function, arguments, count, names);
+    return callRender(Called, arguments, count, names);
   else if constexpr (std::is_same_v<Act, DescribeCode>)
-    return callDescribeCode(function, arguments, count, names);
+    return callDescribeCode(Called, arguments, count, names);
   else
-    return callListCodes(function, arguments, count, names);
+    return callListCodes(Called, arguments, count, names);
 }
 
 constexpr BlockEntry commandId(const char* name, std::uint16_t id) { return {.name = name, .number = id}; }
 
 constexpr BlockEntry recordClass(RecordType& type) { return {.record = &type}; }
 
-template <const auto& function> constexpr BlockEntry moduleFunction() {
-  return {.name = function.name, .function = enter<function>, .doc = function.doc};
+template <const auto& Called> constexpr BlockEntry moduleFunction() {
+  return {.name = Called.name, .function = enter<Called>, .doc = Called.doc};
 }
 
 } // namespace vorlinkit::python

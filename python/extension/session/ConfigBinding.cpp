@@ -54,7 +54,8 @@ void registerConfig(py::module_& module) {
   config.def(py::init<>(), "A configuration with the defaults.");
   config.def_property(
       "host", [](const SessionConfig& given) { return given.host; }, &writeHost,
-      "Name or numeric address of the machine's control server. Default \"localhost\".");
+      "Name or numeric address of the machine's control server; ValueError for a 0 byte in it. Default "
+      "\"localhost\".");
   config.def_readwrite("port", &SessionConfig::port, "TCP port of the control server, 0 to 65535. Default 50713.");
   defineMilliseconds(config, "connection_timeout", &SessionConfig::connection_timeout,
                      "Milliseconds one connect attempt may take, name lookup included. Default 3000.");

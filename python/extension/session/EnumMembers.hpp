@@ -14,15 +14,15 @@ template <typename Enum, std::size_t Count> class EnumMembers {
 public:
   static void fill(const pybind11::object& enumeration) {
     for (const auto& member : enumeration.attr("__members__").attr("values")())
-      members_.at(pybind11::int_(pybind11::reinterpret_borrow<pybind11::object>(member)).cast<std::size_t>()) =
+      members.at(pybind11::int_(pybind11::reinterpret_borrow<pybind11::object>(member)).cast<std::size_t>()) =
           member.inc_ref();
   }
   static pybind11::object of(Enum value) {
-    return pybind11::reinterpret_borrow<pybind11::object>(members_.at(static_cast<std::size_t>(value)));
+    return pybind11::reinterpret_borrow<pybind11::object>(members.at(static_cast<std::size_t>(value)));
   }
 
 private:
-  static inline std::array<pybind11::handle, Count> members_;
+  static inline std::array<pybind11::handle, Count> members;
 };
 
 } // namespace vorlinkit::python

@@ -33,7 +33,8 @@ Ctrl-C ends the wait.)";
 
 constexpr auto disconnectDoc = R"(Close the connection, end re-connecting, and wait until both are done.
 
-Requests that wait fail. From a callback it only starts the close.)";
+Requests that wait fail. From a callback of any session it only starts the close. Ctrl-C ends the wait; the
+close goes on by itself.)";
 
 constexpr auto stateDoc = R"(Have `callback(connected: bool, reason: str)` called on every change of the connection.
 
