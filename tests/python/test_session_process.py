@@ -335,7 +335,9 @@ def test_a_second_interpreter_of_a_process_is_refused(tmp_path):
     flags = [flag for name in ("LINKFORSHARED", "LIBS", "SYSLIBS") for flag in settings[name].split()]
     subprocess.run([*command, *flags], cwd=tmp_path, check=True)
     environment = dict(os.environ, PYTHONHOME=sys.base_prefix, PYTHONPATH=os.pathsep.join(sys.path))
-    result = subprocess.run([tmp_path / "embedder"], env=environment, capture_output=True, text=True, timeout=60)
+    result = subprocess.run(
+        [tmp_path / "embedder"], env=environment, capture_output=True, text=True, timeout=60
+    )
     assert (result.returncode, result.stderr) == (0, "")
     assert result.stdout.splitlines() == [
         "(None, 'Not connected')",
