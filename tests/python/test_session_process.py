@@ -20,7 +20,7 @@ from fake_server import config_for, echo, echo_behind, read_request, run_script,
 from vorlinkit.simulator.frames import notification
 
 # Ends in the middle of everything: notifications into a callback, a logger, requests from daemon threads
-# and from threads that are never answered, and a session that is waiting to re-connect.
+# and from threads that are never answered, a session that is waiting to re-connect, and one that is connecting.
 BUSY_SCRIPT = """
 import sys, threading
 import vorlinkit_python as vorlin
@@ -45,6 +45,8 @@ for port in sys.argv[1:4]:  # a busy server, a silent one, none
     session.connect()
     for _ in range(3):
         threading.Thread(target=ask, args=(session,), daemon=True).start()
+connecting = vorlin.VorlinSession(config_for(int(sys.argv[4]), connection_timeout=60000))
+threading.Thread(target=connecting.connect, daemon=True).start()
 enough.wait()
 sys.exit(7)
 """
@@ -53,11 +55,11 @@ chatter = echo_behind(*[notification(44, b"x" * 50)] * 5)
 
 @pytest.mark.parametrize("turn", range(5))
 def test_a_script_exits_at_once_and_silently(turn):
-    with serving(chatter) as busy, serving(silence) as silent:
+    with serving(chatter) as busy, serving(silence) as silent, deaf_port() as deaf:
         with serving(echo) as lost:
             pass
         started = time.monotonic()
-        result = run_script(BUSY_SCRIPT, busy, silent, lost)
+        result = run_script(BUSY_SCRIPT, busy, silent, lost, deaf)
     assert (result.returncode, result.stdout, result.stderr) == (7, "", "")
     assert time.monotonic() - started < 10
 
