@@ -85,7 +85,7 @@ def test_signatures_are_in_the_docstrings():
         session.__init__.__doc__,
     )
     assert re.match(
-        r"send\(self: vorlinkit_python\.VorlinSession, commandId: .*int.*, payload: .*bytes.* = None\) -> tuple",
+        r"send\(self: vorlinkit_python\.VorlinSession, commandId: .*[Ii]nt.*, payload: .*bytes.* = None\) -> tuple",
         session.send.__doc__,
     )
     public = "SessionConfig", "IVorlinLogger", "FieldCodedValue", "FieldCodedValues", "VorlinSession"
