@@ -24,14 +24,14 @@ char* put(char* to, std::string_view text) {
 
 char* putNumber(char* to, std::uint64_t value) { return std::to_chars(to, to + 20, value).ptr; }
 
-template <class Number> char* putBytes(char* to, Number value) {
+template <typename Number> char* putBytes(char* to, Number value) {
   for (int shift = 8 * (static_cast<int>(sizeof value) - 1); shift >= 0; shift -= 8)
     *to++ = static_cast<char>(value >> shift);
   return to;
 }
 
 /// Text of at most `bound` characters, all of them ASCII, stored where it will stay.
-template <class Write> PyObject* asciiText(std::size_t bound, Write&& write) {
+template <typename Write> PyObject* asciiText(std::size_t bound, Write&& write) {
   PyObject* text = PyUnicode_New(static_cast<Py_ssize_t>(bound), 127);
   if (text == nullptr) return nullptr;
   char* const start = reinterpret_cast<char*>(PyUnicode_1BYTE_DATA(text));
@@ -39,7 +39,7 @@ template <class Write> PyObject* asciiText(std::size_t bound, Write&& write) {
   return PyUnicode_Resize(&text, length) == 0 ? text : nullptr;
 }
 
-template <class Write> PyObject* bytes(std::size_t size, Write&& write) {
+template <typename Write> PyObject* bytes(std::size_t size, Write&& write) {
   PyObject* made = PyBytes_FromStringAndSize(nullptr, static_cast<Py_ssize_t>(size));
   if (made != nullptr) write(PyBytes_AS_STRING(made));
   return made;
@@ -144,14 +144,14 @@ struct Chunk {
 
 // -- to and from Python -----------------------------------------------------------------------------------------
 
-template <class Message> PyObject* hold(Message message) {
+template <typename Message> PyObject* hold(Message message) {
   return PyCapsule_New(new Message(std::move(message)), nullptr,
                        [](PyObject* capsule) { delete static_cast<Message*>(PyCapsule_GetPointer(capsule, nullptr)); });
 }
 
-template <class Message, PyObject* (Message::*act)() const> PyObject* call(PyObject*, PyObject* capsule) {
+template <typename Message, PyObject* (Message::*Act)() const> PyObject* call(PyObject*, PyObject* capsule) {
   const auto* message = static_cast<const Message*>(PyCapsule_GetPointer(capsule, nullptr));
-  return message == nullptr ? nullptr : (message->*act)();
+  return message == nullptr ? nullptr : (message->*Act)();
 }
 
 /// The numbers of a sequence; nothing on an error, which is set.

@@ -26,7 +26,7 @@ void require(bool good, const char* what) {
 }
 
 /// Measures two calls that must do the same, in rounds of about a millisecond.
-template <class Ours, class Peer>
+template <typename Ours, typename Peer>
 void compare(const std::string& name, Ours&& ours, Peer&& peer, Bar bar, double perItems = 1) {
   const double once = nanosecondsPer(3, peer);
   const auto calls = static_cast<std::size_t>(std::max(1.0, 1e6 / once));
@@ -36,7 +36,7 @@ void compare(const std::string& name, Ours&& ours, Peer&& peer, Bar bar, double 
 }
 
 /// Decoding and rendering of one response.
-template <class Decode, class DecodeByHand, class Render>
+template <typename Decode, typename DecodeByHand, typename Render>
 void compareResponse(const std::string& name, const Bytes& payload, Decode decode, DecodeByHand decodeByHand,
                      Render render, double items = 1) {
   const auto message = decode(payload);
@@ -46,7 +46,7 @@ void compareResponse(const std::string& name, const Bytes& payload, Decode decod
   compare("JSON of " + name, [&] { use(render(*message)); }, [&] { use(by_hand::toJson(*message)); }, jsonBar, items);
 }
 
-template <class Request, class Encode, class EncodeByHand>
+template <typename Request, typename Encode, typename EncodeByHand>
 void compareRequest(const std::string& name, const Request& request, Encode encode, EncodeByHand encodeByHand,
                     Bar bar = encodeBar) {
   require(encode(request).value() == encodeByHand(request).value(), name.c_str());

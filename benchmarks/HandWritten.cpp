@@ -27,7 +27,7 @@ bool takeText(Payload& payload, std::string& text) {
   return true;
 }
 
-template <class Number> std::byte* put(std::byte* to, Number value) {
+template <typename Number> std::byte* put(std::byte* to, Number value) {
   for (int shift = 8 * (static_cast<int>(sizeof value) - 1); shift >= 0; shift -= 8)
     *to++ = static_cast<std::byte>(value >> shift);
   return to;
@@ -56,7 +56,7 @@ char* putCommandError(char* to, std::uint16_t value, std::string_view known) {
   return put(to, "\"");
 }
 
-template <class Write> std::string bounded(std::size_t bound, Write&& write) {
+template <typename Write> std::string bounded(std::size_t bound, Write&& write) {
   std::string text;
   text.resize_and_overwrite(bound, [&](char* to, std::size_t) { return static_cast<std::size_t>(write(to) - to); });
   return text;

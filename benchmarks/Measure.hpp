@@ -24,7 +24,7 @@ void reportRatio(std::string_view name, std::string_view unit, double ours, doub
 void reportValue(std::string_view name, std::string_view unit, double ours, double peer, Bar bar = {});
 
 /// Seconds that a piece of work took, by the wall clock.
-template <class Work> double secondsOf(Work&& work) {
+template <typename Work> double secondsOf(Work&& work) {
   const auto start = std::chrono::steady_clock::now();
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -37,10 +37,10 @@ double processorSeconds();
 std::vector<double> leastOf(std::size_t rounds, const std::vector<std::function<double()>>& contenders);
 
 /// Makes the compiler believe that somebody looks at the value.
-template <class Value> void use(const Value& value) { asm volatile("" : : "r"(&value) : "memory"); }
+template <typename Value> void use(const Value& value) { asm volatile("" : : "r"(&value) : "memory"); }
 
 /// Nanoseconds per call, over enough calls for one round.
-template <class Call> double nanosecondsPer(std::size_t calls, Call&& call) {
+template <typename Call> double nanosecondsPer(std::size_t calls, Call&& call) {
   return secondsOf([&] {
            for (std::size_t i = 0; i < calls; ++i)
              call();

@@ -39,6 +39,17 @@ if(VORLINKIT_BUILD_PYTHON)
   find_path(VORLINKIT_PYBIND11_INCLUDE_DIR pybind11/pybind11.h)
   if(NOT VORLINKIT_PYBIND11_INCLUDE_DIR)
     vorlinkit_need("pybind11" pybind11-dev)
+  else()
+    # The module uses parts of it that may change: tested from Debian's version to the newest (scripts/test-newest-pybind11).
+    file(STRINGS ${VORLINKIT_PYBIND11_INCLUDE_DIR}/pybind11/detail/common.h vorlinkit_pybind11_version
+         REGEX "^#define PYBIND11_VERSION_(MAJOR|MINOR) ")
+    string(REGEX REPLACE "[^0-9;]*11[^0-9;]*([0-9]+)" "\\1" vorlinkit_pybind11_version "${vorlinkit_pybind11_version}")
+    list(JOIN vorlinkit_pybind11_version "." vorlinkit_pybind11_version)
+    message(STATUS "Found pybind11 ${vorlinkit_pybind11_version} in ${VORLINKIT_PYBIND11_INCLUDE_DIR}")
+    if(vorlinkit_pybind11_version VERSION_LESS 2.10 OR vorlinkit_pybind11_version VERSION_GREATER_EQUAL 4)
+      vorlinkit_need("pybind11 2.10 or later and older than 4; what is in ${VORLINKIT_PYBIND11_INCLUDE_DIR} is \
+version ${vorlinkit_pybind11_version}" pybind11-dev)
+    endif()
   endif()
 else()
   find_package(Python 3.11 COMPONENTS Interpreter)

@@ -24,7 +24,7 @@ from .validate import validate
 
 PROJECT = Path(__file__).resolve().parent.parent
 DEFAULT_CATALOGUE = PROJECT / "catalogue"
-SESSION_STUB = PROJECT / "python" / "session.pyi"
+SESSION_STUB = PROJECT / "python" / "extension" / "session.pyi"
 
 
 def arguments(argv: list[str] | None = None) -> argparse.Namespace:

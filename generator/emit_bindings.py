@@ -1,5 +1,5 @@
 """The blocks of the extension module: constant tables of what each command gives to Python, in the order in
-which it is registered. The functions that act on the tables are hand-written, in `python/`."""
+which it is registered. The functions that act on the tables are hand-written, in `python/extension/records/`."""
 
 from __future__ import annotations
 
@@ -36,7 +36,7 @@ def families(catalogue: Catalogue) -> str:
     found = [family.name for family in catalogue.families]
     declared = "".join(f"extern const std::span<BlockEntry> {name}_blocks;\n" for name in found)
     listed = ", ".join(f"{name}_blocks" for name in found)
-    return f"""{GENERATED}#include "CommandBlock.hpp"
+    return f"""{GENERATED}#include "records/CommandBlock.hpp"
 
 #include <vector>
 
@@ -52,7 +52,7 @@ std::vector<std::span<BlockEntry>> commandBlocks() {{ return {{{listed}}}; }}
 def blocks(family: Family) -> str:
     tables = "".join(command_tables(command) for command in family.commands)
     entries = [f"    {entry},\n" for command in family.commands for entry in command_entries(command)]
-    return f"""{GENERATED}#include "CommandBlock.hpp"
+    return f"""{GENERATED}#include "records/CommandBlock.hpp"
 
 #include <vorlinkit/commands/{family.name}.hpp>
 
@@ -108,9 +108,10 @@ def record_table(command: Command, message: Message, record: Record) -> str:
     fields = f"constexpr Field {name}_fields[] = {{\n{rows}}};\n" if rows else ""
     attributes = f"attributesOf({name}_fields)" if rows else "noAttributes()"
     about = literal(record_doc(command, message, record))
+    shown = literal(f"{MODULE}.{name}")
     return (
         f"{operations}{fields}constinit auto {name}_attributes = {attributes};\n"
-        f"constinit RecordType {name} = record<c::{name}>({literal(name)}, {name}_attributes.data(),\n    {about});\n"
+        f"constinit RecordType {name} = record<c::{name}>({shown}, {name}_attributes.data(),\n    {about});\n"
     )
 
 

@@ -7,6 +7,7 @@ import resource
 import pytest
 import vorlinkit_python as vorlin
 from catalogue_records import RECORDS, class_of
+from fake_server import run_script
 
 Capture = vorlin.CaptureFrameExRequest
 Capturable = vorlin.CaptureFrameExRequestCapturablesItem
@@ -150,3 +151,78 @@ def test_former_contents_go_with_their_last_view():
         assert glance.capturable_id
     assert kept.capturable_id == "kept"
     assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before < 50 * 1024
+
+
+# Python code that runs in the middle of an access moves what is accessed, or takes it away: an error handler
+# while a text is converted, a finaliser when a new list starts a garbage collection.
+MEDDLING_SCRIPT = """
+import codecs, gc, sys
+import vorlinkit_python as vorlin
+
+class Garbage:
+    def __init__(self, finalise):
+        self.myself, self.finalise = self, finalise
+    def __del__(self):
+        self.finalise()
+
+def with_finaliser(finalise, act):
+    gc.disable()
+    Garbage(finalise)
+    kept = [[] for _ in range(1000)]  # what lists the interpreter has in reserve
+    gc.set_threshold(1)
+    gc.enable()
+    return act()
+
+Item = vorlin.GetArchiveStatisticsResponseDataPointsItem
+point = Item()
+
+def overwrite():
+    point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemWhiteness()
+
+def handle(error):
+    overwrite()
+    return "?", error.end
+
+def write_text():
+    point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats()
+    view = point.archived_data_point
+    earlier = codecs.lookup_error("surrogateescape")
+    codecs.register_error("surrogateescape", handle)
+    view.csv_data = "\\ud800" + "x" * 100
+    codecs.register_error("surrogateescape", earlier)
+    return view.csv_data == "?" + "x" * 100
+
+def write_text_while_collecting():
+    point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats()
+    view = point.archived_data_point
+    with_finaliser(overwrite, lambda: setattr(view, "csv_data", "\\udcff" * 100))
+    return view.csv_data == "\\udcff" * 100
+
+def lamps():
+    use = vorlin.GetArchiveStatisticsResponseDataPointsItemLampUse()
+    use.list_of_lamps = [vorlin.GetArchiveStatisticsResponseDataPointsItemLampUseLampsItem()] * 3
+    return use
+
+def read_list_that_moves():
+    point.archived_data_point = lamps()
+    view = point.archived_data_point
+    read = with_finaliser(overwrite, lambda: view.list_of_lamps)
+    return [each.use_time for each in read] == [0] * 3
+
+def read_list_that_is_emptied():
+    use = lamps()
+    read = with_finaliser(lambda: setattr(use, "list_of_lamps", []), lambda: use.list_of_lamps)
+    return [each.use_time for each in read] == []
+
+assert vars()[sys.argv[1]]()
+record = point.archived_data_point
+assert type(record).__name__.endswith("Whiteness") or sys.argv[1].endswith("emptied")
+"""
+
+
+@pytest.mark.parametrize("access", [
+    "write_text", "write_text_while_collecting", "read_list_that_moves", "read_list_that_is_emptied",
+])  # fmt: skip
+def test_python_code_in_the_middle_of_an_access(access):
+    result = run_script(MEDDLING_SCRIPT, access)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")

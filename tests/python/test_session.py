@@ -2,6 +2,7 @@
 
 import gc
 import queue
+import re
 import threading
 import weakref
 from concurrent.futures import ThreadPoolExecutor
@@ -76,13 +77,16 @@ def test_wrong_arguments_raise_and_send_nothing(call):
 
 
 def test_signatures_are_in_the_docstrings():
+    # How the types are written is the binding library's affair, and changes with its version.
     session = vorlin.VorlinSession
-    assert session.__init__.__doc__.startswith(
-        "__init__(self: vorlinkit_python.VorlinSession, config: vorlinkit_python.SessionConfig, "
-        "logger: vorlinkit_python.IVorlinLogger = None) -> None"
+    assert re.match(
+        r"__init__\(self: vorlinkit_python\.VorlinSession, config: vorlinkit_python\.SessionConfig, "
+        r"logger: vorlinkit_python\.IVorlinLogger.* = None\) -> None",
+        session.__init__.__doc__,
     )
-    assert session.send.__doc__.startswith(
-        "send(self: vorlinkit_python.VorlinSession, commandId: int, payload: Optional[bytes] = None) -> tuple"
+    assert re.match(
+        r"send\(self: vorlinkit_python\.VorlinSession, commandId: .*[Ii]nt.*, payload: .*bytes.* = None\) -> tuple",
+        session.send.__doc__,
     )
     public = "SessionConfig", "IVorlinLogger", "FieldCodedValue", "FieldCodedValues", "VorlinSession"
     undocumented = [

@@ -64,6 +64,13 @@ def test_access_keys_of_another_length_are_ignored_and_a_bad_one_keeps_those_bef
         assert config.access_keys == (9, 8, 30, 135)
 
 
+def test_a_host_with_a_0_byte_is_no_host():
+    config = vorlin.SessionConfig()
+    with pytest.raises(ValueError, match="^host: a 0 byte is no part of a name or an address$"):
+        config.host = "localhost\0.example"
+    assert config.host == "localhost"
+
+
 @pytest.mark.parametrize(
     ("enumeration", "members"),
     [

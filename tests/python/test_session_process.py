@@ -2,11 +2,17 @@
 
 import contextlib
 import os
+import resource
+import shutil
 import signal
 import socket
+import subprocess
+import sys
+import sysconfig
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 import vorlinkit_python as vorlin
@@ -14,7 +20,7 @@ from fake_server import config_for, echo, echo_behind, read_request, run_script,
 from vorlinkit.wire.frames import notification
 
 # Ends in the middle of everything: notifications into a callback, a logger, requests from daemon threads
-# and from threads that are never answered, and a session that is waiting to re-connect.
+# and from threads that are never answered, a session that is waiting to re-connect, and one that is connecting.
 BUSY_SCRIPT = """
 import sys, threading
 import vorlinkit_python as vorlin
@@ -39,6 +45,8 @@ for port in sys.argv[1:4]:  # a busy server, a silent one, none
     session.connect()
     for _ in range(3):
         threading.Thread(target=ask, args=(session,), daemon=True).start()
+connecting = vorlin.VorlinSession(config_for(int(sys.argv[4]), connection_timeout=60000))
+threading.Thread(target=connecting.connect, daemon=True).start()
 enough.wait()
 sys.exit(7)
 """
@@ -47,11 +55,11 @@ chatter = echo_behind(*[notification(44, b"x" * 50)] * 5)
 
 @pytest.mark.parametrize("turn", range(5))
 def test_a_script_exits_at_once_and_silently(turn):
-    with serving(chatter) as busy, serving(silence) as silent:
+    with serving(chatter) as busy, serving(silence) as silent, deaf_port() as deaf:
         with serving(echo) as lost:
             pass
         started = time.monotonic()
-        result = run_script(BUSY_SCRIPT, busy, silent, lost)
+        result = run_script(BUSY_SCRIPT, busy, silent, lost, deaf)
     assert (result.returncode, result.stdout, result.stderr) == (7, "", "")
     assert time.monotonic() - started < 10
 
@@ -148,6 +156,73 @@ def test_a_signal_ends_a_wait(method):
     assert session.send(1) == (None, "Not connected")
 
 
+def test_a_signal_ends_the_wait_for_a_close_which_goes_on():
+    earlier = signal.signal(signal.SIGUSR1, interrupt)
+    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGUSR1))
+    busy, done, closed = threading.Event(), threading.Event(), threading.Event()
+    try:
+        with serving(chatter) as port:
+            session = vorlin.VorlinSession(config_for(port))
+            session.on_notification(44, lambda _: (busy.set(), done.wait(5)))
+            session.on_connection_state_changed(lambda connected, _: connected or closed.set())
+            assert session.connect() == (True, "")
+            threading.Thread(target=session.send, args=(1,), daemon=True).start()
+            assert busy.wait(5)
+            started = time.monotonic()
+            timer.start()
+            with pytest.raises(InterruptedError):
+                session.disconnect()
+            assert time.monotonic() - started < 0.3 + 0.2
+            done.set()
+            assert closed.wait(5)
+    finally:
+        timer.cancel()
+        done.set()
+        signal.signal(signal.SIGUSR1, earlier)
+
+
+MUTUAL_SCRIPT = """
+import sys, threading
+import vorlinkit_python as vorlin
+from fake_server import config_for
+
+sessions = [vorlin.VorlinSession(config_for(int(sys.argv[1]))) for _ in range(2)]
+both, closed = threading.Barrier(2), threading.Semaphore(0)
+for session, other in (sessions, sessions[::-1]):
+    session.on_notification(44, lambda _, other=other: (both.wait(5), other.disconnect()))
+    session.on_connection_state_changed(lambda connected, _: connected or closed.release())
+    session.connect()
+for session in sessions:
+    threading.Thread(target=session.send, args=(1,), daemon=True).start()
+for _ in sessions:
+    closed.acquire()
+for session in sessions:
+    session.disconnect()
+"""
+
+
+def test_sessions_that_disconnect_each_other_from_their_callbacks_both_close():
+    with serving(echo_behind(notification(44))) as port:
+        result = run_script(MUTUAL_SCRIPT, port)
+    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+
+
+def test_threads_that_wait_for_answers_use_no_time():
+    with ThreadPoolExecutor(200) as threads, serving(silence) as port:
+        session = vorlin.VorlinSession(config_for(port))
+        assert session.connect() == (True, "")
+        started = threading.Barrier(201)
+        answers = [threads.submit(lambda: (started.wait(), session.send(1))) for _ in range(200)]
+        started.wait()
+        time.sleep(0.5)  # all of them have got to their waits, and stay there
+        before = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw
+        time.sleep(1)
+        switches = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw - before
+        session.disconnect()
+        assert all(answer.result(timeout=5)[1][0] is None for answer in answers)
+    assert switches < 200
+
+
 FORK_SCRIPT = """
 import gc, os, sys, threading
 import vorlinkit_python as vorlin
@@ -230,6 +305,46 @@ def test_a_sub_interpreter_is_refused(main_interpreter):
     assert result.stdout.splitlines() == [
         "vorlinkit_python cannot be imported in a sub-interpreter",
         "(None, 'Not connected')",
+    ]
+
+
+EMBEDDER = """
+#include <Python.h>
+
+int main() {
+  for (int turn = 0; turn < 2; ++turn) {
+    Py_Initialize();
+    PyRun_SimpleString(
+        "try:\\n"
+        "    import vorlinkit_python as vorlin\\n"
+        "    print(vorlin.VorlinSession(vorlin.SessionConfig()).send(1), flush=True)\\n"
+        "except ImportError as error:\\n"
+        "    print(error, flush=True)\\n");
+    if (Py_FinalizeEx() != 0) return 1;
+  }
+  return 0;
+}
+"""
+
+
+def test_a_second_interpreter_of_a_process_is_refused(tmp_path):
+    compiler, settings = shutil.which("c++"), sysconfig.get_config_vars()
+    library = Path(settings["LIBDIR"], settings["LDLIBRARY"])
+    if not compiler or not library.exists():
+        pytest.skip("no compiler, or no library to embed this Python with")
+    (tmp_path / "embedder.cpp").write_text(EMBEDDER)
+    command = [compiler, "-I", settings["INCLUDEPY"], "embedder.cpp", library, "-o", "embedder"]
+    flags = [flag for name in ("LINKFORSHARED", "LIBS", "SYSLIBS") for flag in settings[name].split()]
+    subprocess.run([*command, *flags], cwd=tmp_path, check=True)
+    environment = dict(os.environ, PYTHONHOME=sys.base_prefix, PYTHONPATH=os.pathsep.join(sys.path))
+    result = subprocess.run(
+        [tmp_path / "embedder"], env=environment, capture_output=True, text=True, timeout=60
+    )
+    assert (result.returncode, result.stderr) == (0, "")
+    assert result.stdout.splitlines() == [
+        "(None, 'Not connected')",
+        "vorlinkit_python cannot be imported once more in this process: the interpreter that had imported it has "
+        "been finalised",
     ]
 
 

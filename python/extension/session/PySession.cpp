@@ -1,0 +1,173 @@
+#include "session/PySession.hpp"
+
+#include "interpreter/CoreText.hpp"
+#include "interpreter/SessionLifetime.hpp"
+
+#include <span>
+#include <stdexcept>
+#include <string_view>
+
+namespace py = pybind11;
+
+namespace vorlinkit::python {
+
+namespace {
+
+constexpr std::string_view notAwaitable =
+    "The session can no longer be used: the interpreter is exiting, or the session was made before a fork";
+
+std::string fromCallback(const char* method) {
+  return std::string(method) +
+         " was called from a callback of its own session, on the thread that would bring the answer; "
+         "call it from another thread, for example through a queue.Queue";
+}
+
+py::bytes bytesOf(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::span<const std::byte> viewOf(const py::bytes& bytes) {
+  return {reinterpret_cast<const std::byte*>(PyBytes_AS_STRING(bytes.ptr())),
+          static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr()))};
+}
+
+py::tuple connectFailed(std::string_view text) { return py::make_tuple(false, decodeCoreText(text)); }
+py::tuple sendFailed(std::string_view text) { return py::make_tuple(py::none(), decodeCoreText(text)); }
+
+/// Puts `callback` into `slot`. True when the slot is new, so that the core has to be told.
+bool store(std::shared_ptr<PythonCallback>& slot, const char* name, const py::function& callback) {
+  if (slot) {
+    slot->replace(callback);
+    return false;
+  }
+  slot = std::make_shared<PythonCallback>(name, callback);
+  return true;
+}
+
+/// Starts something in the core and waits for what comes of it, with the interpreter lock given up. Nothing when
+/// the interpreter is on its way out.
+template <typename Start> auto awaitOutcome(Start&& start) -> std::optional<decltype(start().get())> {
+  InterpreterRelease unlocked;
+  if (!unlocked) return std::nullopt;
+  auto future = start();
+  if (!unlocked.wait(future)) return std::nullopt;
+  return future.get();
+}
+
+/// Runs a registration in the core without the interpreter lock: the I/O thread may hold the core's lock
+/// for that callback while it waits for the interpreter.
+template <typename Register> void registerUnlocked(Register&& inCore) {
+  const InterpreterRelease unlocked;
+  if (unlocked) inCore();
+}
+
+} // namespace
+
+PySession::PySession(const SessionConfig& config, std::shared_ptr<IVorlinLogger> logger)
+    : generation_(FinalisationGate::instance().generation()) {
+  if (FinalisationGate::instance().closed()) throw std::runtime_error("The interpreter is exiting");
+  core_ = std::make_unique<VorlinSession>(config, std::move(logger));
+  core_->set_chunk_hooks(&InterpreterLock::beginChunk, &InterpreterLock::endChunk);
+  SessionLifetime::add(core_);
+}
+
+PySession::~PySession() {
+  SessionLifetime::remove(core_);
+  if (!core_) return;
+  const InterpreterRelease unlocked;
+  core_.reset();
+}
+
+VorlinSession* PySession::usableCore() const noexcept {
+  return generation_ == FinalisationGate::instance().generation() ? core_.get() : nullptr;
+}
+
+py::tuple PySession::connect() {
+  auto* const core = usableCore();
+  if (!core) return connectFailed(notAwaitable);
+  if (core->is_io_thread()) return connectFailed(fromCallback("connect"));
+  const auto result = awaitOutcome([core] { return core->connect(); });
+  if (!result) return connectFailed(notAwaitable);
+  if (!*result) return connectFailed(result->error().message);
+  return py::make_tuple(true, "");
+}
+
+void PySession::disconnect() {
+  auto* const core = usableCore();
+  if (!core) return;
+  InterpreterRelease unlocked;
+  if (unlocked) unlocked.wait(core->start_disconnect());
+}
+
+bool PySession::isConnected() const noexcept {
+  const auto* const core = usableCore();
+  return core && core->is_connected();
+}
+
+std::uint8_t PySession::clientId() const noexcept {
+  const auto* const core = usableCore();
+  return core ? core->client_id() : std::uint8_t{0};
+}
+
+py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes>& payload) {
+  auto* const core = usableCore();
+  if (!core) return sendFailed(notAwaitable);
+  if (core->is_io_thread()) return sendFailed(fromCallback("send"));
+  // The bytes object cannot change and is held by the caller; the core copies it before it returns.
+  const auto view = payload ? viewOf(*payload) : std::span<const std::byte>{};
+  const auto result = awaitOutcome([&] { return core->send(commandId, view); });
+  if (!result) return sendFailed(notAwaitable);
+  if (!*result) return sendFailed(result->error().message);
+  return py::make_tuple(bytesOf((*result)->payload), "");
+}
+
+void PySession::onConnectionStateChanged(const py::function& callback) {
+  auto* const core = usableCore();
+  if (!store(stateSlot_, "on_connection_state_changed", callback) || !core) return;
+  registerUnlocked([core, slot = stateSlot_] {
+    core->on_connection_state_changed([slot](bool connected, const std::string& reason) {
+      slot->call([&] { return std::array<py::object, 2>{py::bool_(connected), decodeCoreText(reason)}; });
+    });
+  });
+}
+
+void PySession::onNotification(std::uint16_t commandId, const py::function& callback) {
+  auto& stored = notificationSlots_[commandId];
+  auto* const core = usableCore();
+  if (!store(stored, "on_notification", callback) || !core) return;
+  registerUnlocked([core, slot = stored, commandId] {
+    core->on_notification(commandId, [slot](const RawMessage& message) {
+      slot->call([&] { return std::array<py::object, 1>{bytesOf(message.payload)}; });
+    });
+  });
+}
+
+void PySession::onFrame(const py::function& callback) {
+  auto* const core = usableCore();
+  if (!store(frameSlot_, "on_frame", callback) || !core) return;
+  registerUnlocked([core, slot = frameSlot_] {
+    core->on_frame([slot](FrameDirection direction, std::span<const std::byte> frame) {
+      slot->call([&] { return std::array<py::object, 2>{FrameDirections::of(direction), bytesOf(frame)}; });
+    });
+  });
+}
+
+int PySession::visitCallbacks(visitproc visit, void* context) const {
+  if (stateSlot_)
+    if (const int stop = stateSlot_->visit(visit, context)) return stop;
+  if (frameSlot_)
+    if (const int stop = frameSlot_->visit(visit, context)) return stop;
+  for (const auto& [commandId, slot] : notificationSlots_)
+    if (const int stop = slot->visit(visit, context)) return stop;
+  return 0;
+}
+
+void PySession::clearCallbacks() {
+  // Slots stay, and releasing a callable may run Python code that comes back here.
+  if (stateSlot_) stateSlot_->clear();
+  if (frameSlot_) frameSlot_->clear();
+  for (const auto& [commandId, slot] : notificationSlots_)
+    slot->clear();
+}
+
+} // namespace vorlinkit::python
