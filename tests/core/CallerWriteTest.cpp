@@ -12,7 +12,8 @@ constexpr std::uint16_t busy = 4; // the notification that keeps the I/O thread 
 
 /// A connected session whose I/O thread does not come back before `release`.
 struct BusySession {
-  explicit BusySession(const ScriptedMachine& machine) : session(configFor(machine.port(), 1ms)) {
+  explicit BusySession(const ScriptedMachine& machine) : BusySession(configFor(machine.port(), 1ms)) {}
+  explicit BusySession(const SessionConfig& config) : session(config) {
     session.on_notification(busy, [this](const RawMessage&) {
       entered.set_value();
       release.get_future().wait();
@@ -45,9 +46,33 @@ TEST(CallerWrite, ReachesTheMachineAtOnceAndIsNotOvertaken) {
   busySession.release.set_value();
   for (auto& answer : answers)
     EXPECT_TRUE(answer.get());
-  EXPECT_TRUE(busySession.session.send(25).get()) << "the way is open again";
+  EXPECT_TRUE(busySession.session.send(25).get()) << "callers may write again";
   busySession.session.disconnect();
   EXPECT_EQ(order, (std::vector<std::uint16_t>{21, 22, 23, 24, 25}));
+}
+
+TEST(CallerWrite, IsAnsweredHoweverLateTheIoThreadIs) {
+  constexpr auto timeout = 10ms;
+  std::atomic<int> sent = 0;
+  std::promise<void> answered;
+  ScriptedMachine machine({[&](Peer& peer) {
+    peer.write(notification(busy, {}));
+    while (const auto got = peer.read()) {
+      ++sent;
+      peer.write(response(got->commandId, got->payload()));
+      answered.set_value();
+    }
+  }});
+  SessionConfig config = configFor(machine.port());
+  config.request_timeout = timeout;
+  config.request_attempts = 3;
+  BusySession busySession(config);
+  auto outcome = busySession.session.send(9, bytes({1}));
+  answered.get_future().wait();
+  std::this_thread::sleep_for(2 * timeout); // the lateness itself
+  busySession.release.set_value();
+  EXPECT_TRUE(outcome.get());
+  EXPECT_EQ(sent, 1) << "the command was not carried out twice";
 }
 
 TEST(CallerWrite, FailsWithItsConnectionAndIsNoGhostOnTheNext) {

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <latch>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,18 +99,58 @@ TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
   EXPECT_EQ(logger->count("4 src/VorlinSessionImpl io_context run exception: broken handler"), 1);
 }
 
+TEST(SessionLife, SessionsMayDisconnectEachOtherFromTheirCallbacks) {
+  ScriptedMachine machine({[](Peer& peer) {
+    peer.write(notification(4, {}));
+    peer.echo();
+  }});
+  std::latch bothAreThere(2);
+  VorlinSession first(configFor(machine.port()));
+  VorlinSession second(configFor(machine.port()));
+  std::promise<void> down[2];
+  const auto disconnects = [&](VorlinSession& one, VorlinSession& other, std::promise<void>& isDown) {
+    one.on_notification(4, [&](const RawMessage&) {
+      bothAreThere.arrive_and_wait();
+      other.disconnect();
+    });
+    one.on_connection_state_changed([&](bool connected, const std::string&) {
+      if (!connected) isDown.set_value();
+    });
+  };
+  disconnects(first, second, down[0]);
+  disconnects(second, first, down[1]);
+  auto connecting = first.connect();
+  ASSERT_TRUE(second.connect().get());
+  ASSERT_TRUE(connecting.get());
+  for (auto& closed : down)
+    EXPECT_EQ(closed.get_future().wait_for(10s), std::future_status::ready);
+}
+
 TEST(SessionLife, AForkedChildDropsASessionWithoutWaiting) {
   ScriptedMachine machine({&Peer::echo});
   auto session = std::make_unique<VorlinSession>(configFor(machine.port(), 1h));
-  ASSERT_TRUE(session->connect().get());
+  std::promise<void> inObserver;
+  std::promise<void> release;
+  session->on_connection_state_changed([&](bool connected, const std::string&) { // its lock is held meanwhile
+    if (!connected) return;
+    inObserver.set_value();
+    release.get_future().wait();
+  });
+  auto connecting = session->connect();
+  inObserver.get_future().wait();
   const pid_t child = fork();
   if (child == 0) {
     alarm(5);
     const bool lost = !session->is_connected() && !session->send(3).get() && !session->connect().get();
     session->disconnect();
+    session->on_notification(4, {});
+    session->on_frame({});
+    session->on_connection_state_changed({});
     session.reset();
     _exit(lost ? 0 : 1);
   }
+  release.set_value();
+  EXPECT_TRUE(connecting.get());
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
