@@ -56,6 +56,7 @@ public:
   using allocator_type = HandlerAllocator<Handler>;
 
   HandlerIn(HandlerMemory& memory, Handler handler) : memory_(&memory), handler_(std::move(handler)) {}
+  // NOLINTNEXTLINE(readability-identifier-naming): asio's name
   allocator_type get_allocator() const noexcept { return allocator_type(*memory_); }
   template <typename... Args> void operator()(Args&&... args) { handler_(std::forward<Args>(args)...); }
 

@@ -18,6 +18,7 @@ void MessageFramer::drive() noexcept {
   driving_ = false;
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): visit throws for a variant that an exception has left empty; none does
 void MessageFramer::performAll() noexcept {
   for (;;) {
     RequestFsm::Action action = fsm_.next();

@@ -18,6 +18,7 @@
 namespace vorlinkit {
 
 /// An error whose text has to be made. It arrives without its text rather than not at all: short texts need no memory.
+// NOLINTNEXTLINE(bugprone-exception-escape): the short text
 template <typename MakeText> Error errorWith(ErrorCode code, MakeText&& makeText) noexcept {
   try {
     return {code, std::forward<MakeText>(makeText)()};
@@ -46,6 +47,7 @@ public:
   }
 
   std::future<Outcome> future() { return promise_.get_future(); }
+  // NOLINTNEXTLINE(bugprone-exception-escape): set_value throws when it is called twice
   void give(Outcome outcome) noexcept {
     if (std::exchange(open_, false)) promise_.set_value(std::move(outcome));
   }

@@ -1,3 +1,4 @@
+// Events: what they mean for the request in flight.
 #include "RequestFsm.hpp"
 
 #include "SaturatingTime.hpp"
@@ -8,23 +9,6 @@
 #include <utility>
 
 namespace vorlinkit {
-
-void LateAnswers::add(std::uint16_t commandId) noexcept {
-  if (contains(commandId)) return;
-  if (count_ == commands_.size())
-    more_ = true;
-  else
-    commands_[count_++] = commandId;
-}
-
-void LateAnswers::answered(std::uint16_t commandId) noexcept {
-  if (!more_ && !contains(commandId)) clear();
-}
-
-bool LateAnswers::contains(std::uint16_t commandId) const noexcept {
-  const auto known = std::span(commands_).first(count_);
-  return std::ranges::find(known, commandId) != known.end();
-}
 
 RequestFsm::RequestFsm(std::chrono::milliseconds timeout, std::uint32_t attempts, TrafficCounters& counters)
     : timeout_(timeout), attempts_(std::max<std::uint32_t>(attempts, 1)), counters_(counters) {}
@@ -176,72 +160,6 @@ void RequestFsm::timedOut() noexcept {
     return "Request timeout for commandId=" + std::to_string(commandId) + " after " + std::to_string(attempts_) +
            " attempt(s)";
   })));
-}
-
-// -- the end ------------------------------------------------------------------------------------------------
-
-void RequestFsm::lost(const Error& error) noexcept {
-  failAll(error);
-  lateAnswers_.clear();
-}
-
-void RequestFsm::stop() noexcept {
-  failAll(stoppedError());
-  stopped_ = true;
-}
-
-void RequestFsm::failAll(const Error& error) noexcept {
-  failure_ = copyOf(error);
-  if (active_) failed_.push(std::move(active_));
-  while (!queue_.empty())
-    failed_.push(queue_.pop());
-  stage_ = Stage::Idle;
-  writing_ = false;
-  outcome_.reset();
-  overAtOnce_ = false;
-  rest_.reset();
-  log_.reset();
-  deadline_ = TimePoint::max();
-}
-
-// -- what to do ---------------------------------------------------------------------------------------------
-
-bool RequestFsm::isOver() const noexcept { return outcome_ && (stage_ != Stage::Sending || overAtOnce_ || !writing_); }
-
-bool RequestFsm::isQuiet() const noexcept {
-  return !active_ && queue_.empty() && failed_.empty() && !writing_ && !stopped_ && lateAnswers_.none();
-}
-
-RequestFsm::Action RequestFsm::next() noexcept {
-  if (!failed_.empty()) return Complete{failed_.pop(), std::unexpected(copyOf(failure_))};
-  if (log_) return *std::exchange(log_, std::nullopt);
-  if (isOver()) return complete();
-  if (rest_) {
-    Action action = std::move(*rest_);
-    rest_.reset();
-    return action;
-  }
-  if (stage_ == Stage::TimeUp) {
-    stage_ = Stage::Reading;
-    return ReadLine{};
-  }
-  if (stage_ == Stage::Idle && !queue_.empty() && !writing_) {
-    active_ = queue_.pop();
-    attempt_ = 1;
-    stage_ = Stage::ToSend;
-  }
-  if (stage_ != Stage::ToSend) return Nothing{};
-  stage_ = Stage::Sending;
-  writing_ = true;
-  return Send{*active_};
-}
-
-RequestFsm::Complete RequestFsm::complete() noexcept {
-  stage_ = Stage::Idle;
-  overAtOnce_ = false;
-  Complete action{std::move(active_), std::move(*outcome_)};
-  outcome_.reset();
-  return action;
 }
 
 } // namespace vorlinkit

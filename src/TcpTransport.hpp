@@ -83,7 +83,7 @@ private:
   void readable(Number number, std::error_code failure) noexcept;
   std::size_t readSome() noexcept;
   void deliver(std::span<const std::byte> chunk) noexcept;
-  std::error_code writeSome();
+  std::error_code writeSome() noexcept;
   void awaitWritable();
   void writable(Number number, std::error_code failure) noexcept;
   std::uint64_t pendingBytes() noexcept;

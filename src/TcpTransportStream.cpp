@@ -99,7 +99,7 @@ std::optional<ITransportWriteChannel::Written> TcpTransport::write(std::vector<s
 }
 
 /// Writes what fits without waiting; nothing is outgoing when that was all.
-std::error_code TcpTransport::writeSome() {
+std::error_code TcpTransport::writeSome() noexcept {
   std::error_code failure;
   const auto rest = std::span(outgoing_->frame).subspan(outgoing_->written);
   outgoing_->written += socket_.write_some(asio::buffer(rest.data(), rest.size()), failure);
@@ -114,6 +114,7 @@ void TcpTransport::awaitWritable() {
       HandlerIn(writeMemory_, [this, number = fsm_.number()](std::error_code failure) { writable(number, failure); }));
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): the framer's onWritten does not throw
 void TcpTransport::writable(Number number, std::error_code failure) noexcept {
   if (!isCurrent(number) || !outgoing_) return;
   if (!failure) failure = writeSome();

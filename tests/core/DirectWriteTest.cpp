@@ -100,7 +100,7 @@ TEST(DirectWrite, ClaimAndDetachWaitForTheEndOfAWrite) {
 }
 
 TEST(DirectWrite, ARequestIsTakenOverWhileItsCallerStillWrites) {
-  for (const std::size_t taken : {18, 5, 0}) {
+  for (const std::size_t taken : {18UZ, 5UZ, 0UZ}) {
     for (const bool answered : {true, false}) {
       DirectWrite direct;
       direct.attach([&](std::span<const std::byte>) {

@@ -348,6 +348,51 @@ def test_a_second_interpreter_of_a_process_is_refused(tmp_path):
     ]
 
 
+FAILING_NEW = """
+#include <cstdlib>
+#include <new>
+extern "C" { int new_fails_after = -1; }
+void* operator new(std::size_t size) {
+  if (new_fails_after >= 0 && new_fails_after-- == 0) throw std::bad_alloc();
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+"""
+
+NO_MEMORY_SCRIPT = """
+import ctypes, gc, sys
+import vorlinkit_python as vorlin
+
+fails_after = ctypes.c_int.in_dll(ctypes.CDLL(sys.argv[1]), "new_fails_after")
+session, failed = vorlin.VorlinSession(vorlin.SessionConfig()), 0
+for count in range(20):
+    fails_after.value = count
+    try:
+        session.on_notification(100 + count, print)
+    except MemoryError:
+        failed += 1
+    fails_after.value = -1
+    gc.collect()
+print(failed)
+"""
+
+
+def test_a_registration_without_memory_leaves_a_session_that_can_be_collected(tmp_path, monkeypatch):
+    compiler, library = shutil.which("c++"), tmp_path / "failing_new.so"
+    if compiler is None:
+        pytest.skip("no compiler")
+    (tmp_path / "failing_new.cpp").write_text(FAILING_NEW)
+    words = [compiler, "-shared", "-fPIC", "failing_new.cpp", "-o", library]
+    subprocess.run(words, cwd=tmp_path, check=True)
+    monkeypatch.setenv("LD_PRELOAD", str(library))
+    result = run_script(NO_MEMORY_SCRIPT, library)
+    assert (result.returncode, result.stderr) == (0, "")
+    if int(result.stdout) == 0:
+        pytest.skip("the module was linked with a C++ library of its own")
+
+
 def test_disconnect_lets_every_waiting_thread_go():
     waiting = threading.Semaphore(0)
 

@@ -34,16 +34,6 @@ std::span<const std::byte> viewOf(const py::bytes& bytes) {
 py::tuple connectFailed(std::string_view text) { return py::make_tuple(false, decodeCoreText(text)); }
 py::tuple sendFailed(std::string_view text) { return py::make_tuple(py::none(), decodeCoreText(text)); }
 
-/// Puts `callback` into `slot`. True when the slot is new, so that the core has to be told.
-bool store(std::shared_ptr<PythonCallback>& slot, const char* name, const py::function& callback) {
-  if (slot) {
-    slot->replace(callback);
-    return false;
-  }
-  slot = std::make_shared<PythonCallback>(name, callback);
-  return true;
-}
-
 /// Starts something in the core and waits for what comes of it, with the interpreter lock given up. Nothing when
 /// the interpreter is on its way out.
 template <typename Start> auto awaitOutcome(Start&& start) -> std::optional<decltype(start().get())> {
@@ -52,13 +42,6 @@ template <typename Start> auto awaitOutcome(Start&& start) -> std::optional<decl
   auto future = start();
   if (!unlocked.wait(future)) return std::nullopt;
   return future.get();
-}
-
-/// Runs a registration in the core without the interpreter lock: the I/O thread may hold the core's lock
-/// for that callback while it waits for the interpreter.
-template <typename Register> void registerUnlocked(Register&& inCore) {
-  const InterpreterRelease unlocked;
-  if (unlocked) inCore();
 }
 
 } // namespace
@@ -121,53 +104,69 @@ py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes
   return py::make_tuple(bytesOf((*result)->payload), "");
 }
 
-void PySession::onConnectionStateChanged(const py::function& callback) {
+/// Returns when notifications reach the callable, also when another thread has begun to register the slot. The core is
+/// told without the interpreter lock: the I/O thread may hold the core's lock while it waits for the interpreter.
+template <typename Register>
+void PySession::keep(Slot& slot, const char* name, const py::function& callback, Register&& registerInCore) {
+  if (slot.callback)
+    slot.callback->replace(callback);
+  else
+    slot.callback = std::make_shared<PythonCallback>(name, callback);
   auto* const core = usableCore();
-  if (!store(stateSlot_, "on_connection_state_changed", callback) || !core) return;
-  registerUnlocked([core, slot = stateSlot_] {
-    core->on_connection_state_changed([slot](bool connected, const std::string& reason) {
-      slot->call([&] { return std::array<py::object, 2>{py::bool_(connected), decodeCoreText(reason)}; });
+  if (!core || slot.inCore) return;
+  {
+    const auto kept = slot.callback;
+    const InterpreterRelease unlocked;
+    if (!unlocked) return;
+    registerInCore(*core, kept);
+  }
+  slot.inCore = true;
+}
+
+void PySession::onConnectionStateChanged(const py::function& callback) {
+  keep(stateSlot_, "on_connection_state_changed", callback, [](VorlinSession& core, const auto& kept) {
+    core.on_connection_state_changed([kept](bool connected, const std::string& reason) {
+      kept->call([&] { return std::array<py::object, 2>{py::bool_(connected), decodeCoreText(reason)}; });
     });
   });
 }
 
 void PySession::onNotification(std::uint16_t commandId, const py::function& callback) {
-  auto& stored = notificationSlots_[commandId];
-  auto* const core = usableCore();
-  if (!store(stored, "on_notification", callback) || !core) return;
-  registerUnlocked([core, slot = stored, commandId] {
-    core->on_notification(commandId, [slot](const RawMessage& message) {
-      slot->call([&] { return std::array<py::object, 1>{bytesOf(message.payload)}; });
+  keep(notificationSlots_[commandId], "on_notification", callback, [=](VorlinSession& core, const auto& kept) {
+    core.on_notification(commandId, [kept](const RawMessage& message) {
+      kept->call([&] { return std::array<py::object, 1>{bytesOf(message.payload)}; });
     });
   });
 }
 
 void PySession::onFrame(const py::function& callback) {
-  auto* const core = usableCore();
-  if (!store(frameSlot_, "on_frame", callback) || !core) return;
-  registerUnlocked([core, slot = frameSlot_] {
-    core->on_frame([slot](FrameDirection direction, std::span<const std::byte> frame) {
-      slot->call([&] { return std::array<py::object, 2>{FrameDirections::of(direction), bytesOf(frame)}; });
+  keep(frameSlot_, "on_frame", callback, [](VorlinSession& core, const auto& kept) {
+    core.on_frame([kept](FrameDirection direction, std::span<const std::byte> frame) {
+      kept->call([&] { return std::array<py::object, 2>{FrameDirections::of(direction), bytesOf(frame)}; });
     });
   });
 }
 
+// A slot is empty when there was no memory for its first callable.
+
 int PySession::visitCallbacks(visitproc visit, void* context) const {
-  if (stateSlot_)
-    if (const int stop = stateSlot_->visit(visit, context)) return stop;
-  if (frameSlot_)
-    if (const int stop = frameSlot_->visit(visit, context)) return stop;
+  const auto visitSlot = [&](const Slot& slot) { return slot.callback ? slot.callback->visit(visit, context) : 0; };
+  if (const int stop = visitSlot(stateSlot_)) return stop;
+  if (const int stop = visitSlot(frameSlot_)) return stop;
   for (const auto& [commandId, slot] : notificationSlots_)
-    if (const int stop = slot->visit(visit, context)) return stop;
+    if (const int stop = visitSlot(slot)) return stop;
   return 0;
 }
 
 void PySession::clearCallbacks() {
   // Slots stay, and releasing a callable may run Python code that comes back here.
-  if (stateSlot_) stateSlot_->clear();
-  if (frameSlot_) frameSlot_->clear();
+  const auto clear = [](const Slot& slot) {
+    if (const auto callback = slot.callback) callback->clear();
+  };
+  clear(stateSlot_);
+  clear(frameSlot_);
   for (const auto& [commandId, slot] : notificationSlots_)
-    slot->clear();
+    clear(slot);
 }
 
 } // namespace vorlinkit::python

@@ -44,7 +44,13 @@ public:
   void clearCallbacks();
 
 private:
-  using Slot = std::shared_ptr<PythonCallback>;
+  /// A callable that has been registered, and whether the core knows of it already.
+  struct Slot {
+    std::shared_ptr<PythonCallback> callback;
+    bool inCore = false;
+  };
+  template <typename Register>
+  void keep(Slot& slot, const char* name, const pybind11::function& callback, Register&& registerInCore);
 
   /// The core session; null when it must not be called: the interpreter's exit has taken it, or this is the child
   /// of a fork, where the locks of an inherited session may be held for ever.
