@@ -191,38 +191,6 @@ TEST_F(Framer, LearnsTheClientIdFromCommandOne) {
   EXPECT_EQ(clientId, 7);
 }
 
-TEST_F(Framer, ALateAnswerIsTakenByTheNextRequestOfTheSameCommand) {
-  make(0, 5ms);
-  auto early = send(9);
-  runUntilReady(early);
-  auto next = send(9);
-  receive(response(9, bytes({1})));
-  EXPECT_TRUE(next.get()) << "known and kept: a response carries nothing but its command id";
-}
-
-TEST_F(Framer, TakesAResponseThatArrivesBeforeTheWriteCompletes) {
-  channel.onWrite = [this] { framer->onBytes(response(9, bytes({1})) + response(9, bytes({2}))); };
-  auto quick = send(9);
-  const auto result = quick.get();
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->payload[0], std::byte{1}) << "the second response is not stored";
-}
-
-TEST_F(Framer, NothingThatWasFailedIsEverSent) {
-  auto active = send(9);
-  std::vector<std::future<MessageFramer::Outcome>> queued;
-  for (int i = 0; i < 400; ++i)
-    queued.push_back(send(10));
-  framer->failAll({ErrorCode::Transport, "Disconnected: x"}, false);
-  for (auto& outcome : queued)
-    EXPECT_EQ(errorOf(outcome), (Error{ErrorCode::Transport, "Disconnected: x"}));
-  settle();
-  EXPECT_EQ(channel.written.size(), 1U);
-  framer->failAll(stoppedError(), true);
-  auto late = send(11);
-  EXPECT_EQ(errorOf(late), (Error{ErrorCode::Stopped, "MessageFramer stopped"}));
-}
-
 TEST_F(Framer, JunkInTheStreamFailsTheRequestInFlight) {
   auto first = send(9);
   receive(text("XX") + response(9, {}));
