@@ -67,6 +67,7 @@ void VorlinSessionImpl::claimDirectlyWritten() {
 
 void VorlinSessionImpl::takeOver(std::optional<WrittenRequest> written) {
   if (!written) return;
+  if (!transport_->isConnected()) written->unwritten.clear(); // the rest of a frame is no use to another connection
   const std::error_code failure = written->failure;
   framer_->submitWritten(std::move(*written));
   if (failure) transport_->fail(failure);
