@@ -116,9 +116,10 @@ bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && tr
 
 void VorlinSessionImpl::onNotification(std::uint16_t commandId, NotificationHandler handler) {
   if (inherited()) return;
+  auto forget = std::make_unique<ForgetJob>(callbacks_); // first, so that a call that fails has changed nothing
   callbacks_.setNotificationHandler(commandId, std::move(handler));
   // What was replaced may still be at hand on the I/O thread, and is let go of there.
-  inbox_.push(std::make_unique<ForgetJob>(callbacks_));
+  inbox_.push(std::move(forget));
 }
 
 void VorlinSessionImpl::onFrame(FrameObserver observer) {
