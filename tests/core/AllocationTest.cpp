@@ -55,11 +55,11 @@ enum class Where { Caller, IoThread };
 enum Command : std::uint16_t {
   getClientId = 1,
   echo,
-  among,    // notifications in the same chunk
-  large,    // an answer of several chunks
-  forgets,  // every other request
-  refuses,  // major error
-  warns,    // minor error
+  among,   // notifications in the same chunk
+  large,   // an answer of several chunks
+  forgets, // every other request
+  refuses, // major error
+  warns,   // minor error
   hangsUp,
   notified = 100
 };
@@ -139,6 +139,7 @@ public:
     expectReady(call([this] { return session_->startDisconnect(); }));
     expectUsable();
     expectReady(fromCallback_);
+    std::ranges::for_each(connecting_, [this](auto& connecting) { expectReady(connecting); });
     auto last = send(hangsUp);
     call([this] { VorlinSessionImpl::dispose(std::move(session_)); });
     expectReady(last);
@@ -157,7 +158,9 @@ private:
   }
 
   void registerCallbacks() {
-    call([this] { session_->onConnectionStateChanged([this](bool up, const std::string& reason) { note(up, reason); }); });
+    call([this] {
+      session_->onConnectionStateChanged([this](bool up, const std::string& reason) { note(up, reason); });
+    });
     for (std::uint16_t id = notified; id < notified + 2; ++id)
       call([this, id] {
         session_->onNotification(id, [this](const RawMessage& message) {
@@ -173,6 +176,9 @@ private:
       up_ = up;
       changed_.notify_all();
     }
+    if (!up) // two at once, so that one is given up while a re-connect is scheduled
+      for (auto& connecting : connecting_)
+        if (!connecting.valid()) connecting = session_->connect();
     keep(std::as_bytes(std::span(reason)));
   }
   void keep(std::span<const std::byte> bytes) { kept_ = Kept(bytes.begin(), bytes.end()); }
@@ -208,6 +214,7 @@ private:
   bool up_ = false;
   Kept kept_;
   std::future<Outcome> fromCallback_;
+  std::array<std::future<std::expected<void, Error>>, 2> connecting_;
   std::unique_ptr<VorlinSessionImpl> session_;
 };
 
