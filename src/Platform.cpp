@@ -117,8 +117,9 @@ std::error_code watchForBytesOnly(asio::ip::tcp::socket& socket) {
   std::error_code failure;
   const auto protocol = socket.local_endpoint(failure).protocol();
   if (failure) return failure;
-  const auto handle = socket.release(failure);
-  if (!failure) socket.assign(protocol, handle, failure);
+  OwnedSocket released(socket.release(failure));
+  if (!failure) socket.assign(protocol, released.handle, failure);
+  if (!failure) released.handle = -1;
   return failure;
 }
 

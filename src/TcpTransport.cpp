@@ -48,7 +48,7 @@ std::expected<void, Error> TcpTransport::close() noexcept {
 void TcpTransport::fail(std::error_code reason) noexcept { carryOut(fsm_.connectionFailed(fsm_.number(), reason)); }
 
 void TcpTransport::carryOut(const ConnectionFsm::Decision& decision, std::optional<Answer<void>> caller) noexcept {
-  if (decision.cancelReconnect) reconnectTimer_.cancel();
+  if (decision.cancelReconnect) cancelReconnect();
   std::optional<Error> failure;
   if (decision.attemptFailed) failure = attemptFailed(*decision.attemptFailed);
   if (decision.lost) lost(*decision.lost);
@@ -97,11 +97,27 @@ void TcpTransport::lost(std::error_code reason) noexcept {
 void TcpTransport::scheduleReconnect() noexcept {
   if (!config_.auto_reconnect) return;
   log(logger_, LogLevel::warn, "Scheduling reconnect in {}ms", config_.reconnect_delay.count());
+  reconnectAt_ = saturatingAdd(std::chrono::steady_clock::now(), config_.reconnect_delay);
+  awaitReconnect();
+}
+
+void TcpTransport::cancelReconnect() noexcept {
+  reconnectAt_ = TimePoint::max();
+  reconnectTimer_.cancel();
+}
+
+/// One wait at a time, so that its memory is free; one that ends too early is followed by the next.
+void TcpTransport::awaitReconnect() noexcept {
+  if (reconnectAt_ == TimePoint::max() || awaitsReconnect_) return;
   try {
-    reconnectTimer_.expires_at(saturatingAdd(std::chrono::steady_clock::now(), config_.reconnect_delay));
-    reconnectTimer_.async_wait(HandlerIn(reconnectMemory_, [this](std::error_code cancelled) {
-      if (!cancelled) carryOut(fsm_.reconnectDue());
+    reconnectTimer_.expires_at(reconnectAt_);
+    reconnectTimer_.async_wait(HandlerIn(reconnectMemory_, [this](std::error_code) {
+      awaitsReconnect_ = false;
+      if (std::chrono::steady_clock::now() < reconnectAt_) return awaitReconnect();
+      reconnectAt_ = TimePoint::max();
+      carryOut(fsm_.reconnectDue());
     }));
+    awaitsReconnect_ = true;
   } catch (const std::exception& exception) {
     log(logger_, LogLevel::err, "transport exception: {}", exception.what());
   }

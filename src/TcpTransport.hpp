@@ -13,6 +13,7 @@
 #include "StallWatch.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <expected>
 #include <functional>
@@ -58,12 +59,15 @@ public:
 
 private:
   using Number = ConnectionFsm::Number;
+  using TimePoint = std::chrono::steady_clock::time_point;
 
   // What was decided (TcpTransport.cpp)
   void carryOut(const ConnectionFsm::Decision& decision, std::optional<Answer<void>> caller = {}) noexcept;
   Error attemptFailed(const ConnectionFsm::Failure& failure) noexcept;
   void lost(std::error_code reason) noexcept;
   void scheduleReconnect() noexcept;
+  void cancelReconnect() noexcept;
+  void awaitReconnect() noexcept;
   void tellCaller(std::expected<void, Error> result) noexcept;
   void reportState(bool connected, const std::string& reason) noexcept;
   std::error_code closeSocket() noexcept;
@@ -108,6 +112,8 @@ private:
   BytesCallback onBytes_;
   StateCallback onStateChanged_;
   ConnectionFsm fsm_;
+  TimePoint reconnectAt_ = TimePoint::max();
+  bool awaitsReconnect_ = false;
   std::atomic<bool> connected_{false};
   std::optional<Answer<void>> caller_; // of the attempt
   std::vector<asio::ip::tcp::endpoint> addresses_;

@@ -42,14 +42,17 @@ void TcpTransport::connectTo(std::size_t address) noexcept {
   const Number number = fsm_.number();
   const auto endpoint = addresses_[address];
   closeSocket();
-  std::error_code failure = platform::openStream(socket_, endpoint.protocol());
-  if (!failure) try {
+  std::error_code failure;
+  try {
+    failure = platform::openStream(socket_, endpoint.protocol());
+    if (!failure) {
       socket_.async_connect(
           endpoint, HandlerIn(connectMemory_, [this, number](std::error_code ended) { connectEnded(number, ended); }));
       return;
-    } catch (const std::exception&) { // only memory can run out in here
-      failure = asio::error::no_memory;
     }
+  } catch (const std::exception&) { // only memory can run out in here
+    failure = asio::error::no_memory;
+  }
   carryOut(fsm_.connectEnded(number, failure));
 }
 

@@ -6,13 +6,23 @@
 
 #include <vorlinkit/VorlinCodec.hpp>
 
+#include <chrono>
 #include <utility>
+#include <vector>
 
 namespace vorlinkit {
 
 namespace {
 
 constexpr int oneThread = 1; // lets asio leave out what only several threads need
+constexpr int timersOfASession = 4;
+
+/// Lets the event loop's list of timers grow to all it will ever hold, so that to start one takes no memory later.
+void makeRoomForTimers(asio::io_context& context) {
+  std::vector<asio::steady_timer> timers;
+  for (int i = 0; i < timersOfASession; ++i)
+    timers.emplace_back(context, std::chrono::hours(1)).async_wait([](std::error_code) {});
+}
 
 } // namespace
 
@@ -58,6 +68,7 @@ VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorl
           context_, [this] { claimDirectWrite(); }, [this] { openDirectWrite(); }),
       processGeneration_(platform::processGeneration()), drain_(makeDrainJob()) {
   wireTransport();
+  makeRoomForTimers(context_);
   ioThread_ = platform::startThread([this] { runIoThread(); });
   ioThreadId_ = ioThread_.get_id();
 }
@@ -105,9 +116,10 @@ bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && tr
 
 void VorlinSessionImpl::onNotification(std::uint16_t commandId, NotificationHandler handler) {
   if (inherited()) return;
+  auto forget = std::make_unique<ForgetJob>(callbacks_); // first, so that a call that fails has changed nothing
   callbacks_.setNotificationHandler(commandId, std::move(handler));
   // What was replaced may still be at hand on the I/O thread, and is let go of there.
-  inbox_.push(std::make_unique<ForgetJob>(callbacks_));
+  inbox_.push(std::move(forget));
 }
 
 void VorlinSessionImpl::onFrame(FrameObserver observer) {
