@@ -89,7 +89,7 @@ void MessageFramer::observeReceived(std::span<const std::byte> frame) {
   log(logger_, LogLevel::err, "Message decode error: {}", error.message);
 }
 
-void MessageFramer::onResponse(const RawMessage& message) {
+[[gnu::noinline]] void MessageFramer::onResponse(const RawMessage& message) {
   const RequestFsm::Reception reception = fsm_.response(message);
   switch (reception.kind) {
   case RequestFsm::Reception::Kind::Unexpected:
