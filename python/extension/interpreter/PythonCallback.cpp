@@ -28,7 +28,7 @@ bool writeToPythonStderr(const std::string& text) {
 }
 
 /// The exception's type, text and place. Its own __str__ may raise, too.
-std::string describe(const py::error_already_set& error) noexcept {
+std::string describe(const py::error_already_set& error) {
   try {
     return error.what();
   } catch (...) {
