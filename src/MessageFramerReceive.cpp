@@ -56,7 +56,7 @@ void MessageFramer::onBytes(std::span<const std::byte> chunk) {
   cutAndDispatch(chunk);
 }
 
-void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
+[[gnu::noinline]] void MessageFramer::cutAndDispatch(std::span<const std::byte> chunk) {
   switch (assembler_.cut(chunk, [this](FrameAssembler::Frame& frame) { onFrame(frame); })) {
   case StreamFault::None:
     return;
