@@ -59,7 +59,7 @@ REFUSED = (
         ("command=11 duplicate=3", 1, ANSWERED),
         ("minor_error=UnknownRequestVersion", 1, ANSWERED),
         ("command=11 from=1 to=2 no_answer", 3, ANSWERED),
-        ("command=11 short_payload=1", 1, (INFO[:-1], "")),
+        ("command=11 short_payload=3", 1, (INFO[:-3], "")),
         *((f"split={size}", 1, ANSWERED) for size in (1, 2, 3, 19, 21)),
         *(
             (f"command=11 {what}", 2, timed_out(MACHINE_INFO, 2))
