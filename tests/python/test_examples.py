@@ -15,13 +15,12 @@ WHO = "import platform, sys; print(platform.python_implementation(), *sys.versio
 def interpreters() -> list[str]:
     """Every CPython 3.11, by the file that is really run."""
     found: dict[Path, str] = {}
-    for words in filter(
-        None, map(shutil.which, (sys.executable, "/usr/bin/python3", "python3", "python3.11"))
-    ):
-        told = subprocess.run([words, "-c", WHO], capture_output=True, text=True)
-        implementation, *version, executable = told.stdout.strip().split(maxsplit=3) or [""]
-        if (implementation, version) == ("CPython", ["3", "11"]):
-            found.setdefault(Path(executable).resolve(), executable)
+    for name in (sys.executable, "/usr/bin/python3", "python3", "python3.11"):
+        if words := shutil.which(name):
+            told = subprocess.run([words, "-c", WHO], capture_output=True, text=True).stdout
+            if told.startswith("CPython 3 11 "):
+                executable = told.strip().split(maxsplit=3)[3]
+                found.setdefault(Path(executable).resolve(), executable)
     return list(found.values())
 
 

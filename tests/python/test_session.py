@@ -100,6 +100,7 @@ def test_callbacks_report_notifications_frames_and_state():
     who, connected, reason = events.get(timeout=WAIT)  # the server has hung up
     assert (who, connected) == ("second", False)
     assert isinstance(reason, str) and reason
+    assert session.send(9) == (None, "Not connected")
     assert [direction for direction, _ in frames] == [vorlin.Tx] + [vorlin.Rx] * 4
     assert frames[1][0] is vorlin.FrameDirection.Rx
     assert frames[-1] == (vorlin.Rx, response(9, b"x"))

@@ -4,24 +4,17 @@ import os
 import subprocess
 import sys
 from collections.abc import Iterator
-from pathlib import Path
 
 import vorlinkit_python
 from catalogue_records import BITS, COMMANDS
 
-BUILT = Path(vorlinkit_python.__file__).parent
+BUILT = os.path.dirname(vorlinkit_python.__file__)
 
 
 def check(arguments, folder):
-    environment = {**os.environ, "MYPYPATH": str(BUILT), "PYTHONPATH": str(BUILT)}
-    return subprocess.run(
-        [sys.executable, "-m", *arguments],
-        cwd=folder,
-        env=environment,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
+    environment, command = {"MYPYPATH": BUILT, "PYTHONPATH": BUILT}, [sys.executable, "-m", *arguments]
+    how = {"cwd": folder, "env": os.environ | environment, "capture_output": True, "text": True}
+    return subprocess.run(command, **how, timeout=300)
 
 
 def uses_of(expression, fields) -> Iterator[str]:
