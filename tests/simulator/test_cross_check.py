@@ -13,7 +13,7 @@ from strategies import records
 from vorlinkit.catalogue import BlobField, Catalogue, Command, Field, ListField, MessageKind, ScalarField
 from vorlinkit.simulator.state.plausible import Plausible
 from vorlinkit.wire.coder import PayloadError, decode, encode
-from vorlinkit.wire.records import Record, Variant
+from vorlinkit.wire.records import Record
 from vorlinkit.wire.render import describe_bits, describe_enum, to_json
 
 vorlin: Any = pytest.importorskip("vorlinkit_python", reason="the extension module was not built")
@@ -32,20 +32,16 @@ def library_json(command: Command, kind: MessageKind, payload: bytes) -> str:
 def filled(instance: Any, fields: Sequence[Field], record: Record) -> Any:
     """A message object of the library with the values of a record."""
     for field in fields:
-        if isinstance(field, ScalarField):
+        if isinstance(field, BlobField):
+            setattr(instance, f"{field.attribute}_bytes", record[field.key])
+        elif isinstance(field, ScalarField):
             setattr(instance, field.attribute, record[field.key])
-        elif isinstance(field, BlobField):
-            items = [getattr(vorlin, field.type)() for _ in record[field.key]]  # type: ignore[union-attr]
-            for item, byte in zip(items, record[field.key], strict=True):  # type: ignore[arg-type]
-                setattr(item, field.item_attribute, byte)
-            setattr(instance, field.attribute, items)
         elif isinstance(field, ListField):
             kind = getattr(vorlin, field.type)
             entries: Any = record[field.key]
             setattr(instance, field.attribute, [filled(kind(), field.items, entry) for entry in entries])
         else:
-            variant = record[field.attribute]
-            assert isinstance(variant, Variant)
+            variant: Any = record[field.attribute]
             chosen = next(one for one in field.alternatives if one.name == variant.name)
             alternative = filled(getattr(vorlin, chosen.type)(), chosen.fields, variant.fields)
             setattr(instance, field.attribute, alternative)

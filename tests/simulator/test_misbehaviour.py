@@ -66,34 +66,12 @@ def test_command_error_bits(bench: Bench) -> None:
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
 
 
-def test_split_at_every_byte_arrives_whole(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("split",)))
-    assert peer.ask("GetMachineInfo")["MachineType"] == "VorlinKit simulator"
-    assert len(peer.ask("GetSupportedCommands")["listOfCommands"]) == 206  # type: ignore[arg-type]
-
-
-def test_glued_frames_come_in_one_piece(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=GetMotorPosition glued=3",))
-    peer = bench.peer(simulator)
-    peer.send("GetMotorPosition", AutomatedDeviceID="AD1", AttachedMotorNumber=1, NotificationLevel=0)
-    simulator.wait_for("answered")
-    kinds = [peer.frame().type for _ in range(4)]
-    assert kinds == [frames.NOTIFICATION] * 3 + [frames.RESPONSE]
-
-
 @pytest.mark.parametrize(
     ("value", "junk"),
     [(7, b"no fram"), (12, b"no frame no "), ("hex:5858", b"XX"), (True, b"this is no frame")],
 )
 def test_kinds_of_junk(value: object, junk: bytes) -> None:
     assert build("junk", value, {}).apply(Answer(INFO)).ahead == (junk,)
-
-
-def test_announced_length_never_comes(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 announce=5", "command=11 close=after")))
-    peer.send("GetMachineInfo")
-    with pytest.raises(EOFError):
-        peer.frame()
 
 
 @pytest.mark.parametrize(
@@ -152,15 +130,6 @@ def test_drop_after_frames(bench: Bench) -> None:
     peer.exchange("GetServerTime")
     assert peer.until_end() == b""
     assert bench.peer(simulator).ask("GetMachineInfo")
-
-
-def test_bursts(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 burst=1000 of=GetMotorPosition size=10",)))
-    peer.exchange("GetMachineInfo")
-    made = [peer.frame() for _ in range(1000)]
-    assert {frame.command_id for frame in made} == {158}
-    assert [int.from_bytes(frame.payload[:4], "big") for frame in made] == list(range(1000))
-    assert {len(frame.payload) for frame in made} == {10}
 
 
 def test_a_client_that_sends_no_more_gets_its_answers(bench: Bench) -> None:
