@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import re
 from pathlib import Path
 
@@ -412,27 +411,6 @@ def test_output_is_the_same_every_time_and_touched_only_by_changes(tmp_path: Pat
     before = path.stat().st_mtime_ns
     write(path, "text")
     assert path.stat().st_mtime_ns == before
-
-
-def test_json_carries_layouts(tmp_path: Path) -> None:
-    text = """
-request = ["N: u8  # how many", { list = "Names", count = "N", items = ["Name: string"] }, "S: u32",
-  { blob = "Frame", count = "S", item = "FrameByte" }, { variant = "v", on = "N", alternatives = [
-    { name = "A", when = [1, 2], fields = ["X: u8"] }] }]
-errors = ["0x0010 Broken"]
-coded.State = ["1 On"]
-"""
-    catalogue = accepted(folder_with(tmp_path, family=family(text)))
-    (command,) = json.loads(emit_json.emit(catalogue))["commands"]
-    assert command["errors"] == [{"code": 16, "text": "Broken"}]
-    assert command["coded"] == {"State": [{"code": 1, "text": "On"}]}
-    number, names_, _, frame, variant = command["messages"]["request"]["fields"]
-    assert number == {"key": "N", "kind": "u8", "attribute": "n", "note": "how many"}
-    assert names_.items() >= {"key": "listOfNames", "attribute": "list_of_names", "count": "N"}.items()
-    assert names_["type"] == "FooRequestNamesItem"
-    assert frame.items() >= {"key": "Frame", "item": "FrameByte", "item_attribute": "frame_byte"}.items()
-    (alternative,) = variant["alternatives"]
-    assert (variant["inside"], alternative["type"], alternative["when"]) == (False, "FooRequestA", [1, 2])
 
 
 # -- names ----------------------------------------------------------------------------------------------

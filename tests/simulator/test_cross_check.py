@@ -90,9 +90,14 @@ def agree(command: Command, kind: MessageKind, fields: Sequence[Field], payload:
 def test_both_make_the_same_of_cut_and_spoilt_payloads(catalogue: Catalogue) -> None:
     chance = random.Random(SEED)
     for command, kind, message in catalogue.layouts():
-        if kind == "request":
-            continue
         payload = encode(message.fields, PLAUSIBLE.complete(message.fields))
+        if kind == "request":  # which the library does not decode
+            for length in range(len(payload)):
+                with pytest.raises(
+                    PayloadError, match="^(Not enough bytes for u|String not null-terminated$)"
+                ):
+                    decode(message.fields, payload[:length])
+            continue
         tried = [payload[:length] for length in range(len(payload) + 1)]
         for _ in range(20):
             spoilt = bytearray(payload)
