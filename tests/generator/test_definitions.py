@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import re
 from pathlib import Path
 
@@ -88,55 +87,47 @@ why = "one\ntwo"
 => Foo: why is one line of printable characters that does not end in a backslash
 => Foo: request: a note is one line of printable characters that does not end in a backslash
 request = []
+notification = "A: u8"
+=> Foo: notification: fields must be an array in wire order, not str
 => Foo: request: has no field; a message without a payload is not listed at all
-request = "A: u8"
-=> Foo: request: fields must be an array in wire order, not str
-=> Foo: request: has no field; a message without a payload is not listed at all
-request = [{ list = "X", count = "N", items = ["A: u8"] }, "N: u8"]
+=> Foo: notification: has no field; a message without a payload is not listed at all
+request = [{ list = "X", count = "N", items = ["A: u8"] }, "N: u8", { blob = "Frame", count = "Size", item = "Byte" }]
+response = ["N: string", { list = "X", count = "N", items = ["A: u8"] }, "CommandError: u16"]
+notification = ["N: u8", { list = "X", count = "N", items = [
+  "M: u8", { list = "Y", count = "N", items = ["A: u8"] }] }, { list = "Z", count = "N", item = ["A: u8"] }]
+=> Foo: notification: listOfZ: unknown key "item"; known are list, count, items, note
 => Foo: request: listOfX: its count "N" is not an earlier field of the same record
-request = ["N: string", { list = "X", count = "N", items = ["A: u8"] }]
-=> Foo: request: listOfX: its count "N" is a string; a count is an integer
-request = ["N: u8", { list = "X", count = "N", items = [] }]
-=> Foo: request: listOfX: its items have no field
-request = ["N: u8", { list = "X", count = "N", items = [
-  "M: u8", { list = "Y", count = "N", items = ["A: u8"] }] }]
-=> Foo: request: listOfX.listOfY: its count "N" is not an earlier field of the same record
-request = ["N: u8", { list = "X", count = "N", item = ["A: u8"] }]
-=> Foo: request: listOfX: unknown key "item"; known are list, count, items, note
-=> Foo: request: listOfX: its items have no field
-request = [{ blob = "Frame", count = "Size", item = "Byte" }]
 => Foo: request: Frame: its count "Size" is not an earlier field of the same record
+=> Foo: response: listOfX: its count "N" is a string; a count is an integer
+=> Foo: notification: listOfX.listOfY: its count "N" is not an earlier field of the same record
+=> Foo: notification: listOfZ: its items have no field
 request = ["Size: u8", { blob = "Frame", count = "Size" }]
 => Foo: request: Frame: the key of a blob's byte is missing
 => Foo: request: Frame.: "" is no key; keys are in upper camel case
 request = [{ variant = "v", on = "ID", alternatives = ONE }]
+response = ["ID: string", { variant = "v", on = "ID", alternatives = ONE }]
+notification = ["ID: u8", { variant = "v", on = "ID", alternatives = [
+  { name = "A", when = [256], fields = ["X: u8"] }, { name = "B", when = [], fields = ["X: u8"] },
+  { name = "C", when = [1], fields = [] }, { name = "D", when = [2, 1], fields = ["Y: u8"] }] }]
 => Foo: request: v: its discriminator "ID" is not an earlier field of this or an enclosing record
-request = ["ID: string", { variant = "v", on = "ID", alternatives = ONE }]
-=> Foo: request: v: its discriminator "ID" is a string, not an integer
-request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
-  { name = "A", when = [256], fields = ["X: u8"] }] }]
-=> Foo: request: v: 256 does not fit "ID", which is a u8
+=> Foo: response: v: its discriminator "ID" is a string, not an integer
+=> Foo: notification: v: alternative B: when is empty, so nothing selects it
+=> Foo: notification: v: alternative C: has no field
+=> Foo: notification: v: alternative D: 1 already selects C
+=> Foo: notification: v: 256 does not fit "ID", which is a u8
 request = ["ID: u8", { variant = "v", on = "ID", alternatives = [] }]
+notification = ["ID: u8", { variant = "Data", on = "ID", alternatives = ONE }]
+response = ["ID: u8", "X: u8", { variant = "v", on = "ID", alternatives = ONE }]
 => Foo: request: v: has no alternatives
-request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
-  { name = "A", when = [], fields = ["X: u8"] }] }]
-=> Foo: request: v: alternative A: when is empty, so nothing selects it
-request = ["ID: u8", { variant = "v", on = "ID", alternatives = [{ name = "A", when = [1], fields = [] }] }]
-=> Foo: request: v: alternative A: has no field
-request = ["ID: u8", { variant = "v", on = "ID", alternatives = [
-  { name = "A", when = [1], fields = ["X: u8"] }, { name = "B", when = [2, 1], fields = ["Y: u8"] }] }]
-=> Foo: request: v: alternative B: 1 already selects A
+=> Foo: response: v: the key "X" stands in this record twice
+=> Foo: notification: Data: "Data" is no attribute; attributes are in lower snake case
 request = [{ variant = "v", on = "ID", alternatives = [
   { name = "A", when = [1], fields = ["ID: u8"] },
   { name = "B", when = [2], fields = ["Y: u8", "ID: u8"] }] }]
-=> Foo: request: v: alternative B: does not begin with "ID" as the others do
-request = [{ variant = "v", on = "ID", alternatives = [
+notification = [{ variant = "v", on = "ID", alternatives = [
   { name = "A", when = [1], fields = ["ID: u8"] }, { name = "B", when = [2], fields = ["ID: u16"] }] }]
-=> Foo: request: v: its discriminator "ID" has different kinds: u16, u8
-request = ["ID: u8", "X: u8", { variant = "v", on = "ID", alternatives = ONE }]
-=> Foo: request: v: the key "X" stands in this record twice
-request = ["ID: u8", { variant = "Data", on = "ID", alternatives = ONE }]
-=> Foo: request: Data: "Data" is no attribute; attributes are in lower snake case
+=> Foo: request: v: alternative B: does not begin with "ID" as the others do
+=> Foo: notification: v: its discriminator "ID" has different kinds: u16, u8
 
 idd = 1
 => Foo: unknown key "idd"; known are id, request, response, notification, errors, coded, confirmed,
@@ -420,27 +411,6 @@ def test_output_is_the_same_every_time_and_touched_only_by_changes(tmp_path: Pat
     before = path.stat().st_mtime_ns
     write(path, "text")
     assert path.stat().st_mtime_ns == before
-
-
-def test_json_carries_layouts(tmp_path: Path) -> None:
-    text = """
-request = ["N: u8  # how many", { list = "Names", count = "N", items = ["Name: string"] }, "S: u32",
-  { blob = "Frame", count = "S", item = "FrameByte" }, { variant = "v", on = "N", alternatives = [
-    { name = "A", when = [1, 2], fields = ["X: u8"] }] }]
-errors = ["0x0010 Broken"]
-coded.State = ["1 On"]
-"""
-    catalogue = accepted(folder_with(tmp_path, family=family(text)))
-    (command,) = json.loads(emit_json.emit(catalogue))["commands"]
-    assert command["errors"] == [{"code": 16, "text": "Broken"}]
-    assert command["coded"] == {"State": [{"code": 1, "text": "On"}]}
-    number, names_, _, frame, variant = command["messages"]["request"]["fields"]
-    assert number == {"key": "N", "kind": "u8", "attribute": "n", "note": "how many"}
-    assert names_.items() >= {"key": "listOfNames", "attribute": "list_of_names", "count": "N"}.items()
-    assert names_["type"] == "FooRequestNamesItem"
-    assert frame.items() >= {"key": "Frame", "item": "FrameByte", "item_attribute": "frame_byte"}.items()
-    (alternative,) = variant["alternatives"]
-    assert (variant["inside"], alternative["type"], alternative["when"]) == (False, "FooRequestA", [1, 2])
 
 
 # -- names ----------------------------------------------------------------------------------------------

@@ -12,9 +12,7 @@ from pathlib import Path
 
 import pytest
 from vorlinkit import catalogue as catalogues
-from vorlinkit.catalogue import Message
 from vorlinkit.wire import coder
-from vorlinkit.wire.records import Record
 
 from generator import emit_effects, emit_status
 from generator.__main__ import DEFAULT_CATALOGUE, read_catalogue
@@ -74,34 +72,27 @@ def test_the_page_shows_the_files_as_they_are() -> None:
         assert text == (ROOT / path).read_text(encoding="utf-8"), path
 
 
-def read_response(payload: bytes, project: Path, options: str = "") -> tuple[Message, Record, int]:
-    """The response of GetEjectorRateLimit as generated, the payload read by it, and how much is left over."""
-    done = run(f"python3 -m generator --json out.json {options}", project)
-    assert done.returncode == 0, done.stdout
-    response = catalogues.load(project / "out.json").named("GetEjectorRateLimit").response
-    assert response
-    return response, *coder.decode(response.fields, payload)
-
-
 def test_the_captured_payload_reads_as_the_page_says(project: Path) -> None:
     shown = re.search(r"\| response \| `([0-9A-F ]+)` \|", PAGE)
     assert shown, "the page shows no captured response"
-    captured = bytes.fromhex(shown[1])
-
-    built_in, values, left_over = read_response(captured, project)
-    assert (built_in.standing, values["EjectorRateLimit"], left_over) == ("assumed", 512, 4)
-
-    corrected, values, left_over = read_response(captured, project, "--overlay examples/overlay")
-    assert corrected.standing == "site-confirmed"
-    assert corrected.confirmed_by.startswith("Example Sorter 4, software 7.2.1")
-    assert left_over == 0
-    assert values == {"CommandError": 0, "DivisionNumber": 2, "EjectorRateLimit": 3600, "LimitReached": 1}
     script = "examples/overlay/read_capture.py"
-    promised = next(output for command, output in sessions() if command.endswith(script))
-    assert values.items() <= json.loads(promised.splitlines()[0]).items()
-    told = (ROOT / script).read_text(encoding="utf-8")
-    in_script = re.search(r'captured_response = bytes.fromhex\("(.+)"\)', told)
-    assert in_script and bytes.fromhex(in_script[1]) == captured
+    told = re.search(
+        r'captured_response = bytes.fromhex\("(.+)"\)', (ROOT / script).read_text(encoding="utf-8")
+    )
+    assert told and bytes.fromhex(told[1]) == bytes.fromhex(shown[1])
+    (promised,) = (output for command, output in sessions() if command.endswith(script))
+    corrected = {"CommandError": 0, "DivisionNumber": 2, "EjectorRateLimit": 3600, "LimitReached": 1}
+    assert corrected.items() <= json.loads(promised.splitlines()[0]).items()
+    for overlay, standing, limit, left_over in (
+        ("", "assumed", 512, 4),
+        ("--overlay examples/overlay", "site-confirmed", 3600, 0),
+    ):
+        assert run(f"python3 -m generator --json out.json {overlay}", project).returncode == 0
+        response = catalogues.load(project / "out.json").named("GetEjectorRateLimit").response
+        assert response and response.standing == standing
+        values, more = coder.decode(response.fields, bytes.fromhex(shown[1]))
+        assert (values["EjectorRateLimit"], more) == (limit, left_over)
+    assert response.confirmed_by.startswith("Example Sorter 4, software 7.2.1") and values == corrected
 
 
 def status_page(*overlays: Path) -> str:

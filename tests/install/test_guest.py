@@ -1,15 +1,11 @@
 """Builds the project as a part of another one, which must notice no more of it than its two libraries."""
 
-import os
 import re
-import subprocess
 from pathlib import Path
 
 import pytest
-from vorlinkit.simulator import SimulatorProcess
+from conftest import CMAKE, ROOT, assert_runs, configure, run
 
-ROOT = Path(__file__).resolve().parents[2]
-CMAKE = os.environ["VORLINKIT_CMAKE"]
 # The padding that hosts may want to be warned of is in our headers and sources, too.
 STRICT = "-Wall -Wextra -Wconversion -Wpadded -Werror"
 # What a project with one program has in its build folder, whoever its guests are.
@@ -21,18 +17,9 @@ CACHED_BY_RIGHT = (
 )
 
 
-def run(*words: object) -> str:
-    done = subprocess.run([str(word) for word in words], capture_output=True, text=True, timeout=280)
-    assert done.returncode == 0, done.stdout + done.stderr
-    return done.stdout
-
-
-def configure(build: Path, *options: str) -> None:
-    run(
-        CMAKE, "-S", ROOT / "tests" / "install" / "guest", "-B", build, "-G", "Ninja",
-        f"-DVORLINKIT={ROOT}", f"-DCMAKE_CXX_COMPILER={os.environ['VORLINKIT_CXX']}",
-        f"-DCMAKE_CXX_FLAGS={os.environ['VORLINKIT_CXXFLAGS']} {STRICT}", "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON", *options,
-    )  # fmt: skip
+def configure_host(build: Path, *options: str) -> None:
+    warnings = "-DCMAKE_COMPILE_WARNING_AS_ERROR=ON"
+    configure("guest", build, STRICT, f"-DVORLINKIT={ROOT}", warnings, *options)
 
 
 def sources() -> set[Path]:
@@ -53,10 +40,9 @@ def cached(build: Path) -> set[str]:
 
 def test_a_host_builds_only_the_libraries(tmp_path: Path) -> None:
     before = sources()
-    configure(tmp_path)
+    configure_host(tmp_path)
     run(CMAKE, "--build", tmp_path)
-    with SimulatorProcess() as simulator:
-        assert "VorlinKit simulator" in run(tmp_path / "first_session", simulator.host, simulator.port)
+    assert_runs(tmp_path / "first_session")
     assert strangers(tmp_path, "guest") == []
     assert sources() == before
     built = [path.stem for path in (tmp_path / "guest").rglob("*") if path.suffix in {".a", ".so"}]
@@ -65,7 +51,7 @@ def test_a_host_builds_only_the_libraries(tmp_path: Path) -> None:
 
 @pytest.mark.parametrize("fetched", [False, True])
 def test_a_host_sees_no_test_option_or_install_rule(tmp_path: Path, fetched: bool) -> None:
-    configure(tmp_path, f"-DHOST_FETCHES={fetched}")
+    configure_host(tmp_path, f"-DHOST_FETCHES={fetched}")
     assert strangers(tmp_path, "_deps" if fetched else "guest") == []
     assert [name for name in cached(tmp_path) if not re.fullmatch(CACHED_BY_RIGHT, name)] == []
     targets = run(CMAKE, "--build", tmp_path, "--", "-t", "targets", "all")

@@ -4,31 +4,14 @@ pkg-config, and from Python."""
 import os
 import shlex
 import shutil
-import subprocess
 import sys
 from pathlib import Path
 
 import pytest
-from vorlinkit.simulator import SimulatorProcess
+from conftest import CMAKE, CXX, CXXFLAGS, ROOT, assert_runs, configure, run
 
-ROOT = Path(__file__).resolve().parents[2]
 BUILD = os.environ["VORLINKIT_BUILD_DIR"]
-CMAKE = os.environ["VORLINKIT_CMAKE"]
-CXX = os.environ["VORLINKIT_CXX"]
-CXXFLAGS = os.environ["VORLINKIT_CXXFLAGS"]
 EXAMPLE = ROOT / "examples" / "first_session.cpp"
-
-
-def run(*words: object, **environment: str) -> str:
-    done = subprocess.run(
-        [str(word) for word in words],
-        env={**os.environ, **environment},
-        capture_output=True,
-        text=True,
-        timeout=200,
-    )
-    assert done.returncode == 0, done.stdout + done.stderr
-    return done.stdout
 
 
 @pytest.fixture(scope="module")
@@ -37,11 +20,6 @@ def prefix(tmp_path_factory: pytest.TempPathFactory) -> Path:
     folder = tmp_path_factory.mktemp("install test")  # with a blank, as people have them
     run(CMAKE, "--install", BUILD, "--prefix", folder / "first")
     return Path(shutil.move(folder / "first", folder / "moved"))
-
-
-def assert_runs(program: Path) -> None:
-    with SimulatorProcess() as simulator:
-        assert "VorlinKit simulator" in run(program, simulator.host, simulator.port)
 
 
 def test_no_installed_file_names_a_place_of_the_build(prefix: Path) -> None:
@@ -55,11 +33,7 @@ def test_no_installed_file_names_a_place_of_the_build(prefix: Path) -> None:
 
 
 def test_a_consumer_builds_with_cmake(prefix: Path, tmp_path: Path) -> None:
-    run(
-        CMAKE, "-S", ROOT / "tests" / "install" / "consumer", "-B", tmp_path, "-G", "Ninja",
-        f"-DCMAKE_PREFIX_PATH={prefix}",
-        f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_CXX_FLAGS={CXXFLAGS}", f"-DEXAMPLE={EXAMPLE}",
-    )  # fmt: skip
+    configure("consumer", tmp_path, "", f"-DCMAKE_PREFIX_PATH={prefix}", f"-DEXAMPLE={EXAMPLE}")
     run(CMAKE, "--build", tmp_path)
     assert_runs(tmp_path / "first_session")
 

@@ -78,10 +78,7 @@ def serving(play):
 
 def config_for(port, **settings):
     config = vorlin.SessionConfig()
-    config.host = "127.0.0.1"
-    config.port = port
-    config.auto_reconnect = False
-    for name, value in settings.items():
+    for name, value in {"host": "127.0.0.1", "port": port, "auto_reconnect": False, **settings}.items():
         setattr(config, name, value)
     return config
 
@@ -89,7 +86,7 @@ def config_for(port, **settings):
 @contextlib.contextmanager
 def connected_session(play, logger=None, **settings):
     with serving(play) as port:
-        session = vorlin.VorlinSession(config_for(port, **settings), logger)
+        session = vorlin.VorlinSession(config=config_for(port, **settings), logger=logger)
         assert session.connect() == (True, "")
         try:
             yield session
@@ -97,8 +94,16 @@ def connected_session(play, logger=None, **settings):
             session.disconnect()
 
 
-def run_script(script, *arguments, timeout=20):
-    """Runs a script in an interpreter of its own, with the modules of this one."""
+PREAMBLE = """
+import codecs, ctypes, gc, os, sys, threading
+import vorlinkit_python as vorlin
+from fake_server import config_for
+"""
+
+
+def run_script(script, *arguments, preamble=PREAMBLE):
+    """The exit code, output and errors of a script in an interpreter of its own, with the modules of this one."""
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join([os.path.dirname(__file__), *sys.path]))
-    command = [sys.executable, "-c", script, *map(str, arguments)]
-    return subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout)
+    command = [sys.executable, "-c", preamble + script, *map(str, arguments)]
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=20)
+    return done.returncode, done.stdout, done.stderr

@@ -14,10 +14,9 @@ Capturable = vorlin.CaptureFrameExRequestCapturablesItem
 
 
 def test_list_elements_look_at_the_stored_items():
-    capture = Capture()
-    capture.list_of_capturables.append(Capturable())
+    capture, item = Capture(), Capturable()
+    capture.list_of_capturables.append(item)
     assert capture.list_of_capturables == []
-    item = Capturable()
     capture.list_of_capturables = [item, item]
     item.capturable_id = "not stored"
     capture.list_of_capturables[0].capturable_id = "camera 1"
@@ -61,29 +60,28 @@ class Model:
 
 def random_record(random_, name, depth=0):
     """The same random record twice: one of ours and its model."""
-    record, model = class_of(name)(), Model(name)
+    pair = class_of(name)(), Model(name)
     for field in RECORDS[name]:
-        write(random_, record, model, field, depth)
-    return record, model
+        write(random_, *pair, field, depth)
+    return pair
 
 
 def pick(random_, names, depth, pool):
-    """A pair from the pool, or a new one, of one of these types."""
+    """A record of one of these types, from the pool or new, and what its model is copied to."""
     known = [pair for pair in pool if pair[1].name in names]
-    if known and random_.random() < 0.6:
-        return random_.choice(known)
-    return random_record(random_, random_.choice(names), depth + 1)
+    if not known or random_.random() > 0.6:
+        known = [random_record(random_, random_.choice(names), depth + 1)]
+    record, model = random_.choice(known)
+    return record, copy.deepcopy(model)
 
 
 def write(random_, record, model, field, depth, pool=()):
     if field["kind"] == "list":
         size = random_.choice((0, 1, 3)) if depth < 3 else 0
         pairs = [pick(random_, [field["type"]], depth, pool) for _ in range(size)]
-        value, expected = [each for each, _ in pairs], [copy.deepcopy(each) for _, each in pairs]
+        value, expected = [each for each, _ in pairs], [each for _, each in pairs]
     elif field["kind"] == "variant":
-        names = [alternative["type"] for alternative in field["alternatives"]]
-        value, chosen = pick(random_, names, depth, pool)
-        expected = copy.deepcopy(chosen)
+        value, expected = pick(random_, [each["type"] for each in field["alternatives"]], depth, pool)
     elif field["kind"] in ("string", "uuid"):
         value = expected = random_.choice(("", "x", "a text that is too long to be stored in place"))
     else:
@@ -136,18 +134,15 @@ def test_random_reads_and_writes(name, seed):
 def test_former_contents_go_with_their_last_view():
     """A long-lived view keeps what it looks at, not everything that was ever written."""
 
-    def one_item(text):
-        item = Capturable()
-        item.capturable_id = text
-        return [item]
-
-    capture = Capture()
-    capture.list_of_capturables = one_item("kept")
+    capture, item = Capture(), Capturable()
+    item.capturable_id = "kept"
+    capture.list_of_capturables = [item]
     kept = capture.list_of_capturables[0]
     before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
     for _ in range(300):
         glance = capture.list_of_capturables[0]
-        capture.list_of_capturables = one_item("x" * (1 << 20))
+        item.capturable_id = "x" * (1 << 20)
+        capture.list_of_capturables = [item]
         assert glance.capturable_id
     assert kept.capturable_id == "kept"
     assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before < 50 * 1024
@@ -156,9 +151,6 @@ def test_former_contents_go_with_their_last_view():
 # Python code that runs in the middle of an access moves what is accessed, or takes it away: an error handler
 # while a text is converted, a finaliser when a new list starts a garbage collection.
 MEDDLING_SCRIPT = """
-import codecs, gc, sys
-import vorlinkit_python as vorlin
-
 class Garbage:
     def __init__(self, finalise):
         self.myself, self.finalise = self, finalise
@@ -174,7 +166,8 @@ def with_finaliser(finalise, act):
     return act()
 
 Item = vorlin.GetArchiveStatisticsResponseDataPointsItem
-point = Item()
+point, use = Item(), vorlin.GetArchiveStatisticsResponseDataPointsItemLampUse()
+use.list_of_lamps = [vorlin.GetArchiveStatisticsResponseDataPointsItemLampUseLampsItem()] * 3
 
 def overwrite():
     point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemWhiteness()
@@ -183,9 +176,12 @@ def handle(error):
     overwrite()
     return "?", error.end
 
+def view_of(alternative):
+    point.archived_data_point = alternative
+    return point.archived_data_point
+
 def write_text():
-    point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats()
-    view = point.archived_data_point
+    view = view_of(vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats())
     earlier = codecs.lookup_error("surrogateescape")
     codecs.register_error("surrogateescape", handle)
     view.csv_data = "\\ud800" + "x" * 100
@@ -193,24 +189,16 @@ def write_text():
     return view.csv_data == "?" + "x" * 100
 
 def write_text_while_collecting():
-    point.archived_data_point = vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats()
-    view = point.archived_data_point
+    view = view_of(vorlin.GetArchiveStatisticsResponseDataPointsItemEngineersShapeStats())
     with_finaliser(overwrite, lambda: setattr(view, "csv_data", "\\udcff" * 100))
     return view.csv_data == "\\udcff" * 100
 
-def lamps():
-    use = vorlin.GetArchiveStatisticsResponseDataPointsItemLampUse()
-    use.list_of_lamps = [vorlin.GetArchiveStatisticsResponseDataPointsItemLampUseLampsItem()] * 3
-    return use
-
 def read_list_that_moves():
-    point.archived_data_point = lamps()
-    view = point.archived_data_point
+    view = view_of(use)
     read = with_finaliser(overwrite, lambda: view.list_of_lamps)
     return [each.use_time for each in read] == [0] * 3
 
 def read_list_that_is_emptied():
-    use = lamps()
     read = with_finaliser(lambda: setattr(use, "list_of_lamps", []), lambda: use.list_of_lamps)
     return [each.use_time for each in read] == []
 
@@ -224,5 +212,4 @@ assert type(record).__name__.endswith("Whiteness") or sys.argv[1].endswith("empt
     "write_text", "write_text_while_collecting", "read_list_that_moves", "read_list_that_is_emptied",
 ])  # fmt: skip
 def test_python_code_in_the_middle_of_an_access(access):
-    result = run_script(MEDDLING_SCRIPT, access)
-    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+    assert run_script(MEDDLING_SCRIPT, access) == (0, "", "")

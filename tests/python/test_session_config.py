@@ -3,72 +3,45 @@
 import pytest
 import vorlinkit_python as vorlin
 
-DEFAULTS = {
-    "host": "localhost",
-    "port": 50713,
-    "connection_timeout": 3000,
-    "request_timeout": 15000,
-    "request_attempts": 1,
-    "reconnect_delay": 1000,
-    "auto_reconnect": True,
-    "access_keys": (90, 195, 30, 135),
+FIELDS = {
+    "host": ("localhost", ["machine-7.plant"], [7, b"machine-7", "machine-\ud800"]),
+    "port": (50713, [0, 65535], [65536, -1]),
+    "connection_timeout": (3000, [-5], [2**31]),
+    "request_timeout": (15000, [2**31 - 1], [1.5]),
+    "request_attempts": (1, [2**32 - 1], [-1]),
+    "reconnect_delay": (1000, [-(2**31)], [-(2**31) - 1]),
+    "auto_reconnect": (True, [False], []),
+    "access_keys": ((90, 195, 30, 135), [(1, 2, 3, 255)], [[9, 8, 7, 6], b"1234"]),
 }
-STORED = {
-    "host": ["machine-7.plant"],
-    "port": [0, 65535],
-    "connection_timeout": [-5],
-    "request_timeout": [2**31 - 1],
-    "request_attempts": [2**32 - 1],
-    "reconnect_delay": [-(2**31)],
-    "auto_reconnect": [False],
-    "access_keys": [(1, 2, 3, 255)],
-}
-REFUSED = {
-    "host": [7, b"machine-7", "machine-\ud800"],
-    "port": [65536, -1],
-    "connection_timeout": [2**31],
-    "request_timeout": [1.5],
-    "request_attempts": [-1],
-    "reconnect_delay": [-(2**31) - 1],
-    "access_keys": [[9, 8, 7, 6], b"1234"],
-}
+"""Every field's default, values that are stored, and values that are refused."""
 
 
-def test_defaults():
+def test_every_field():
+    assert [name for name in vars(vorlin.SessionConfig) if not name.startswith("_")] == list(FIELDS)
     config = vorlin.SessionConfig()
-    assert {name: getattr(config, name) for name in DEFAULTS} == DEFAULTS
-    assert [name for name in vars(vorlin.SessionConfig) if not name.startswith("_")] == list(DEFAULTS)
-
-
-@pytest.mark.parametrize("name", DEFAULTS)
-def test_values_that_are_stored_and_refused(name):
-    config = vorlin.SessionConfig()
-    for value in REFUSED.get(name, []):
-        with pytest.raises(TypeError):
+    for name, (default, stored, refused) in FIELDS.items():
+        for value in refused:
+            with pytest.raises(TypeError):
+                setattr(config, name, value)
+        assert getattr(config, name) == default
+        for value in stored:
             setattr(config, name, value)
-        assert getattr(config, name) == DEFAULTS[name]
-    for value in STORED[name]:
-        setattr(config, name, value)
-        assert getattr(config, name) == value
+            assert getattr(config, name) == value
+    with pytest.raises(ValueError, match="^host: a 0 byte is no part of a name or an address$"):
+        config.host = "localhost\0.example"
+    assert config.host == "machine-7.plant"
 
 
 def test_access_keys_of_another_length_are_ignored_and_a_bad_one_keeps_those_before_it():
-    config = vorlin.SessionConfig()
     for keys in ((), (9, 8, 7), (9, 8, 7, 6, 5)):
+        config = vorlin.SessionConfig()
         config.access_keys = keys
-        assert config.access_keys == DEFAULTS["access_keys"]
+        assert config.access_keys == (90, 195, 30, 135)
     for bad in (300, -1, 7.0, "7"):
         config = vorlin.SessionConfig()
         with pytest.raises(RuntimeError, match="^Unable to cast Python instance of type "):
             config.access_keys = (9, 8, bad, 6)
         assert config.access_keys == (9, 8, 30, 135)
-
-
-def test_a_host_with_a_0_byte_is_no_host():
-    config = vorlin.SessionConfig()
-    with pytest.raises(ValueError, match="^host: a 0 byte is no part of a name or an address$"):
-        config.host = "localhost\0.example"
-    assert config.host == "localhost"
 
 
 @pytest.mark.parametrize(

@@ -16,16 +16,28 @@ from pathlib import Path
 
 import pytest
 import vorlinkit_python as vorlin
-from fake_server import config_for, echo, echo_behind, read_request, run_script, serving, silence
+from fake_server import config_for, connected_session, echo, echo_behind, run_script, serving, silence
 from vorlinkit.wire.frames import notification
+
+chatter = echo_behind(*[notification(44, b"x" * 50)] * 5)
+LATE = 0.3  # seconds until a wait is interrupted
+
+
+@contextlib.contextmanager
+def deaf():
+    """The port of a listener whose backlog is full: it drops further attempts, so connect has to wait."""
+    with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(0)
+        for filler in (first, second):
+            filler.setblocking(False)
+            filler.connect_ex(listener.getsockname())
+        yield listener.getsockname()[1]
+
 
 # Ends in the middle of everything: notifications into a callback, a logger, requests from daemon threads
 # and from threads that are never answered, a session that is waiting to re-connect, and one that is connecting.
 BUSY_SCRIPT = """
-import sys, threading
-import vorlinkit_python as vorlin
-from fake_server import config_for
-
 class Logger(vorlin.IVorlinLogger):
     def log(self, level, file, line, message):
         seen.append(message)
@@ -50,25 +62,19 @@ threading.Thread(target=connecting.connect, daemon=True).start()
 enough.wait()
 sys.exit(7)
 """
-chatter = echo_behind(*[notification(44, b"x" * 50)] * 5)
 
 
 @pytest.mark.parametrize("turn", range(5))
 def test_a_script_exits_at_once_and_silently(turn):
-    with serving(chatter) as busy, serving(silence) as silent, deaf_port() as deaf:
+    with serving(chatter) as busy, serving(silence) as silent, deaf() as nobody:
         with serving(echo) as lost:
             pass
         started = time.monotonic()
-        result = run_script(BUSY_SCRIPT, busy, silent, lost, deaf)
-    assert (result.returncode, result.stdout, result.stderr) == (7, "", "")
+        assert run_script(BUSY_SCRIPT, busy, silent, lost, nobody) == (7, "", "")
     assert time.monotonic() - started < 10
 
 
 STUCK_SCRIPT = """
-import sys, threading
-import vorlinkit_python as vorlin
-from fake_server import config_for
-
 session = vorlin.VorlinSession(config_for(int(sys.argv[1])))
 stuck, never = threading.Event(), threading.Event()
 session.on_notification(44, lambda payload: (stuck.set(), never.wait()))
@@ -78,114 +84,7 @@ stuck.wait()
 sys.exit(7)
 """
 
-
-def test_a_callback_that_never_returns_does_not_keep_the_process():
-    with serving(chatter) as port:
-        result = run_script(STUCK_SCRIPT, port)
-    assert result.returncode == 7
-    assert result.stderr == "vorlinkit_python: a callback is still running at exit and is left behind\n"
-
-
-AFTER_EXIT_SCRIPT = """
-import atexit, sys
-
-def last():
-    print(session.send(1), session.connect(), session.is_connected(), session.client_id())
-    session.disconnect()
-    session.on_frame(print)
-    try:
-        vorlin.VorlinSession(config)
-    except RuntimeError as error:
-        print(error)
-
-atexit.register(last)  # registered before the module's own step, so it runs behind it
-import vorlinkit_python as vorlin
-from fake_server import config_for
-
-config = config_for(int(sys.argv[1]))
-session = vorlin.VorlinSession(config)
-session.connect()
-atexit.register(lambda: print(session.send(1, b"still here")))
-"""
-
-
-def test_sessions_work_in_exit_functions_and_fail_softly_behind_them():
-    with serving(echo) as port:
-        result = run_script(AFTER_EXIT_SCRIPT, port)
-    assert (result.returncode, result.stderr) == (0, "")
-    before, after, refused = result.stdout.splitlines()
-    assert before == "(b'still here', '')"
-    assert after.startswith("(None, 'The session can no longer be used") and after.endswith(") False 0")
-    assert refused == "The interpreter is exiting"
-
-
-def interrupt(*_):
-    raise InterruptedError
-
-
-@contextlib.contextmanager
-def deaf_port():
-    """The port of a listener whose backlog is full: it drops further attempts, so connect has to wait."""
-    with socket.socket() as listener, socket.socket() as first, socket.socket() as second:
-        listener.bind(("127.0.0.1", 0))
-        listener.listen(0)
-        for filler in (first, second):
-            filler.setblocking(False)
-            filler.connect_ex(listener.getsockname())
-        yield listener.getsockname()[1]
-
-
-@pytest.mark.parametrize("method", ["send", "connect"])
-def test_a_signal_ends_a_wait(method):
-    earlier = signal.signal(signal.SIGUSR1, interrupt)
-    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGUSR1))
-    try:
-        with serving(silence) if method == "send" else deaf_port() as port:
-            session = vorlin.VorlinSession(config_for(port))
-            assert method == "connect" or session.connect() == (True, "")
-            started = time.monotonic()
-            timer.start()
-            with pytest.raises(InterruptedError):
-                session.send(1) if method == "send" else session.connect()
-            assert time.monotonic() - started < 0.3 + 0.2
-    finally:
-        timer.cancel()
-        signal.signal(signal.SIGUSR1, earlier)
-    # The request that was given up does no harm.
-    session.disconnect()
-    assert session.send(1) == (None, "Not connected")
-
-
-def test_a_signal_ends_the_wait_for_a_close_which_goes_on():
-    earlier = signal.signal(signal.SIGUSR1, interrupt)
-    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGUSR1))
-    busy, done, closed = threading.Event(), threading.Event(), threading.Event()
-    try:
-        with serving(chatter) as port:
-            session = vorlin.VorlinSession(config_for(port))
-            session.on_notification(44, lambda _: (busy.set(), done.wait(5)))
-            session.on_connection_state_changed(lambda connected, _: connected or closed.set())
-            assert session.connect() == (True, "")
-            threading.Thread(target=session.send, args=(1,), daemon=True).start()
-            assert busy.wait(5)
-            started = time.monotonic()
-            timer.start()
-            with pytest.raises(InterruptedError):
-                session.disconnect()
-            assert time.monotonic() - started < 0.3 + 0.2
-            done.set()
-            assert closed.wait(5)
-    finally:
-        timer.cancel()
-        done.set()
-        signal.signal(signal.SIGUSR1, earlier)
-
-
 MUTUAL_SCRIPT = """
-import sys, threading
-import vorlinkit_python as vorlin
-from fake_server import config_for
-
 sessions = [vorlin.VorlinSession(config_for(int(sys.argv[1]))) for _ in range(2)]
 both, closed = threading.Barrier(2), threading.Semaphore(0)
 for session, other in (sessions, sessions[::-1]):
@@ -200,34 +99,7 @@ for session in sessions:
     session.disconnect()
 """
 
-
-def test_sessions_that_disconnect_each_other_from_their_callbacks_both_close():
-    with serving(echo_behind(notification(44))) as port:
-        result = run_script(MUTUAL_SCRIPT, port)
-    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
-
-
-def test_threads_that_wait_for_answers_use_no_time():
-    with ThreadPoolExecutor(200) as threads, serving(silence) as port:
-        session = vorlin.VorlinSession(config_for(port))
-        assert session.connect() == (True, "")
-        started = threading.Barrier(201)
-        answers = [threads.submit(lambda: (started.wait(), session.send(1))) for _ in range(200)]
-        started.wait()
-        time.sleep(0.5)  # all of them have got to their waits, and stay there
-        before = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw
-        time.sleep(1)
-        switches = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw - before
-        session.disconnect()
-        assert all(answer.result(timeout=5)[1][0] is None for answer in answers)
-    assert switches < 200
-
-
 FORK_SCRIPT = """
-import gc, os, sys, threading
-import vorlinkit_python as vorlin
-from fake_server import config_for
-
 config = config_for(int(sys.argv[1]), auto_reconnect=True)
 session = vorlin.VorlinSession(config)
 session.on_frame(lambda *frame: None)
@@ -266,10 +138,121 @@ assert session.send(1, b"parent") == (b"parent", "")
 """
 
 
-def test_a_forked_child_may_drop_keep_or_outlive_an_inherited_session():
+@pytest.mark.parametrize(
+    ("play", "script", "code", "told"),
+    [
+        (
+            chatter,
+            STUCK_SCRIPT,
+            7,
+            "vorlinkit_python: a callback is still running at exit and is left behind\n",
+        ),
+        (echo_behind(notification(44)), MUTUAL_SCRIPT, 0, ""),
+        (echo, FORK_SCRIPT, 0, ""),
+    ],
+    ids=[
+        "in a callback that never returns",
+        "where sessions disconnect each other",
+        "behind forked children",
+    ],
+)
+def test_a_script_ends_as_it_should(play, script, code, told):
+    with serving(play) as port:
+        assert run_script(script, port) == (code, "", told)
+
+
+AFTER_EXIT_SCRIPT = """
+import atexit, sys
+
+def last():
+    print(session.send(1), session.connect(), session.is_connected(), session.client_id())
+    session.disconnect()
+    session.on_frame(print)
+    try:
+        vorlin.VorlinSession(config)
+    except RuntimeError as error:
+        print(error)
+
+atexit.register(last)  # registered before the module's own step, so it runs behind it
+import vorlinkit_python as vorlin
+from fake_server import config_for
+
+config = config_for(int(sys.argv[1]))
+session = vorlin.VorlinSession(config)
+session.connect()
+atexit.register(lambda: print(session.send(1, b"still here")))
+"""
+
+
+def test_sessions_work_in_exit_functions_and_fail_softly_behind_them():
     with serving(echo) as port:
-        result = run_script(FORK_SCRIPT, port)
-    assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
+        code, output, errors = run_script(AFTER_EXIT_SCRIPT, port, preamble="")
+    assert (code, errors) == (0, "")
+    before, after, refused = output.splitlines()
+    assert before == "(b'still here', '')"
+    assert after.startswith("(None, 'The session can no longer be used") and after.endswith(") False 0")
+    assert refused == "The interpreter is exiting"
+
+
+@contextlib.contextmanager
+def interrupted():
+    """A signal comes while the block waits; its handler's exception ends the wait soon."""
+
+    def interrupt(*_):
+        raise InterruptedError
+
+    earlier = signal.signal(signal.SIGUSR1, interrupt)
+    timer = threading.Timer(LATE, os.kill, (os.getpid(), signal.SIGUSR1))
+    started = time.monotonic()
+    timer.start()
+    try:
+        with pytest.raises(InterruptedError):
+            yield
+        assert time.monotonic() - started < LATE + 0.2
+    finally:
+        timer.cancel()
+        signal.signal(signal.SIGUSR1, earlier)
+
+
+@pytest.mark.parametrize("method", ["send", "connect"])
+def test_a_signal_ends_a_wait(method):
+    with serving(silence) if method == "send" else deaf() as port:
+        session = vorlin.VorlinSession(config_for(port))
+        assert method == "connect" or session.connect() == (True, "")
+        with interrupted():
+            session.send(1) if method == "send" else session.connect()
+    # The request that was given up does no harm.
+    session.disconnect()
+    assert session.send(1) == (None, "Not connected")
+
+
+def test_a_signal_ends_the_wait_for_a_close_which_goes_on():
+    busy, done, closed = threading.Event(), threading.Event(), threading.Event()
+    with connected_session(chatter) as session:
+        session.on_notification(44, lambda _: (busy.set(), done.wait(5)))
+        session.on_connection_state_changed(lambda connected, _: connected or closed.set())
+        threading.Thread(target=session.send, args=(1,), daemon=True).start()
+        assert busy.wait(5)
+        with interrupted():
+            session.disconnect()
+        done.set()
+        assert closed.wait(5)
+
+
+def test_threads_that_wait_for_answers_use_no_time_and_disconnect_lets_them_go():
+    with ThreadPoolExecutor(200) as threads, connected_session(silence) as session:
+        started = threading.Barrier(201)
+        answers = [threads.submit(lambda: (started.wait(), session.send(1))[1]) for _ in range(200)]
+        started.wait()
+        time.sleep(0.5)  # all of them have got to their waits, and stay there
+        before = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw
+        time.sleep(1)
+        switches = resource.getrusage(resource.RUSAGE_SELF).ru_nvcsw - before
+        session.disconnect()
+        for answer in answers:
+            payload, error = answer.result(timeout=5)
+            assert payload is None and error
+    assert switches < 200
 
 
 SUBINTERPRETER_SCRIPT = """
@@ -300,12 +283,17 @@ print(vorlinkit_python.VorlinSession(vorlinkit_python.SessionConfig()).send(1))
 
 @pytest.mark.parametrize("main_interpreter", ["first", "last"])
 def test_a_sub_interpreter_is_refused(main_interpreter):
-    result = run_script(SUBINTERPRETER_SCRIPT, main_interpreter)
-    assert result.stderr == ""
-    assert result.stdout.splitlines() == [
-        "vorlinkit_python cannot be imported in a sub-interpreter",
-        "(None, 'Not connected')",
-    ]
+    told = "vorlinkit_python cannot be imported in a sub-interpreter\n(None, 'Not connected')\n"
+    assert run_script(SUBINTERPRETER_SCRIPT, main_interpreter, preamble="") == (0, told, "")
+
+
+def compiled(source, folder, *flags):
+    compiler, made = shutil.which("c++"), folder / "made"
+    if compiler is None:
+        pytest.skip("no compiler")
+    (folder / "source.cpp").write_text(source)
+    subprocess.run([compiler, "source.cpp", "-o", made, *flags], cwd=folder, check=True)
+    return made
 
 
 EMBEDDER = """
@@ -328,20 +316,16 @@ int main() {
 
 
 def test_a_second_interpreter_of_a_process_is_refused(tmp_path):
-    compiler, settings = shutil.which("c++"), sysconfig.get_config_vars()
+    settings = sysconfig.get_config_vars()
     library = Path(settings["LIBDIR"], settings["LDLIBRARY"])
-    if not compiler or not library.exists():
-        pytest.skip("no compiler, or no library to embed this Python with")
-    (tmp_path / "embedder.cpp").write_text(EMBEDDER)
-    command = [compiler, "-I", settings["INCLUDEPY"], "embedder.cpp", library, "-o", "embedder"]
+    if not library.exists():
+        pytest.skip("no library to embed this Python with")
     flags = [flag for name in ("LINKFORSHARED", "LIBS", "SYSLIBS") for flag in settings[name].split()]
-    subprocess.run([*command, *flags], cwd=tmp_path, check=True)
+    embedder = compiled(EMBEDDER, tmp_path, "-I", settings["INCLUDEPY"], library, *flags)
     environment = dict(os.environ, PYTHONHOME=sys.base_prefix, PYTHONPATH=os.pathsep.join(sys.path))
-    result = subprocess.run(
-        [tmp_path / "embedder"], env=environment, capture_output=True, text=True, timeout=60
-    )
-    assert (result.returncode, result.stderr) == (0, "")
-    assert result.stdout.splitlines() == [
+    done = subprocess.run([embedder], env=environment, capture_output=True, text=True, timeout=60)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.splitlines() == [
         "(None, 'Not connected')",
         "vorlinkit_python cannot be imported once more in this process: the interpreter that had imported it has "
         "been finalised",
@@ -362,9 +346,6 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 """
 
 NO_MEMORY_SCRIPT = """
-import ctypes, gc, sys
-import vorlinkit_python as vorlin
-
 fails_after = ctypes.c_int.in_dll(ctypes.CDLL(sys.argv[1]), "new_fails_after")
 session, failed = vorlin.VorlinSession(vorlin.SessionConfig()), 0
 for count in range(20):
@@ -380,33 +361,9 @@ print(failed)
 
 
 def test_a_registration_without_memory_leaves_a_session_that_can_be_collected(tmp_path, monkeypatch):
-    compiler, library = shutil.which("c++"), tmp_path / "failing_new.so"
-    if compiler is None:
-        pytest.skip("no compiler")
-    (tmp_path / "failing_new.cpp").write_text(FAILING_NEW)
-    words = [compiler, "-shared", "-fPIC", "failing_new.cpp", "-o", library]
-    subprocess.run(words, cwd=tmp_path, check=True)
+    library = compiled(FAILING_NEW, tmp_path, "-shared", "-fPIC")
     monkeypatch.setenv("LD_PRELOAD", str(library))
-    result = run_script(NO_MEMORY_SCRIPT, library)
-    assert (result.returncode, result.stderr) == (0, "")
-    if int(result.stdout) == 0:
+    code, failed, errors = run_script(NO_MEMORY_SCRIPT, library)
+    assert (code, errors) == (0, "")
+    if int(failed) == 0:
         pytest.skip("the module was linked with a C++ library of its own")
-
-
-def test_disconnect_lets_every_waiting_thread_go():
-    waiting = threading.Semaphore(0)
-
-    def note_first(connection):
-        read_request(connection)
-        waiting.release()
-        silence(connection)
-
-    with ThreadPoolExecutor(20) as threads, serving(note_first) as port:
-        session = vorlin.VorlinSession(config_for(port))
-        assert session.connect() == (True, "")
-        answers = [threads.submit(session.send, 1) for _ in range(20)]
-        assert waiting.acquire(timeout=5)
-        session.disconnect()
-        for answer in answers:
-            payload, error = answer.result(timeout=5)
-            assert payload is None and error

@@ -22,18 +22,13 @@ from vorlinkit.simulator import SimulatorProcess  # noqa: E402
 
 
 @pytest.fixture(scope="session")
-def catalogue_path(tmp_path_factory: pytest.TempPathFactory) -> Path:
+def catalogue(tmp_path_factory: pytest.TempPathFactory) -> catalogues.Catalogue:
     """The build's catalogue, or one made on the spot when the tests run without a build."""
-    if catalogues.DEFAULT_PATH.exists():
-        return catalogues.DEFAULT_PATH
-    path = tmp_path_factory.mktemp("catalogue") / "catalogue.json"
-    subprocess.run([sys.executable, "-m", "generator", "--json", str(path)], cwd=ROOT, check=True)
-    return path
-
-
-@pytest.fixture(scope="session")
-def catalogue(catalogue_path: Path) -> catalogues.Catalogue:
-    return catalogues.load(catalogue_path)
+    path = catalogues.DEFAULT_PATH
+    if not path.exists():
+        path = tmp_path_factory.mktemp("catalogue") / "catalogue.json"
+        subprocess.run([sys.executable, "-m", "generator", "--json", str(path)], cwd=ROOT, check=True)
+    return catalogues.load(path)
 
 
 class Bench:
@@ -44,12 +39,12 @@ class Bench:
         self.catalogue = catalogue
 
     def simulator(self, *options: str, rules: tuple[str, ...] = ()) -> SimulatorProcess:
-        return self._stack.enter_context(
-            SimulatorProcess(*options, rules=rules, catalogue=self.catalogue.path)
-        )
+        started = SimulatorProcess(*options, rules=rules, catalogue=self.catalogue.path)
+        return self._stack.enter_context(started)
 
     def peer(self, simulator: SimulatorProcess, identified: bool = True) -> Peer:
-        peer = self._stack.enter_context(Peer(simulator.host, simulator.port, self.catalogue))
+        peer = Peer(simulator.host, simulator.port, self.catalogue)
+        self._stack.callback(peer.socket.close)
         if identified:
             peer.identify()
         return peer

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import socket
 from dataclasses import dataclass
-from types import TracebackType
 
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.wire import coder, frames
@@ -33,14 +32,6 @@ class Peer:
         self.client_id = 0
         self.notifications: list[tuple[str, Record]] = []
 
-    def __enter__(self) -> Peer:
-        return self
-
-    def __exit__(
-        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
-    ) -> None:
-        self.socket.close()
-
     def identify(self) -> int:
         self.client_id = self.ask("GetClientId")["ClientID"]  # type: ignore[assignment]
         return self.client_id
@@ -64,6 +55,10 @@ class Peer:
         record, left_over = coder.decode(response.fields, frame.payload)
         assert left_over == 0
         return record
+
+    def error(self, name: str, **values: Value) -> Value:
+        """The command error of the response to a request."""
+        return self.ask(name, **values)["CommandError"]
 
     def response(self) -> Frame:
         while (frame := self.frame()).type == frames.NOTIFICATION:

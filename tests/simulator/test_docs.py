@@ -6,7 +6,7 @@ import re
 import tomllib
 
 import pytest
-from conftest import ROOT
+from conftest import ROOT, Bench
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator.faults.misbehaviour import ACTIONS
 from vorlinkit.simulator.faults.scenario import Scenario, parse_text
@@ -35,8 +35,9 @@ def test_rules_on_the_page_are_rules(catalogue: Catalogue) -> None:
     assert len(scenario.rules) + len(scenario.connection_rules) == 4
 
 
-def test_the_page_shows_what_the_simulator_says_of_itself(catalogue: Catalogue) -> None:
-    assert "\n".join(disclaimer(catalogue)) in PAGE
+def test_the_page_shows_what_the_simulator_says_of_itself(bench: Bench) -> None:
+    told = "\n".join(disclaimer(bench.catalogue))
+    assert told in PAGE and told in "\n".join(bench.simulator().output)
 
 
 def test_every_action_and_option_is_on_the_page() -> None:

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import json
 import socket
+import tomllib
+from contextlib import nullcontext, suppress
 from pathlib import Path
 
 import pytest
@@ -11,7 +13,7 @@ from conftest import Bench
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator import SimulatorFailed, SimulatorProcess
 from vorlinkit.simulator.answer import Answer
-from vorlinkit.simulator.faults.misbehaviour import ACTIONS, ScenarioError, build
+from vorlinkit.simulator.faults.misbehaviour import ScenarioError, build
 from vorlinkit.simulator.faults.scenario import Scenario, parse_text, read_file
 from vorlinkit.simulator.network.server import _why_not
 from vorlinkit.simulator.options import parse
@@ -31,44 +33,31 @@ def test_second_request_is_late_and_notifications_go_on(bench: Bench) -> None:
     assert peer.notification("GetServerStatus") == {"RestartStatus": 2, "DetailedStatus": "soon"}
 
 
-def test_delayed_answer_comes_in_the_end(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 delay=1",)))
-    assert peer.ask("GetMachineInfo")["ModuleCount"] == 2
-
-
-def test_no_answer_then_the_next_request_is_served(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=11 no_answer",))
-    peer = bench.peer(simulator)
-    peer.send("GetMachineInfo")
-    simulator.wait_for("request", command=INFO)
-    peer.send("GetServerTime")
-    assert peer.frame().command_id == 10
-
-
-@pytest.mark.parametrize(("rule", "command_id"), [("wrong_command_id", 12), ("wrong_command_id=7", 7)])
-def test_wrong_command_id(bench: Bench, rule: str, command_id: int) -> None:
-    peer = bench.peer(bench.simulator(rules=(f"command=11 {rule}",)))
-    assert peer.exchange("GetMachineInfo").command_id == command_id
-
-
-def test_duplicates(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 duplicate=2",)))
-    peer.send("GetMachineInfo")
-    assert len({peer.frame() for _ in range(3)}) == 1
-    assert peer.exchange("GetServerTime").command_id == 10
+R, N = frames.RESPONSE, frames.NOTIFICATION
 
 
 @pytest.mark.parametrize(
-    ("rule", "major", "minor"),
+    ("rule", "seen"),
     [
-        ("major_error=0x21", 0x21, 0),
-        ("major_error=ControlBlocked,AccessKeyIncorrect", 0xC0, 0),
-        ("minor_error=UnknownRequestVersion", 0, 1),
+        ("no_answer", []),
+        ("delay=1", [(R, 11, 0, 0)]),
+        ("wrong_command_id", [(R, 12, 0, 0)]),
+        ("wrong_command_id=7", [(R, 7, 0, 0)]),
+        ("duplicate=2", [(R, 11, 0, 0)] * 3),
+        ("major_error=0x21", [(R, 11, 0x21, 0)]),
+        ("major_error=ControlBlocked,AccessKeyIncorrect", [(R, 11, 0xC0, 0)]),
+        ("minor_error=UnknownRequestVersion", [(R, 11, 0, 1)]),
+        ("glued", [(N, 5, 0, 0), (R, 11, 0, 0)]),  # it has no notification of its own
     ],
 )
-def test_protocol_errors_and_warnings(bench: Bench, rule: str, major: int, minor: int) -> None:
-    frame = bench.peer(bench.simulator(rules=(f"command=11 {rule}",))).exchange("GetMachineInfo")
-    assert (frame.major_error, frame.minor_error) == (major, minor)
+def test_frames_that_answer_a_request(bench: Bench, rule: str, seen: list[tuple[int, ...]]) -> None:
+    peer = bench.peer(bench.simulator(rules=(f"command=11 {rule}",)))
+    peer.send("GetMachineInfo")
+    peer.send("GetServerTime")
+    came = [peer.frame() for _ in (*seen, "and that of the next request")]
+    told = [(one.type, one.command_id, one.major_error, one.minor_error) for one in came]
+    assert told == [*seen, (R, 10, 0, 0)]
+    assert len({one.payload for one in came[:-1] if one.type == R}) <= 1
 
 
 def test_command_error_bits(bench: Bench) -> None:
@@ -77,48 +66,12 @@ def test_command_error_bits(bench: Bench) -> None:
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
 
 
-def test_split_at_every_byte_arrives_whole(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("split",)))
-    assert peer.ask("GetMachineInfo")["MachineType"] == "VorlinKit simulator"
-    assert len(peer.ask("GetSupportedCommands")["listOfCommands"]) == 206  # type: ignore[arg-type]
-
-
-def test_glued_frames_come_in_one_piece(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=GetMotorPosition glued=3",))
-    peer = bench.peer(simulator)
-    peer.send("GetMotorPosition", AutomatedDeviceID="AD1", AttachedMotorNumber=1, NotificationLevel=0)
-    simulator.wait_for("answered")
-    kinds = [peer.frame().type for _ in range(4)]
-    assert kinds == [frames.NOTIFICATION] * 3 + [frames.RESPONSE]
-
-
 @pytest.mark.parametrize(
     ("value", "junk"),
     [(7, b"no fram"), (12, b"no frame no "), ("hex:5858", b"XX"), (True, b"this is no frame")],
 )
 def test_kinds_of_junk(value: object, junk: bytes) -> None:
     assert build("junk", value, {}).apply(Answer(INFO)).ahead == (junk,)
-
-
-def test_junk_comes_ahead(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 junk=7",)))
-    peer.send("GetMachineInfo")
-    assert peer.exactly(7) == b"no fram"
-    assert peer.frame().command_id == INFO
-
-
-def test_short_payload(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=11 request=2 short_payload=3",))
-    peer = bench.peer(simulator)
-    whole = peer.exchange("GetMachineInfo").payload
-    assert peer.exchange("GetMachineInfo").payload == whole[:-3]
-
-
-def test_announced_length_never_comes(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 announce=5", "command=11 close=after")))
-    peer.send("GetMachineInfo")
-    with pytest.raises(EOFError):
-        peer.frame()
 
 
 @pytest.mark.parametrize(
@@ -138,14 +91,11 @@ def test_endings(bench: Bench, how: str, moment: str) -> None:
     peer = bench.peer(simulator)
     peer.send("GetMachineInfo")
     whole = 20 + 35
-    received = b""
-    try:
-        received = peer.until_end()
-        assert how != "reset"
-    except ConnectionResetError:
-        assert how == "reset"
-    if how != "reset":
-        assert len(received) == {"instead": 0, "middle": whole // 2, "after": whole}[moment]
+    if how == "reset":
+        with pytest.raises(ConnectionResetError):
+            peer.until_end()
+    else:
+        assert len(peer.until_end()) == {"instead": 0, "middle": whole // 2, "after": whole}[moment]
     if how == "half_close":
         peer.send("GetServerTime")
         assert simulator.wait_for("request", command=10)
@@ -167,11 +117,9 @@ def test_silence_after_accept(bench: Bench) -> None:
 @pytest.mark.parametrize("how", ["close", "reset"])
 def test_drop_on_accept(bench: Bench, how: str) -> None:
     simulator = bench.simulator(rules=(f"connection=1 drop_on_accept={how}",))
-    if how == "close":
+    # A reset may come before the connection is seen to stand.
+    with nullcontext() if how == "close" else pytest.raises(ConnectionResetError):
         assert bench.peer(simulator, identified=False).until_end() == b""
-    else:  # which may come before the connection is seen to stand
-        with pytest.raises(ConnectionResetError):
-            bench.peer(simulator, identified=False).until_end()
     assert bench.peer(simulator).client_id == 1
 
 
@@ -182,21 +130,6 @@ def test_drop_after_frames(bench: Bench) -> None:
     peer.exchange("GetServerTime")
     assert peer.until_end() == b""
     assert bench.peer(simulator).ask("GetMachineInfo")
-
-
-def test_bursts(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 burst=1000 of=GetMotorPosition size=10",)))
-    peer.exchange("GetMachineInfo")
-    made = [peer.frame() for _ in range(1000)]
-    assert {frame.command_id for frame in made} == {158}
-    assert [int.from_bytes(frame.payload[:4], "big") for frame in made] == list(range(1000))
-    assert {len(frame.payload) for frame in made} == {10}
-
-
-def test_glued_where_there_is_no_notification_of_its_own(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 glued",)))
-    peer.send("GetMachineInfo")
-    assert [peer.frame().command_id for _ in range(2)] == [5, 11]
 
 
 def test_a_client_that_sends_no_more_gets_its_answers(bench: Bench) -> None:
@@ -271,12 +204,13 @@ def test_a_client_that_floods_and_does_not_read_holds_up_nobody(bench: Bench) ->
     assert kinds == [frames.RESPONSE, frames.NOTIFICATION] * 100
 
 
-@pytest.mark.parametrize("suffix", [".toml", ".json"])
-def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
-    rules = [{"command": "GetMachineInfo", "from": 2, "to": 3, "minor_error": ["ControlBlocked"]}]
-    toml = '[[rule]]\ncommand = "GetMachineInfo"\nfrom = 2\nto = 3\nminor_error = ["ControlBlocked"]\n'
-    path = tmp_path / f"scenario{suffix}"
-    path.write_text(toml if suffix == ".toml" else json.dumps({"rule": rules}))
+TOML = '[[rule]]\ncommand = "GetMachineInfo"\nfrom = 2\nto = 3\nminor_error = ["ControlBlocked"]\n'
+
+
+@pytest.mark.parametrize(("suffix", "text"), [("toml", TOML), ("json", json.dumps(tomllib.loads(TOML)))])
+def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str, text: str) -> None:
+    path = tmp_path / f"scenario.{suffix}"
+    path.write_text(text)
     peer = bench.peer(bench.simulator("--scenario", str(path)))
     warnings = [peer.exchange("GetMachineInfo").minor_error for _ in range(4)]
     assert warnings == [0, MinorError.ControlBlocked, MinorError.ControlBlocked, 0]
@@ -305,8 +239,6 @@ def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str) -> None:
         ("minor_error=ControlBlocked,4294967296", "from 1 to 4294967295"),
         pytest.param(f"delay={'9' * 400}", "from 0 to 4294967295", id="long delay"),
         ("burst=1 size=4294967295", "size is a whole number from 0 to"),
-        ("no_answer=false delay=1", "no_answer is true"),
-        ("silent=1", "silent is true"),
         ("silent=false", "silent is true"),
         ("delay=5 size=3", "size says something of a burst"),
         ("delay=5 of=11", "of says something of a burst"),
@@ -335,22 +267,13 @@ def test_mistakes_in_files_are_named(tmp_path: Path, text: str, complaint: str) 
         read_file(path)
 
 
-def test_every_action_is_built_from_its_name() -> None:
-    values: dict[str, object] = {"corrupt": "type", "delay": 1, "major_error": 1, "minor_error": 1}
-    values |= {"command_error": 1, "burst": 1}
-    for action in ACTIONS:
-        assert build(action, values.get(action, True), {}).apply(Answer(INFO, b"abc")) is not None
-
-
 def test_a_stream_of_nonsense_ends_the_connection(bench: Bench) -> None:
     simulator = bench.simulator()
     peer = bench.peer(simulator)
     peer.socket.sendall(b"GET / HTTP/1.1\r\n\r\n")
     simulator.wait_for("not-a-frame")
-    try:
+    with suppress(ConnectionResetError):  # which is how it ends if there is something it has not read
         assert peer.until_end() == b""
-    except ConnectionResetError:
-        pass  # what it had not read yet makes the end of the connection a reset
     simulator.wait_for("closed", connection=1)
 
 
