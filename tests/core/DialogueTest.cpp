@@ -30,7 +30,7 @@ public:
     const std::map<std::string, std::function<void()>> events{
         {"submit", [&] { fsm_.submit(request(words)); }},
         {"direct", [&] { submitWritten(words); }},
-        {"part", [&] { submitWritten(words), fsm_.unwritten(std::vector<std::byte>(18), 7); }},
+        {"partly", [&] { submitWritten(words), fsm_.unwritten(std::vector<std::byte>(18), 7); }},
         {"unwritten", [&] { fsm_.unwritten(std::vector<std::byte>(18), 7); }},
         {"encoded", [&] { fsm_.encoded(18); }},
         {"written", [&] { fsm_.written(at(words)); }},

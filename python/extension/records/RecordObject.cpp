@@ -112,8 +112,8 @@ PyTypeObject* createClass(RecordType& type) {
                          {Py_tp_methods, type.methods},
                          {Py_tp_doc, const_cast<char*>(type.doc)},
                          {0, nullptr}};
-  PyType_Spec spec{type.name, sizeof(RecordObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
-  auto* const made = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&spec));
+  PyType_Spec definition{type.name, sizeof(RecordObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
+  auto* const made = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&definition));
   if (made == nullptr) throw py::error_already_set();
   made->tp_weaklistoffset = offsetof(RecordObject, weakReferences); // as a member it would be an attribute, too
   return made;
