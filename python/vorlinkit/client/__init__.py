@@ -1,0 +1,1 @@
+"""The typed client: `Machine`, what it raises, and the connection below it."""
