@@ -45,6 +45,7 @@ class ControlLines:
             "take-control": lambda text: self._plain(text, self._server.take_control),
             "release-control": lambda text: self._plain(text, self._server.release_control),
             "restart": self._restart,
+            "mark": lambda text: None,
             "close": lambda text: self._end("close", text),
             "reset": lambda text: self._end("reset", text),
             "half-close": lambda text: self._end("half-close", text),
