@@ -29,10 +29,12 @@ class AwaitChange(NamedTuple):
 
 
 class Connect(NamedTuple):
-    """Connect anew, whatever there is now. With `wait` its outcome is the link's; otherwise go on at once."""
-
-    wait: bool
+    """Connect for the first time; the outcome is the link's."""
 
 
-Action = Ask | AwaitChange | Connect
+class GiveUp(NamedTuple):
+    """End the connection, and make another one if connections are restored at all. No outcome."""
+
+
+Action = Ask | AwaitChange | Connect | GiveUp
 Steps = Generator[Action, Any, T]

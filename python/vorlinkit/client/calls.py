@@ -5,7 +5,7 @@ from __future__ import annotations
 from typing import Any, Final, NamedTuple
 
 from . import link
-from .actions import Ask, AwaitChange, Connect, Steps
+from .actions import Ask, AwaitChange, GiveUp, Steps
 from .control import RELEASE
 from .conversation import Conversation
 from .errors import CommandRefused, ProtocolRefusal, RequestTimeout, VorlinError
@@ -119,7 +119,9 @@ def judged(talk: Conversation, wanted: Call, response: Any, minor: int) -> Any:
     return response
 
 
-def clearance(talk: Conversation, wanted: Call, deadline: float, trouble: VorlinError | None = None) -> Steps[int]:
+def clearance(
+    talk: Conversation, wanted: Call, deadline: float, trouble: VorlinError | None = None
+) -> Steps[int]:
     """The connection on which the call may go out now. `trouble`: why it has to be sent again, if it has."""
     plan, waits = wanted.plan, wanted.repeats > 0
     while True:
@@ -145,7 +147,7 @@ def exclude_late_answer(talk: Conversation, wanted: Call, deadline: float) -> St
     fence = talk.late.fence_for(plan.id)
     if talk.options.late_answers == "reconnect" or fence is None:
         talk.lost(f"given up, as {plan.name} was not answered in time and its answer may still come")
-        yield Connect(wait=False)
+        yield GiveUp()
         return
     mark, left = talk.late.mark(), max(deadline - talk.clock(), LEAST)
     outcome = yield from ask(talk, Ask(fence, b"", left, connection))
@@ -174,7 +176,7 @@ def check_idle(talk: Conversation, timeout: float) -> Steps[None]:
         return
     if outcome[0] == link.TIMEOUT:
         talk.lost(f"given up, as the machine has answered nothing for {timeout:g} s")
-        yield Connect(wait=False)
+        yield GiveUp()
     elif outcome[0] in (link.OK, link.PROTOCOL):
         talk.late.answered(NO_OP, mark)
         talk.update()

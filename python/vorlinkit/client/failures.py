@@ -47,7 +47,9 @@ def failure(command: str, host: str, outcome: tuple[Any, ...], timeout: float) -
     if code == link.PROTOCOL and major:
         return refused(command, host, MajorError(major))
     if code == link.STOPPED:
-        return Closed(f"{command}: the connection to {host} was closed while the request waited.", command=command)
+        return Closed(
+            f"{command}: the connection to {host} was closed while the request waited.", command=command
+        )
     if code == link.ENCODE:
         return EncodeError(f"{command} was not sent to {host}: {text}", command=command)
     return DecodeError(f"{command}: what {host} answered is no VORLIN response: {text}", command=command)
@@ -74,11 +76,15 @@ def not_connected(command: str, host: str, why: str = "") -> NotConnected:
 def refused(command: str, host: str, flags: MajorError) -> ProtocolRefusal:
     advice = " ".join(text for flag, text in _ADVICE.items() if flag in flags)
     return ProtocolRefusal(
-        f"{command}: {host} refused the request: {names(flags)}. {advice}".rstrip(), command=command, flags=flags
+        f"{command}: {host} refused the request: {names(flags)}. {advice}".rstrip(),
+        command=command,
+        flags=flags,
     )
 
 
-def command_refused(command: str, host: str, code: int, texts: tuple[str, ...], response: Any) -> CommandRefused:
+def command_refused(
+    command: str, host: str, code: int, texts: tuple[str, ...], response: Any
+) -> CommandRefused:
     said = "; ".join(texts) or "no text is known for it"
     return CommandRefused(
         f"{command}: {host} refused: {said} (CommandError 0x{code:04X})",

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from . import link
-from .actions import Ask, AwaitChange, Connect, Steps
+from .actions import Ask, AwaitChange, Connect, GiveUp, Steps
 from .calls import Call, judged
 from .conversation import Conversation
 from .errors import Closed, ConnectError, VorlinError
@@ -47,7 +47,7 @@ def _get_client_id(talk: Conversation, connection: int) -> Steps[bool]:
         return True
     if talk.was_ready:
         talk.lost(str(error))
-        yield Connect(wait=False)
+        yield GiveUp()
     else:
         talk.fail(f"it accepts connections, but answers nothing within {timeout:g} s; is it a VORLIN server?")
     return False
@@ -62,7 +62,7 @@ def _renew(talk: Conversation, topic: Topic, connection: int) -> Steps[VorlinErr
         return failure(plan.name, talk.host, outcome, timeout)
     try:
         response = plan.decode_response(outcome[2])
-        wanted = Call(plan, topic.values or (), topic.payload, timeout)
+        wanted = Call(plan, topic.values, topic.payload, timeout)
         topic.response = judged(talk, wanted, response, outcome[4])
     except VorlinError as error:
         return error
@@ -72,7 +72,7 @@ def _renew(talk: Conversation, topic: Topic, connection: int) -> Steps[VorlinErr
 def connect(talk: Conversation, timeout: float) -> Steps[None]:
     """The first connection, with its handshake. Raises ConnectError."""
     where = f"{talk.host}:{talk.options.port}"
-    outcome = yield Connect(wait=True)
+    outcome = yield Connect()
     if outcome[0] != link.OK:
         raise ConnectError(f"no connection to {where}: {outcome[1]}", reason=outcome[1])
     deadline = talk.clock() + timeout

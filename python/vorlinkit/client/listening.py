@@ -20,27 +20,24 @@ class Listener(Protocol):
 class Topic:
     """One object that somebody listens to, and what asks the machine for its notifications.
 
-    `confirmed`: the machine has accepted the request, so it is renewed on the next connection.
+    `asks`: notifications come because of a request; the others come unasked, and are only listened to. `renewable`:
+    asking again changes nothing; what starts something on the machine is never asked again by itself. `confirmed`: the
+    machine has accepted the request, so it is renewed on the next connection.
     """
 
-    def __init__(self, plan: Plan[Any, Any], values: tuple[Any, ...] | None) -> None:
+    def __init__(self, plan: Plan[Any, Any], values: tuple[Any, ...]) -> None:
         self.plan = plan
         self.values = values
-        self.address = None if values is None else plan.address_of(values)
+        self.address = plan.address_of(values)
+        self.asks = plan.effect == "read" or not plan.unasked
+        self.renewable = plan.effect == "read"
         self.payload = b""
         self.response: Any = None
         self.confirmed = False
         self.listeners: tuple[Listener, ...] = ()
 
     def __str__(self) -> str:
-        if self.values is None:
-            return self.plan.name
-        return f"{self.plan.name}({', '.join(map(repr, self.values))})"
-
-    @property
-    def renewable(self) -> bool:
-        """Asking again changes nothing. What starts something on the machine is never asked again by itself."""
-        return self.values is not None and self.plan.effect == "read"
+        return f"{self.plan.name}({', '.join(repr(value) for value in self.values if value is not None)})"
 
 
 class Topics:

@@ -13,19 +13,22 @@ from .plan import Plan
 
 
 def subscribe(
-    talk: Conversation, plan: Plan[Any, Any], values: tuple[Any, ...], payload: bytes, timeout: float, listener: Listener
+    talk: Conversation,
+    plan: Plan[Any, Any],
+    values: tuple[Any, ...],
+    payload: bytes,
+    timeout: float,
+    listener: Listener,
 ) -> Steps[Topic]:
     """Has the machine notify; returns when it has agreed, and raises as a call does when it has not.
 
     A command that changes the machine is asked each time, and never again by itself.
     """
-    topic = talk.topics.find(plan, values) if plan.effect == "read" else None
-    if topic is not None and topic.confirmed and topic.values == values:
-        talk.topics.add(topic, listener)
-        return topic
-    if topic is None:
-        topic = Topic(plan, values)
+    talk.check_open(plan.name)
+    topic = talk.topics.find(plan, values) or Topic(plan, values)
     talk.topics.add(topic, listener)  # ahead of the request: the first notification may come with the answer
+    if not topic.asks or (topic.confirmed and topic.values == values):
+        return topic
     try:
         while True:
             answer = yield from call(talk, call_of(talk, plan, values, payload, timeout))
@@ -43,9 +46,14 @@ def subscribe(
 def unsubscribe(talk: Conversation, topic: Topic, listener: Listener, timeout: float) -> Steps[None]:
     """The end of one subscription. What goes wrong is logged: its user is done with it."""
     plan = topic.plan
-    if not talk.topics.remove(topic, listener) or plan.subscribes < 0 or not topic.renewable or not talk.ready:
+    if (
+        not talk.topics.remove(topic, listener)
+        or plan.subscribes < 0
+        or not topic.renewable
+        or not talk.ready
+    ):
         return
-    values = plan.with_level(topic.values or (), 0)
+    values = plan.with_level(topic.values, 0)
     try:
         yield from call(talk, Call(plan, values, plan.encode(values), timeout))
     except VorlinError as error:
