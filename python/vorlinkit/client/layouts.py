@@ -27,7 +27,8 @@ class Layout:
     """One record type: its fields in wire order, and which of them follow from others.
 
     `counts`: key of a count or length -> what it counts. `selectors`: key of a number -> the variant that it selects
-    an alternative of. `own`: of an alternative, the key of the number that selects it, and its values.
+    an alternative of. `alternative`: the name of one; then `own` is the key of the number that selects it, "" if that
+    is not part of it, and `when` are the values that do.
     """
 
     type: str
@@ -35,6 +36,7 @@ class Layout:
     fields: tuple[Field, ...]
     counts: Mapping[str, ListField | BlobField]
     selectors: Mapping[str, VariantField]
+    alternative: str = ""
     own: str = ""
     when: tuple[int, ...] = ()
 
@@ -103,11 +105,16 @@ def message_kind(layout: Layout) -> MessageKind | None:
 
 
 def _tree(
-    command: Command, name: str, fields: tuple[Field, ...], own: str = "", when: tuple[int, ...] = ()
+    command: Command,
+    name: str,
+    fields: tuple[Field, ...],
+    alternative: str = "",
+    own: str = "",
+    when: tuple[int, ...] = (),
 ) -> Iterator[Layout]:
     """A record's layout behind those of the records in it."""
-    counts = {}
-    selectors = {}
+    counts: dict[str, ListField | BlobField] = {}
+    selectors: dict[str, VariantField] = {}
     keys = {field.key for field in fields if isinstance(field, ScalarField)}
     for field in fields:
         if isinstance(field, ListField):
@@ -121,6 +128,6 @@ def _tree(
             if not field.inside and field.on in keys:
                 selectors[field.on] = field
             for one in field.alternatives:
-                selector = (field.on, one.when) if field.inside else ("", ())
-                yield from _tree(command, one.type, one.fields, *selector)
-    yield Layout(name, command, fields, counts, selectors, own, when)
+                own_key = field.on if field.inside else ""
+                yield from _tree(command, one.type, one.fields, one.name, own_key, one.when)
+    yield Layout(name, command, fields, counts, selectors, alternative, own, when)

@@ -7,7 +7,9 @@ catalogue and the record classes are loaded when a plan is used that needs them.
 from __future__ import annotations
 
 from collections.abc import Callable, Mapping
-from typing import Any, Generic, NoReturn, TypeVar
+from struct import Struct
+from struct import error as struct_error
+from typing import Any, Final, Generic, NoReturn, TypeVar
 
 from .errors import DecodeError
 
@@ -42,7 +44,9 @@ class Plan(Generic[R, N]):
         "carried",
         "echoed",
         "has_error",
-        "_writers",
+        "_types",
+        "_texts",
+        "_pack",
         "_decoders",
     )
 
@@ -75,7 +79,12 @@ class Plan(Generic[R, N]):
         self.carried = carried
         self.echoed = echoed
         self.has_error = has_error
-        self._writers = tuple(map(_WRITERS.get, kinds))
+        # For the quick way, which most requests go: texts, then numbers, all of exactly these types.
+        self._texts = kinds.count("string")
+        numbers = kinds[self._texts :]
+        is_quick = "string" not in numbers and all(kind in _FORMATS for kind in kinds)
+        self._types = tuple(str if kind == "string" else int for kind in kinds) if is_quick else None
+        self._pack = Struct(">" + "".join(_FORMATS[kind] for kind in numbers if is_quick)).pack
         self._decoders: dict[str, Callable[[bytes], Any]] = {} if answered else {"response": _nothing}
 
     def __repr__(self) -> str:
@@ -83,13 +92,18 @@ class Plan(Generic[R, N]):
 
     def encode(self, values: Values) -> bytes:
         """The request's payload. Raises EncodeError, which names the parameter."""
-        try:
-            return b"".join([write(value) for write, value in zip(self._writers, values, strict=True)])  # type: ignore[misc]
-        except (TypeError, ValueError, OverflowError):
-            # Not plain numbers and texts, or wrong: looked at closely, which takes other kinds or says what is wrong.
-            from .values import encode
+        if tuple(map(type, values)) == self._types:
+            try:
+                if not (texts := self._texts):
+                    return self._pack(*values)
+                head = "\0".join(values[:texts]) + "\0"
+                if head.count("\0") == texts:
+                    return head.encode() + self._pack(*values[texts:])
+            except (struct_error, UnicodeEncodeError):
+                pass
+        from .values import encode
 
-            return encode(self, values)
+        return encode(self, values)
 
     def decode_response(self, payload: bytes) -> R:
         """The response's record, or None if the command has none. Raises DecodeError."""
@@ -199,28 +213,7 @@ def _nothing(_payload: bytes) -> None:
     """The decoder of a response that has no fields."""
 
 
-def _number(width: int) -> Callable[[int], bytes]:
-    def write(value: int) -> bytes:
-        if type(value) is not int:
-            raise TypeError
-        return value.to_bytes(width, "big")
-
-    return write
-
-
-def _text(value: str) -> bytes:
-    if type(value) is not str or "\0" in value:
-        raise TypeError
-    return value.encode("utf-8", "surrogateescape") + b"\0"
-
-
-_WRITERS: Mapping[str, Callable[[Any], bytes]] = {
-    "u8": _number(1),
-    "u16": _number(2),
-    "u32": _number(4),
-    "u64": _number(8),
-    "string": _text,
-}
+_FORMATS: Final[Mapping[str, str]] = {"u8": "B", "u16": "H", "u32": "I", "u64": "Q", "string": ""}
 
 
 def _at(record: Any, path: Path) -> Any:

@@ -171,7 +171,8 @@ def _decode_field(field: Field, record: Record, reader: _Reader, scopes: list[Re
             raise PayloadError("Not enough bytes for uint8")
         record[field.key] = reader.bytes(count)
     elif isinstance(field, ListField):
-        record[field.key] = items = []
+        items: list[Record] = []
+        record[field.key] = items
         for at in range(_number_in(record, field.count)):
             try:
                 items.append(_decode_record(field.items, reader, scopes))
