@@ -111,6 +111,6 @@ def warning(command: str, host: str, minor: int) -> str:
 
 def names(flags: MajorError | MinorError) -> str:
     """The flags' names, and the bits that have none in hexadecimal."""
-    known = [flag for flag in type(flags) if flag in flags]
+    known = [flag for flag in type(flags) if int(flag) & int(flags)]
     rest = int(flags) & ~sum(int(flag) for flag in known)
     return " | ".join([*(str(flag.name) for flag in known), *([f"0x{rest:08X}"] if rest else [])])

@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
+import atexit
+import logging
 import os
 import threading
 import time
 import weakref
 from collections.abc import Callable
+from dataclasses import replace
 from typing import Any, Final, TypeVar
 
 from .actions import Action, Ask, AwaitChange, Connect, GiveUp, Steps
@@ -14,7 +17,8 @@ from .attendant import Attendant
 from .conversation import Conversation, MachineEvent, Options
 from .dispatcher import Dispatcher
 from .errors import Closed
-from .link import Link
+from .link import Link, LinkOptions
+from .log import core_level
 from .subscription import Inbox
 
 T = TypeVar("T")
@@ -23,7 +27,7 @@ LAST_PATIENCE: Final = 5.0
 """Seconds that closing waits for the link to have ended the connection."""
 
 
-class Slots(dict[int, threading.RLock]):  # type: ignore[type-arg]
+class Slots(dict[int, threading.RLock]):
     """One lock per command: a second request of a command waits until the first one is answered, or known not to be.
 
     A signal handler may ask the same command on the thread that holds its lock already.
@@ -37,15 +41,19 @@ class Keeper:
     """Owns link, keeper thread and dispatcher. Any thread may call it; it knows no `Machine`, so that one which
     nobody holds any more can end."""
 
-    def __init__(self, options: Options, make_link: Callable[[int], Link]) -> None:
+    def __init__(
+        self, options: Options, link_options: LinkOptions, make_link: Callable[[LinkOptions], Link]
+    ) -> None:
         self._lock = threading.RLock()
         self._change = threading.Condition(self._lock)
-        self._done = False
-        self.slots = Slots()
-        self.dispatcher: Final = Dispatcher(f"vorlinkit handlers {options.host}", _logger(options.host))
+        self._done = self._inherited = False
+        self.slots: Final = Slots()
+        self.dispatcher: Final = Dispatcher(
+            f"vorlinkit handlers {options.host}", logging.getLogger(f"vorlinkit.{options.host}")
+        )
         self.events: Final[Inbox[MachineEvent]] = Inbox("machine.events", 1000, None, self.dispatcher)
         self.talk: Final = Conversation(options, time.monotonic, self._changed, self.events.deliver)
-        self.link: Final = make_link(core_level(self.talk.log))
+        self.link: Final = make_link(replace(link_options, log_level=core_level(self.talk.log)))
         self._attendant: Final = Attendant(self.talk, self.link, self._lock)
         name = f"vorlinkit keeper {options.host}"
         self._thread: Final = threading.Thread(target=self._run, name=name, daemon=True)
@@ -76,6 +84,8 @@ class Keeper:
 
     def close(self, reason: str) -> None:
         """Ends the connection, every wait and the threads. Any thread, as often as one likes."""
+        if self._inherited:
+            return
         with self._lock:
             if not self.talk.closed:
                 self.talk.close(reason)
@@ -87,6 +97,11 @@ class Keeper:
         if threading.current_thread() is not self._thread:
             self._thread.join(LAST_PATIENCE)
 
+    def abandon(self) -> None:
+        """Nobody holds the machine any more. Called by the garbage collection, which may run amid anything: so the
+        work is done elsewhere."""
+        threading.Thread(target=self.close, args=("its machine object is gone",), daemon=True).start()
+
     def inherit(self) -> None:
         """In a child process: there are no threads behind it, and other threads may have held its locks."""
         if self.talk.closed:
@@ -94,9 +109,11 @@ class Keeper:
         reason = f"the connection belongs to the process that was forked (now {os.getpid()}); connect anew in this one"
         self._lock = threading.RLock()
         self._change = threading.Condition(self._lock)
-        self._done = True
-        self.slots = Slots()
-        self.talk.inherit(reason)
+        self._done = self._inherited = True
+        self.slots.clear()
+        self.talk.closed = reason
+        self.talk.ready = self.talk.up = 0
+        self.talk.update()
         for inbox in (self.events, *(one for topic in self.talk.topics for one in topic.listeners)):
             if isinstance(inbox, Inbox):
                 inbox.inherit(Closed(f"{inbox.name} has ended: {reason}"))
@@ -147,6 +164,11 @@ class Keeper:
         attendant.handle(queue.take())
 
 
+def _at_exit() -> None:
+    for keeper in list(_keepers):
+        keeper.close("the interpreter ends")
+
+
 _keepers: weakref.WeakSet[Keeper] = weakref.WeakSet()
 
 
@@ -155,5 +177,6 @@ def _after_fork() -> None:
         keeper.inherit()
 
 
+atexit.register(_at_exit)
 if hasattr(os, "register_at_fork"):
     os.register_at_fork(after_in_child=_after_fork)

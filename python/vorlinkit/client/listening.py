@@ -17,19 +17,24 @@ class Listener(Protocol):
         """Nothing comes any more; `error` says why, None if the user ended it."""
 
 
+def asks(plan: Plan[Any, Any]) -> bool:
+    """Whether subscribing sends a request. Notifications that come unasked are only listened to, but for those of a
+    command that does nothing else than to register for them."""
+    return plan.effect == "read" or not plan.unasked
+
+
 class Topic:
     """One object that somebody listens to, and what asks the machine for its notifications.
 
-    `asks`: notifications come because of a request; the others come unasked, and are only listened to. `renewable`:
-    asking again changes nothing; what starts something on the machine is never asked again by itself. `confirmed`: the
-    machine has accepted the request, so it is renewed on the next connection.
+    `renewable`: asking again changes nothing; what starts something on the machine is never asked again by itself.
+    `confirmed`: the machine has accepted the request, so it is renewed on the next connection.
     """
 
     def __init__(self, plan: Plan[Any, Any], values: tuple[Any, ...]) -> None:
         self.plan = plan
         self.values = values
         self.address = plan.address_of(values)
-        self.asks = plan.effect == "read" or not plan.unasked
+        self.asks = asks(plan)
         self.renewable = plan.effect == "read"
         self.payload = b""
         self.response: Any = None

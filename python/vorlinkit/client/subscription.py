@@ -103,7 +103,9 @@ class Inbox(Stream[T]):
                 raise self._error or Closed(f"{self.name} has ended")
             left = None if end is None else end - time.monotonic()
             if left is not None and left <= 0:
-                raise RequestTimeout(f"{self.name}: nothing came within {timeout:g} s", timeout=timeout or 0.0)
+                raise RequestTimeout(
+                    f"{self.name}: nothing came within {timeout:g} s", timeout=timeout or 0.0
+                )
             self._condition.wait(left)
 
     def _wake(self) -> None:
