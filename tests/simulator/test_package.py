@@ -18,7 +18,7 @@ MAY_IMPORT: Mapping[str, set[str] | None] = {
     "": set(),
     **dict.fromkeys(("wire", "catalogue"), WIRE),
     **{part: {part, *WIRE} for part in ("simulator", "capture", "layouts")},
-    **dict.fromkeys(("client", "aio", "cli", "pytest_plugin")),
+    **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin")),
 }
 """The parts of the package, and which of its parts each may import; None: all, and the extension module, too."""
 HOSTS = {"pytest_plugin": "pytest"}
