@@ -1,6 +1,8 @@
 // A request on its way to an answer, and the promise that there will be one.
 #pragma once
 
+#include "LinkedList.hpp"
+
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/RawMessage.hpp>
 
@@ -65,7 +67,7 @@ template <typename Value> std::future<std::expected<Value, Error>> readyWith(Err
 }
 
 /// One queued or in-flight request. Made on the caller's thread, completed on the I/O thread.
-class PendingRequest {
+class PendingRequest : public LinkedListItem<PendingRequest> {
 public:
   using Outcome = std::expected<RawMessage, Error>;
 
@@ -80,37 +82,6 @@ public:
 
   const std::uint16_t commandId;
   const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
-  std::unique_ptr<PendingRequest> next; // in the list that holds it
-};
-
-/// Requests in order. Adding one takes no memory, so it cannot fail.
-class RequestList {
-public:
-  RequestList() = default;
-  RequestList(RequestList&& other) noexcept
-      : first_(std::move(other.first_)), last_(std::exchange(other.last_, nullptr)) {}
-  RequestList& operator=(RequestList&&) = delete;
-  ~RequestList() {
-    while (!empty()) // not by the chain of pointers, which would nest as deep as it is long
-      pop();
-  }
-
-  bool empty() const noexcept { return !first_; }
-  void push(std::unique_ptr<PendingRequest> request) noexcept {
-    PendingRequest* const added = request.get();
-    (last_ ? last_->next : first_) = std::move(request);
-    last_ = added;
-  }
-  std::unique_ptr<PendingRequest> pop() noexcept {
-    auto request = std::move(first_);
-    first_ = std::move(request->next);
-    if (!first_) last_ = nullptr;
-    return request;
-  }
-
-private:
-  std::unique_ptr<PendingRequest> first_;
-  PendingRequest* last_ = nullptr;
 };
 
 /// A request whose caller waits on a future, on any thread.

@@ -118,7 +118,7 @@ private:
   const std::uint32_t attempts_; // at least 1
   TrafficCounters& counters_;
 
-  RequestList queue_;
+  LinkedList<PendingRequest> queue_;
   std::unique_ptr<PendingRequest> active_;
   Stage stage_ = Stage::Idle;
   std::uint32_t attempt_ = 0; // of the active request, from 1
@@ -129,7 +129,7 @@ private:
   std::optional<LogRetry> log_;
   TimePoint deadline_ = TimePoint::max();
   LateAnswers lateAnswers_;
-  RequestList failed_; // whose callers are still to be told
+  LinkedList<PendingRequest> failed_; // whose callers are still to be told
   Error failure_;
   bool stopped_ = false;
 };

@@ -7,7 +7,7 @@ namespace vorlinkit {
 
 namespace {
 
-// A larger one would keep the lock for long, and seldom fits into the socket's buffer at once.
+// A larger one would keep its caller in the system call for long, and seldom fits into the socket's buffer at once.
 constexpr std::size_t smallPayload = 4096;
 
 } // namespace
