@@ -64,7 +64,7 @@ void machine(Peer& peer) {
 }
 
 class Call : public testing::Test {
-protected:
+public:
   Call() { EXPECT_TRUE(session.connect().get()); }
 
   ScriptedMachine scripted{{machine}};
@@ -135,13 +135,14 @@ template <typename Command> struct Awaited {
 };
 
 struct Task {
-  struct promise_type {
+  struct Promise {
     Task get_return_object() { return {}; }
     std::suspend_never initial_suspend() { return {}; }
     std::suspend_never final_suspend() noexcept { return {}; }
     void return_void() {}
     void unhandled_exception() { std::terminate(); }
   };
+  using promise_type = Promise;
 };
 
 Task askTwice(VorlinSession& session, std::promise<std::string>& serial) {
