@@ -62,7 +62,8 @@ def test_frames_that_answer_a_request(bench: Bench, rule: str, seen: list[tuple[
 
 
 def test_command_error_bits(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)), identified=False)
+    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)))
+    assert peer.client_id == 1
     assert peer.ask("FlushLog", LogName="System") == {"CommandError": 3}
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
 

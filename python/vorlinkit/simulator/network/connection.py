@@ -179,7 +179,9 @@ class ClientConnection:
 
     async def _serve(self, frame: RequestFrame) -> None:
         rules = () if self._frozen else self._scenario.for_request(frame.command_id, self.number)
-        carry_out = not self._frozen and not any(rule.leaves_undone for rule in rules)
+        command = self._machine.command_with_id(frame.command_id)
+        can_refuse = command is not None and command.errors is not None
+        carry_out = not self._frozen and not any(rule.leaves_undone(can_refuse) for rule in rules)
         has_control = self._machine.holder is self.client
         self._held_back = []
         reply = self._machine.answer(self.client, frame, carry_out)
