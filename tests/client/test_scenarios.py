@@ -43,8 +43,8 @@ RECOVERY, LONGEST_CALL = 10.0, 10.0  # seconds
 
 HARMLESS = (
     "delay=20",
-    "duplicate glued",
-    "duplicate=3 glued",
+    "duplicate split=1000",
+    "duplicate=3 split=1000",
     "split=1",
     "minor_error=UnknownRequestVersion",
 )
@@ -225,10 +225,10 @@ async def _asynchronous(run: Run) -> None:
                 run.ended(error)
 
 
-def work(rules: queue.SimpleQueue[str], program: Callable[[Run], None], options: Sequence[str]) -> list[Run]:
+def work(rules: queue.SimpleQueue[str], program: Callable[[Run], None]) -> list[Run]:
     """Programs under one rule after the other, with one simulator, until there are no more rules."""
     runs = []
-    with SimulatorProcess(*options) as simulator:
+    with SimulatorProcess("--strict-client-id") as simulator:
         while True:
             try:
                 rule = rules.get_nowait()
@@ -250,10 +250,9 @@ def all_runs(rules: Sequence[str], program: Callable[[Run], None]) -> list[Run]:
     waiting: queue.SimpleQueue[str] = queue.SimpleQueue()
     for rule in rules:
         waiting.put(rule)
-    options = [["--strict-client-id"] if at % 2 else [] for at in range(WORKERS)]
     with ThreadPoolExecutor(WORKERS) as pool:
-        done = pool.map(lambda words: work(waiting, program, words), options)
-        return [run for runs in done for run in runs]
+        working = [pool.submit(work, waiting, program) for _ in range(WORKERS)]
+        return [run for one in working for run in one.result()]
 
 
 def test_no_setting_follows_the_loss_of_control() -> None:
