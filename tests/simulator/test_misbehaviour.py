@@ -83,7 +83,7 @@ def test_what_is_refused_or_lost_changes_nothing(bench: Bench) -> None:
 
 
 def test_a_duplicate_may_come_later(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 request=1 duplicate later=30",)))
+    peer = bench.peer(bench.simulator(rules=("command=11 request=1 duplicate later=500",)))
     peer.send("GetMachineInfo")
     peer.send("GetServerTime")
     assert [peer.frame().command_id for _ in range(3)] == [11, 10, 11]
@@ -121,7 +121,7 @@ def test_another_client_takes_control(bench: Bench, side: str) -> None:
 
 
 def test_a_restart_forgets_what_belongs_to_clients(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=SetFeedRate restart=100",))
+    simulator = bench.simulator(rules=("command=SetFeedRate restart=1000",))
     peer, holder = bench.peer(simulator), bench.peer(simulator)
     holder.ask("StartRemoteAccess")
     holder.ask("ForcedGetExclusiveControl")
