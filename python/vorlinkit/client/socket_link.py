@@ -170,12 +170,13 @@ class SocketLink:
 
     # --- what the transport tells ------------------------------------------------------------------------
 
-    def log(self, level: int, text: str, depth: int = 1) -> None:
-        if level < self._level:
-            return
-        place = sys._getframe(depth).f_code
-        line = sys._getframe(depth).f_lineno
-        self._out.append((LOG, level, place.co_filename, line, place.co_qualname, text, time.time()))
+    def log(self, level: int, text: str) -> None:
+        if level >= self._level:
+            frame = sys._getframe(1)
+            code = frame.f_code
+            self._out.append(
+                (LOG, level, code.co_filename, frame.f_lineno, code.co_qualname, text, time.time())
+            )
 
     def reply(self, token: object, outcome: Outcome) -> None:
         self._out.append((REPLY, token, outcome))
@@ -269,7 +270,7 @@ class SocketLink:
         for key, mask in ready:
             if key.fileobj is self._waker.receiver:
                 self._waker.drain()
-            elif self._transport.ready(key.fileobj, mask, now):
+            elif self._transport.ready(key.fileobj, mask):
                 self._requests.written(now)
         while self._jobs:
             token, connect = self._jobs.popleft()
@@ -303,7 +304,7 @@ class SocketLink:
 
 def _run(link: weakref.ref[SocketLink], selector: selectors.BaseSelector, waker: Waker) -> None:
     """The thread of a link; it ends with `close`, and when nobody holds the link any more."""
-    if hasattr(signal, "pthread_sigmask"):
+    if sys.platform != "win32":  # signals are the main thread's
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
     wait: float | None = 0.0
     while wait is not None:

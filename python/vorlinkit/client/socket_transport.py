@@ -30,7 +30,7 @@ _KEEP_ALIVE: Final = {"TCP_KEEPIDLE": 15, "TCP_KEEPALIVE": 15, "TCP_KEEPINTVL": 
 class Owner(Protocol):
     """Whom a transport tells, on the link's thread and with the link's lock."""
 
-    def log(self, level: int, text: str, depth: int = 1) -> None: ...
+    def log(self, level: int, text: str) -> None: ...
     def reply(self, token: object, outcome: Outcome) -> None: ...
     def on_state(self, connection: int, reason: str) -> None: ...
     def on_lost(self, text: str) -> None: ...
@@ -96,7 +96,7 @@ class Transport:
 
     # --- events, on the link's thread -----------------------------------------------------------------
 
-    def ready(self, sock: Any, mask: int, now: float) -> bool:
+    def ready(self, sock: Any, mask: int) -> bool:
         """What the selector has found; True when what was to be written has left."""
         if sock is not self._socket or sock is None:
             return False  # it was closed meanwhile
