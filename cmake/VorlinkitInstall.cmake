@@ -63,4 +63,9 @@ if(VORLINKIT_BUILD_PYTHON)
     FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
   install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/catalogue.json
     DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit COMPONENT python)
+  foreach(file IN LISTS VORLINKIT_GENERATED_PACKAGE_FILES)
+    get_filename_component(folder ${file} DIRECTORY)
+    install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/${file}
+      DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit/${folder} COMPONENT python)
+  endforeach()
 endif()

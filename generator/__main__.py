@@ -17,7 +17,17 @@ import argparse
 import sys
 from pathlib import Path
 
-from . import emit_bindings, emit_cpp, emit_effects, emit_json, emit_status, emit_stub, load, notation
+from . import (
+    emit_bindings,
+    emit_cpp,
+    emit_effects,
+    emit_json,
+    emit_methods,
+    emit_status,
+    emit_stub,
+    load,
+    notation,
+)
 from .model import Catalogue, Finding, each_once
 from .report import report
 from .validate import validate
@@ -63,6 +73,12 @@ def arguments(argv: list[str] | None = None) -> argparse.Namespace:
         help="the hand-written part of the stub",
     )
     parser.add_argument("--json", type=Path, metavar="FILE", help="write the catalogue as JSON")
+    parser.add_argument(
+        "--package",
+        type=Path,
+        metavar="DIR",
+        help="write the generated part of the Python package below this folder",
+    )
     parser.add_argument(
         "--status", type=Path, metavar="FILE", help="write the page that says how sure each layout is"
     )
@@ -110,6 +126,9 @@ def main(argv: list[str] | None = None) -> int:
         write(options.stub, emit_stub.emit(catalogue, options.session_stub.read_text(encoding="utf-8")))
     if options.json:
         write(options.json, emit_json.emit(catalogue))
+    if options.package:
+        for path, text in emit_methods.emit(catalogue).items():
+            write(options.package / path, text)
     if options.status:
         write(options.status, emit_status.emit(catalogue))
     if options.effects:

@@ -54,6 +54,16 @@ def is_number(field: Field | None) -> bool:
     return isinstance(field, Scalar) and field.is_integer
 
 
+def echoed(command: Command) -> set[str]:
+    """The fields of the request that the response repeats unchanged, if it has them. A read repeats what was asked;
+    a change may repeat what has become of a value, and unchanged only what names an object."""
+    facts = command.facts
+    asked = set(fields_of(command, "request")) - {facts.subscribes}
+    if facts.effect == "read":
+        return asked
+    return {key for key in asked if key in facts.address or key.endswith(("ID", "Number"))}
+
+
 def in_words(command: Command) -> Iterator[str]:
     """What a reader of the stub wants to know, one sentence each."""
     facts = command.facts

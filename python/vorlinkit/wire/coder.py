@@ -21,7 +21,14 @@ from .records import Record, Value, Variant
 
 
 class PayloadError(Exception):
-    """A payload does not have the layout; the text names what is missing."""
+    """A payload does not have the layout; the text names what is missing.
+
+    When a payload was read, `path` names the field that could not be (``listOfMotors[1].MotorType``), and `offset`
+    is where it begins in the payload.
+    """
+
+    path = ""
+    offset = 0
 
 
 def encode(fields: Sequence[Field], record: Record) -> bytes:
@@ -92,6 +99,10 @@ class _Reader:
         self._at = 0
 
     @property
+    def at(self) -> int:
+        return self._at
+
+    @property
     def left(self) -> int:
         return len(self._payload) - self._at
 
@@ -137,22 +148,42 @@ def _decode_record(fields: Sequence[Field], reader: _Reader, outer: list[Record]
     record: Record = {}
     scopes = [*outer, record]
     for field in fields:
-        if isinstance(field, ScalarField):
-            record[field.key] = _decode_scalar(field, reader)
-        elif isinstance(field, BlobField):
-            count = _number_in(record, field.count)
-            if reader.left < count:
-                raise PayloadError("Not enough bytes for uint8")
-            record[field.key] = reader.bytes(count)
-        elif isinstance(field, ListField):
-            count = _number_in(record, field.count)
-            record[field.key] = [_decode_record(field.items, reader, scopes) for _ in range(count)]
-        else:
-            alternative = _choose(field, reader, scopes)
-            record[field.attribute] = Variant(
-                alternative.name, _decode_record(alternative.fields, reader, scopes)
-            )
+        try:
+            _decode_field(field, record, reader, scopes)
+        except PayloadError as error:
+            inside = not error.path
+            if inside:
+                error.offset = reader.at
+            if not isinstance(field, VariantField):
+                error.path = field.key if inside else f"{field.key}{error.path}"
+            elif inside:
+                error.path = field.on
+            raise
     return record
+
+
+def _decode_field(field: Field, record: Record, reader: _Reader, scopes: list[Record]) -> None:
+    if isinstance(field, ScalarField):
+        record[field.key] = _decode_scalar(field, reader)
+    elif isinstance(field, BlobField):
+        count = _number_in(record, field.count)
+        if reader.left < count:
+            raise PayloadError("Not enough bytes for uint8")
+        record[field.key] = reader.bytes(count)
+    elif isinstance(field, ListField):
+        items: list[Record] = []
+        record[field.key] = items
+        for at in range(_number_in(record, field.count)):
+            try:
+                items.append(_decode_record(field.items, reader, scopes))
+            except PayloadError as error:
+                error.path = f"[{at}].{error.path}"
+                raise
+    else:
+        alternative = _choose(field, reader, scopes)
+        record[field.attribute] = Variant(
+            alternative.name, _decode_record(alternative.fields, reader, scopes)
+        )
 
 
 def _decode_scalar(field: ScalarField, reader: _Reader) -> Value:
