@@ -14,14 +14,9 @@ import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
-from pathlib import Path
 from typing import Any
 
 import pytest
-
-if "vorlinkit" not in sys.modules and not os.environ.get("PYTHONPATH"):
-    sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
-
 from vorlinkit.client import socket_transport
 from vorlinkit.client.link import (
     LOG,
