@@ -8,6 +8,7 @@ from __future__ import annotations
 import contextlib
 import gc
 import os
+import select
 import socket
 import subprocess
 import sys
@@ -224,11 +225,14 @@ def serving(play: Callable[[socket.socket], None]) -> Iterator[int]:
                 listener.shutdown(socket.SHUT_RDWR)
 
 
-def read_request(connection: socket.socket) -> tuple[int, bytes]:
+def read_request(connection: socket.socket, ids: list[int] | None = None) -> tuple[int, bytes]:
+    """Command and payload; the client id goes to `ids`."""
     header = connection.recv(REQUEST_HEADER.size, socket.MSG_WAITALL)
     if len(header) < REQUEST_HEADER.size:
         raise ConnectionError
     fields = REQUEST_HEADER.unpack(header)
+    if ids is not None:
+        ids.append(fields[5])
     return fields[4], connection.recv(fields[-1], socket.MSG_WAITALL)
 
 
@@ -281,6 +285,52 @@ def test_an_answer_read_before_a_request_was_written_is_not_its_answer() -> None
             os.sched_yield() if hasattr(os, "sched_yield") else time.sleep(0)
         half_read.set()
         assert link.request(9, b"", 0, 0).payload == b"3"
+
+
+def test_a_connection_takes_nothing_over_from_the_one_before() -> None:
+    ids: list[int] = []
+
+    def play(connection: socket.socket) -> None:
+        read_request(connection, ids)
+        connection.sendall(response(1, b"\7"))
+        read_request(connection, ids)
+        connection.sendall(response(9, b"half of it")[:-3])
+
+    settings: dict[str, Any] = {"reconnect": True, "reconnect_delay": 0.01, "request_timeout": 1e9}
+    lost = (TRANSPORT, "Disconnected: End of file", b"", 0, 0)
+    with serving(play) as port, linked(port, **settings) as link:
+        for _ in range(2):
+            connection = next_event(link, STATE)[1]
+            assert link.request(1, b"", 0, connection).payload == b"\7" and link.client_id() == 7
+            assert link.request(9, b"", 0, connection) == lost
+            assert next_event(link, STATE) == (STATE, 0, lost[1])
+    assert ids == [0, 7, 0, 7]
+
+
+def test_time_is_kept_whatever_the_thread_sleeps_for_and_never_against_what_has_arrived() -> None:
+    answering = threading.Event()
+
+    def play(connection: socket.socket) -> None:
+        for _ in range(3):
+            read_request(connection)
+        answering.wait(10)
+        connection.sendall(response(9, b"late"))
+        connection.recv(1)
+
+    with serving(play) as port, linked(port, request_timeout=60) as link:
+        next_event(link, REPLY)
+        timed_out = Outcome(TIMEOUT, "Request timeout for commandId=9 after 1 attempt(s)", b"", 0, 0)
+        assert link.request(9, b"", 0.01, 0) == timed_out
+        link.send(9, b"", 0.01, 0, "short")
+        assert next_event(link, REPLY)[1:] == ("short", timed_out)
+        link.send(9, b"", 60, 0, "late")
+        with link._lock:  # what the thread finds that was held up until time was over
+            answering.set()
+            assert select.select([link._transport._socket], [], [], 10)[0]
+            link._requests.deadline = 0.0
+            link._handle([])
+        link.events.put(link._out)
+        assert next_event(link, REPLY)[1:] == ("late", (OK, "", b"late", 0, 0))
 
 
 def test_requests_of_many_threads_each_get_their_own_answer() -> None:

@@ -22,6 +22,7 @@ from .socket_requests import Request, Requests
 from .socket_transport import ERR, INFO, WARN, Transport
 
 _CLIENT_ID_AT: Final = 8  # in a request's header
+_LONGEST_SLEEP: Final = 3600.0  # systems take no time without end
 _NOT_CONNECTED: Final = Outcome(TRANSPORT, "Not connected", b"", 0, 0)
 _STOPPED: Final = Outcome(STOPPED, "MessageFramer stopped", b"", 0, 0)
 _TOO_LARGE: Final = Outcome(ENCODE, "Payload too large for 32-bit VORLIN length field", b"", 0, 0)
@@ -308,7 +309,7 @@ def _run(link: weakref.ref[SocketLink], selector: selectors.BaseSelector, waker:
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
     wait: float | None = 0.0
     while wait is not None:
-        ready = selector.select(None if wait == inf else max(0.0, wait))
+        ready = selector.select(None if wait == inf else min(max(0.0, wait), _LONGEST_SLEEP))
         held = link()
         wait = None if held is None else held.turn(ready)
         del held

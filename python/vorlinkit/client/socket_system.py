@@ -46,9 +46,6 @@ class NameLookup:
     def take(self) -> tuple[list[Address], str] | None:
         return self._found
 
-    def abandon(self) -> None:
-        self._found = None
-
     def _run(self) -> None:
         found = _look_up(self._host, self._port, 0)
         with self._lock:

@@ -154,7 +154,6 @@ class Transport:
 
     def _attempt_failed(self, reason: str, timed_out: bool) -> Outcome:
         self._connect_deadline = inf
-        self._lookup.abandon()
         self._close_socket()
         self._owner.log(ERR, f"Connection failed: {reason}")
         self._owner.on_state(0, f"Connection failed: {reason}")
