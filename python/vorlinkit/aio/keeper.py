@@ -164,14 +164,17 @@ class Keeper:
     def _watch_queue(self) -> None:
         try:
             self.loop.add_reader(self._queue.fileno(), self._take)
-        except NotImplementedError:  # an event loop that cannot watch descriptors
-            self._queue.set_wake(partial(self.loop.call_soon_threadsafe, self._take))
+        except (
+            NotImplementedError
+        ):  # an event loop that cannot watch descriptors; the link on sockets can do without
+            set_wake: Callable[[object], None] = self._queue.set_wake  # type: ignore[attr-defined]
+            set_wake(partial(self.loop.call_soon_threadsafe, self._take))
 
     def _unwatch_queue(self) -> None:
         try:
             self.loop.remove_reader(self._queue.fileno())
         except NotImplementedError:
-            self._queue.set_wake(None)
+            self._queue.set_wake(None)  # type: ignore[attr-defined]
 
 
 def _arrive(future: asyncio.Future[Any], outcome: Outcome) -> None:

@@ -6,7 +6,6 @@ tell comes out of its event queue, in the order in which it happened; no code of
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any, Final, NamedTuple, Protocol
 
@@ -58,10 +57,6 @@ class EventQueue(Protocol):
 
     def fileno(self) -> int:
         """A descriptor that is readable while there are events, for an event loop to watch."""
-
-    def set_wake(self, callback: Callable[[], None] | None) -> None:
-        """Instead of `fileno`, for event loops that cannot watch descriptors: called, on any thread, when there are
-        events after there were none."""
 
     def dropped(self) -> int:
         """Notifications that were thrown away, oldest first, because nobody took them."""
