@@ -41,7 +41,7 @@ class Keeper:
         self.slots: Final = Slots(self.loop)
         self.handlers: Final = Handlers(self.loop, logging.getLogger(f"vorlinkit.{options.host}"))
         self.events: Final[Inbox[MachineEvent]] = Inbox("machine.events", 1000, None, self.handlers)
-        self.talk: Final = Conversation(options, time.monotonic, self._changed, self.events.deliver)
+        self.talk: Final = Conversation(options, time.monotonic, self._changed, self._tell)
         self.link: Final = make_link(replace(link_options, log_level=core_level(self.talk.log)))
         self._attendant: Final = Attendant(self.talk, self.link, nullcontext())
         self._queue: Final = self.link.events
@@ -136,6 +136,9 @@ class Keeper:
             change: asyncio.Future[None] = self.loop.create_future()
             self._waiting.append(change)
             await asyncio.wait([change], timeout=action.timeout)
+
+    def _tell(self, event: MachineEvent) -> None:
+        self.events.deliver((event,))
 
     def _changed(self) -> None:
         waiting, self._waiting = self._waiting, []
