@@ -1,0 +1,161 @@
+"""FIELD=VALUE words, and hexadecimal digits, as the values of a call.
+
+What a value may be is checked by the client when the request is encoded; here only texts become numbers, bytes and
+lists.
+"""
+
+from __future__ import annotations
+
+import json
+import re
+import sys
+from collections.abc import Mapping, Sequence
+from pathlib import Path
+from typing import Any
+
+from vorlinkit.catalogue import BlobField, Command, Field, ListField, ScalarField, VariantField
+from vorlinkit.client.layouts import Layout, layouts
+
+from .exits import UsageError
+from .hints import folded, hint
+from .shown import ALTERNATIVE
+
+
+def call_values(
+    command: Command, words: Sequence[str], names: Sequence[str], optional: frozenset[str]
+) -> dict[str, Any]:
+    """The keyword arguments of a call, from FIELD=VALUE words. `names`: the method's parameters in wire order;
+    `optional`: those that may be missing. Fields go by either spelling. Raises UsageError."""
+    given = _given(command)
+    parameters = dict(zip((field.attribute for field in given), names, strict=True))
+    by_fold = {folded(field.attribute): field for field in given}
+    found: dict[str, Any] = {}
+    for word in words:
+        name, equals, text = word.partition("=")
+        if not equals:
+            raise UsageError(f"{word!r} is no FIELD=VALUE.{_takes(command, given)}")
+        field = by_fold.get(folded(name))
+        if field is None:
+            raise UsageError(_unknown(command, name, given))
+        if parameters[field.attribute] in found:
+            raise UsageError(f"{field.attribute} is given twice.")
+        found[parameters[field.attribute]] = _value(command, field, text)
+    missing = [field for field in given if parameters[field.attribute] not in (*found, *optional)]
+    if missing:
+        named = ", ".join(field.attribute for field in missing)
+        raise UsageError(f"{command.name} needs {named} as well.{_takes(command, given)}")
+    return found
+
+
+def hex_bytes(text: str, what: str) -> bytes:
+    """Bytes from hexadecimal digits, which may be parted by blanks, colons or dashes, or begin with 0x."""
+    digits = re.sub(r"0[xX]|[\s:-]", "", text)
+    try:
+        return bytes.fromhex(digits)
+    except ValueError:
+        bad = re.sub("[0-9A-Fa-f]", "", digits)
+        why = f"{bad[0]!r} is none" if bad else f"{len(digits)} digits are no whole bytes"
+        raise UsageError(f"{what}: hexadecimal digits are needed; {why}.") from None
+
+
+def _given(command: Command) -> tuple[Field, ...]:
+    return layouts()[command.request.type].given if command.request else ()
+
+
+def _takes(command: Command, given: Sequence[Field]) -> str:
+    if not given:
+        return f" {command.name} takes no fields."
+    return f" It takes {', '.join(f'{field.attribute} ({_form(field)})' for field in given)}."
+
+
+def _form(field: Field) -> str:
+    if isinstance(field, ScalarField):
+        return "text" if field.kind in ("string", "uuid") else field.kind
+    return "hexadecimal digits or @file" if isinstance(field, BlobField) else "JSON"
+
+
+def _unknown(command: Command, name: str, given: Sequence[Field]) -> str:
+    counted = command.request and layouts()[command.request.type].counts.get(
+        next((one.key for one in command.request.fields if _is_called(one, name)), "")
+    )
+    if counted:
+        return f"{name} follows from {counted.attribute}; leave it out."
+    near = hint(name, (field.attribute for field in given))
+    return f"{command.name} has no field {name!r}.{near or _takes(command, given)}"
+
+
+def _is_called(field: Field, name: str) -> bool:
+    return isinstance(field, ScalarField) and folded(field.key) == folded(name)
+
+
+def _value(command: Command, field: Field, text: str) -> Any:
+    name = field.attribute
+    if isinstance(field, ScalarField):
+        return text if field.kind in ("string", "uuid") else _number(command, field, text)
+    if isinstance(field, BlobField):
+        return _file(text[1:], name) if text.startswith("@") else hex_bytes(text, name)
+    try:
+        value = json.loads(text)
+    except ValueError as error:
+        raise UsageError(f"{name} takes JSON: {error}.") from None
+    return shaped(field, value)
+
+
+def _number(command: Command, field: ScalarField, text: str) -> int:
+    """Decimal, 0x or 0b; a coded number also by its meaning."""
+    for base in (10, 0):
+        try:
+            return int(text, base)
+        except ValueError:
+            pass
+    rows = command.coded.get(field.key, ())
+    for row in rows:
+        if folded(row.text) == folded(text):
+            return row.code
+    near = hint(text, (row.text for row in rows))
+    raise UsageError(f"{field.attribute} takes a whole number ({field.kind}), not {text!r}.{near}")
+
+
+def _file(name: str, what: str) -> bytes:
+    try:
+        return sys.stdin.buffer.read() if name == "-" else Path(name).read_bytes()
+    except OSError as error:
+        raise UsageError(f"{what}: {name} cannot be read: {error.strerror}.") from None
+
+
+def shaped(field: Field, value: Any) -> Any:
+    """JSON as the client takes it: names of fields in its spelling, alternatives as tuples. What does not have the
+    form of the field is left as it is; the client says what is wrong with it."""
+    if isinstance(field, ListField) and isinstance(value, list):
+        return [_record(layouts()[field.type], item) for item in value]
+    if isinstance(field, VariantField):
+        return _alternative(field, value)
+    return value
+
+
+def _record(layout: Layout, value: Any) -> Any:
+    given = layout.given
+    if isinstance(value, dict) and not (len(given) == 1 and isinstance(given[0], VariantField) and ALTERNATIVE in value):
+        return _named(layout, value)
+    if isinstance(value, list) and len(value) == len(given):
+        return tuple(shaped(field, one) for field, one in zip(given, value, strict=True))
+    return (shaped(given[0], value),) if len(given) == 1 else value
+
+
+def _named(layout: Layout, value: Mapping[str, Any]) -> dict[str, Any]:
+    by_fold = {folded(field.attribute): field for field in layout.fields}
+    found = {}
+    for name, one in value.items():
+        field = by_fold.get(folded(name))
+        found[field.attribute if field else name] = shaped(field, one) if field else one
+    return found
+
+
+def _alternative(field: VariantField, value: Any) -> Any:
+    """From ``{"alternative": NAME, ...}`` or ``[NAME, {...}]``."""
+    if isinstance(value, dict) and ALTERNATIVE in value:
+        value = [value[ALTERNATIVE], {name: one for name, one in value.items() if name != ALTERNATIVE}]
+    if isinstance(value, list) and len(value) == 2 and isinstance(value[0], str):
+        one = next((one for one in field.alternatives if folded(one.name) == folded(value[0])), None)
+        return (one.name, _record(layouts()[one.type], value[1])) if one else tuple(value)
+    return value
