@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import base64
 import io
 import json
 import os
@@ -36,9 +37,9 @@ class Output:
         self.width = shutil.get_terminal_size().columns if self.terminal else 0
 
     def record(self, record: Mapping[str, Any]) -> None:
-        """One JSON object on a line of its own, at once. Bytes of a text that are no UTF-8 come as lone surrogates
+        """One JSON object on a line of its own, at once. Blobs are base64. Bytes of a text that are no UTF-8 come as lone surrogates
         (``\\udcff``), which Python's ``surrogateescape`` turns back."""
-        self._write(json.dumps(record, separators=(", ", ": ")) + "\n")
+        self._write(json.dumps(record, default=_base64) + "\n")
 
     def line(self, text: str = "") -> None:
         """One line of text, at once."""
@@ -73,6 +74,10 @@ class Output:
     def _write(self, text: str) -> None:
         self._stream.write(text)
         self._stream.flush()
+
+
+def _base64(blob: bytes) -> str:
+    return base64.b64encode(blob).decode("ascii")
 
 
 def printable(value: object) -> str:

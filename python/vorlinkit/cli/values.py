@@ -9,7 +9,7 @@ from __future__ import annotations
 import json
 import re
 import sys
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 from typing import Any
 
@@ -21,14 +21,12 @@ from .hints import folded, hint
 from .shown import ALTERNATIVE
 
 
-def call_values(
-    command: Command, words: Sequence[str], names: Sequence[str], optional: frozenset[str]
-) -> dict[str, Any]:
-    """The keyword arguments of a call, from FIELD=VALUE words. `names`: the method's parameters in wire order;
-    `optional`: those that may be missing. Fields go by either spelling. Raises UsageError."""
-    given = _given(command)
-    parameters = dict(zip((field.attribute for field in given), names, strict=True))
-    by_fold = {folded(field.attribute): field for field in given}
+def call_values(command: Command, words: Sequence[str], method: Callable[..., Any]) -> dict[str, Any]:
+    """The keyword arguments for a generated method of a command, from FIELD=VALUE words. Fields go by either spelling.
+    Raises UsageError for unknown, repeated and missing ones."""
+    parameters, optional = _parameters(method)
+    given = {field.attribute: field for field in _given(command) if _parameter(field, parameters)}
+    by_fold = {folded(name): field for name, field in given.items()}
     found: dict[str, Any] = {}
     for word in words:
         name, equals, text = word.partition("=")
@@ -37,14 +35,34 @@ def call_values(
         field = by_fold.get(folded(name))
         if field is None:
             raise UsageError(_unknown(command, name, given))
-        if parameters[field.attribute] in found:
+        parameter = _parameter(field, parameters)
+        if parameter in found:
             raise UsageError(f"{field.attribute} is given twice.")
-        found[parameters[field.attribute]] = _value(command, field, text)
-    missing = [field for field in given if parameters[field.attribute] not in (*found, *optional)]
+        found[parameter] = _value(command, field, text)
+    needed = {name: field for name, field in given.items() if _parameter(field, parameters) not in optional}
+    missing = [name for name, field in needed.items() if _parameter(field, parameters) not in found]
     if missing:
-        named = ", ".join(field.attribute for field in missing)
-        raise UsageError(f"{command.name} needs {named} as well.{_takes(command, given)}")
+        raise UsageError(f"{command.name} needs {', '.join(missing)} as well.{_takes(command, given)}")
     return found
+
+
+def _parameters(method: Callable[..., Any]) -> tuple[frozenset[str], frozenset[str]]:
+    """The names of a method's parameters, and of those that may be left out. As `inspect.signature` tells, which takes
+    several milliseconds to load."""
+    code, by_place = method.__code__, _by_place(method)
+    names = code.co_varnames[: code.co_argcount + code.co_kwonlyargcount]
+    with_default = by_place[len(by_place) - len(method.__defaults__ or ()) :]
+    return frozenset(names), frozenset((*with_default, *(method.__kwdefaults__ or ())))
+
+
+def _by_place(method: Callable[..., Any]) -> tuple[str, ...]:
+    return method.__code__.co_varnames[: method.__code__.co_argcount]
+
+
+def _parameter(field: Field, parameters: frozenset[str]) -> str:
+    """A field's parameter: called like it, or with an underscore where Python has taken the name; "" if it has none."""
+    names = (field.attribute + "_", field.attribute)
+    return next((name for name in names if name in parameters), "")
 
 
 def hex_bytes(text: str, what: str) -> bytes:
@@ -62,10 +80,10 @@ def _given(command: Command) -> tuple[Field, ...]:
     return layouts()[command.request.type].given if command.request else ()
 
 
-def _takes(command: Command, given: Sequence[Field]) -> str:
+def _takes(command: Command, given: Mapping[str, Field]) -> str:
     if not given:
         return f" {command.name} takes no fields."
-    return f" It takes {', '.join(f'{field.attribute} ({_form(field)})' for field in given)}."
+    return f" It takes {', '.join(f'{name} ({_form(field)})' for name, field in given.items())}."
 
 
 def _form(field: Field) -> str:
@@ -74,13 +92,13 @@ def _form(field: Field) -> str:
     return "hexadecimal digits or @file" if isinstance(field, BlobField) else "JSON"
 
 
-def _unknown(command: Command, name: str, given: Sequence[Field]) -> str:
+def _unknown(command: Command, name: str, given: Mapping[str, Field]) -> str:
     counted = command.request and layouts()[command.request.type].counts.get(
         next((one.key for one in command.request.fields if _is_called(one, name)), "")
     )
     if counted:
         return f"{name} follows from {counted.attribute}; leave it out."
-    near = hint(name, (field.attribute for field in given))
+    near = hint(name, given)
     return f"{command.name} has no field {name!r}.{near or _takes(command, given)}"
 
 
@@ -159,3 +177,13 @@ def _alternative(field: VariantField, value: Any) -> Any:
         one = next((one for one in field.alternatives if folded(one.name) == folded(value[0])), None)
         return (one.name, _record(layouts()[one.type], value[1])) if one else tuple(value)
     return value
+
+
+def check_values(command: Command, values: Mapping[str, Any], method: Callable[..., Any]) -> None:
+    """Raise EncodeError now, before anything is connected or asked, if the client would refuse the values."""
+    from vorlinkit.client import plans
+
+    plan = getattr(plans, command.snake.upper())
+    defaults = dict(zip(reversed(_by_place(method)), reversed(method.__defaults__ or ()), strict=False))
+    defaults |= method.__kwdefaults__ or {}
+    plan.encode(tuple(values.get(name, defaults.get(name)) for name in plan.names))
