@@ -6,6 +6,8 @@ import os
 from functools import cache
 from typing import Any, Final
 
+from .link import Link, LinkOptions
+
 VARIABLE: Final = "VORLINKIT_BACKEND"
 
 
@@ -34,3 +36,14 @@ def records() -> Any:
     from . import record_classes
 
     return record_classes
+
+
+def make_link(options: LinkOptions) -> Link:
+    """A link that is not connected yet."""
+    if name() == "native":
+        from .native_link import NativeLink
+
+        return NativeLink(options)
+    from .socket_link import SocketLink
+
+    return SocketLink(options)

@@ -72,9 +72,9 @@ class RequestTimeout(VorlinError, TimeoutError):
 class ProtocolRefusal(VorlinError):
     """The machine refused the request at the protocol level, whatever it asked; `flags` says why."""
 
-    def __init__(self, text: str, *, command: str = "", flags: MajorError = MajorError(0)) -> None:
+    def __init__(self, text: str, *, command: str = "", flags: MajorError | int = 0) -> None:
         super().__init__(text, command=command)
-        self.flags = flags
+        self.flags = MajorError(flags)
 
 
 class CommandRefused(VorlinError):

@@ -52,6 +52,12 @@ class MinorError(IntFlag):
     IncorrectClientId = 0x0200
 
 
+def flags_text(flags: int, names: type[MajorError] | type[MinorError]) -> str:
+    """The flags by name and value, as refusals and warnings tell them; those without a name are left out."""
+    known = [f"{flag.name} (0x{flag.value:08X})" for flag in names if flags & flag]
+    return " | ".join(known) or "Unknown error"
+
+
 @dataclass(frozen=True)
 class RequestFrame:
     """One frame from a client, header fields as they came."""
