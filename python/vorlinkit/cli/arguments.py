@@ -11,6 +11,8 @@ import sys
 from collections.abc import Sequence
 from typing import Any, Final, NamedTuple, NoReturn
 
+import vorlinkit
+
 from .hints import hint
 
 DEFAULT_PORT: Final = 50713
@@ -37,8 +39,9 @@ class Parser(argparse.ArgumentParser):
     """An ArgumentParser that knows what was probably meant. `hand_over`: takes all words as they stand, for another
     program's parser; they are in `words`."""
 
-    def __init__(self, *args: Any, hand_over: bool = False, **options: Any) -> None:
-        super().__init__(*args, allow_abbrev=False, add_help=not hand_over, **options)
+    def __init__(self, *, hand_over: bool = False, **options: Any) -> None:
+        options.update(allow_abbrev=False, add_help=not hand_over)
+        super().__init__(**options)
         self._hand_over = hand_over
 
     def parse_known_args(self, args: Any = None, namespace: Any = None) -> Any:
@@ -61,6 +64,7 @@ class Parser(argparse.ArgumentParser):
 def parse(argv: Sequence[str]) -> argparse.Namespace:
     """Read a command line; exits with a message on a mistake. The namespace names its `module` in this folder."""
     parser = build_parser()
+    found: argparse.Namespace
     found, left = parser.parse_known_args(argv)
     if left:
         _take_late_words(parser, found, left)
@@ -110,11 +114,14 @@ def count(text: str) -> int:
     raise argparse.ArgumentTypeError(f"{text!r} is not a whole number above 0")
 
 
+def version() -> str:
+    """Of the package, as its wheel or its build says."""
+    return str(getattr(vorlinkit, "__version__", "of unknown version"))
+
+
 class _Version(argparse.Action):
     def __call__(self, parser: argparse.ArgumentParser, *_: object) -> None:
-        from vorlinkit import __version__
-
-        print(f"vorlinkit {__version__}")
+        print(f"vorlinkit {version()}")
         sys.exit(0)
 
 
@@ -131,7 +138,9 @@ def build_parser() -> Parser:
     defaults = dict(json=False, table=False, debug=False, colour=True, timeout=None, more=None)
     _add_common(parser.add_argument_group("for all sub-commands"), argparse.SUPPRESS)
     parser.set_defaults(**defaults)
-    adder = parser.add_subparsers(dest="subcommand", metavar="SUB-COMMAND", required=True, title="sub-commands")
+    adder = parser.add_subparsers(
+        dest="subcommand", metavar="SUB-COMMAND", required=True, title="sub-commands"
+    )
 
     def add(name: str, module: str, about: str, **options: Any) -> Parser:
         one: Parser = adder.add_parser(name, help=about, description=about, **options)
@@ -141,7 +150,9 @@ def build_parser() -> Parser:
     _add_catalogue_commands(add, common)
     _add_machine_commands(add, common)
     add("simulate", "simulate", "start the machine simulator, with its own options", hand_over=True)
-    one = add("completion", "completion", "print a script that completes words in your shell", parents=[common])
+    one = add(
+        "completion", "completion", "print a script that completes words in your shell", parents=[common]
+    )
     one.add_argument("shell", choices=("bash", "zsh", "fish"))
     return parser
 
@@ -177,7 +188,9 @@ def _add_catalogue_commands(add: Any, common: Parser) -> None:
     one.add_argument("command", help="name or id")
     one = add("decode", "decode", "read a payload", parents=[common])
     one.add_argument("type", help="payload type, such as GetMotorPositionResponse")
-    one.add_argument("hex", nargs="*", help="its bytes; without any, or with -, each line of standard input is one")
+    one.add_argument(
+        "hex", nargs="*", help="its bytes; without any, or with -, each line of standard input is one"
+    )
     one.set_defaults(more="hex")
     one = add("status", "status", "say how sure the layouts of payloads are", parents=[common])
     one.add_argument("word", nargs="?", help="only types with this word in their name")
@@ -197,10 +210,19 @@ def _add_machine_commands(add: Any, common: Parser) -> None:
     _add_request(one, where)
     one.add_argument("--count", type=count, metavar="N", help="end after so many")
     one.add_argument(
-        "--for", type=seconds, dest="duration", metavar="SECONDS", help="end after so long; time-out if --count asks for more"
+        "--for",
+        type=seconds,
+        dest="duration",
+        metavar="SECONDS",
+        help="end after so long; time-out if --count asks for more",
     )
     _add_rights(one)
-    one = add("doctor", "doctor", "check what is installed, and whether a machine can be talked to", parents=[common])
+    one = add(
+        "doctor",
+        "doctor",
+        "check what is installed, and whether a machine can be talked to",
+        parents=[common],
+    )
     one.add_argument("host", type=host, nargs="?", help=where)
 
 
@@ -219,8 +241,8 @@ def _add_request(one: Parser, where: str) -> None:
 
 def _add_rights(one: Parser) -> None:
     one.add_argument("--yes", action="store_true", help="send what changes the machine without asking first")
-    one.add_argument("--control", action="store_true", help="take exclusive control meanwhile, and give it back")
+    one.add_argument(
+        "--control", action="store_true", help="take exclusive control meanwhile, and give it back"
+    )
     one.add_argument("--user", metavar="NAME", help="with --control: in this user's name")
     one.add_argument("--force", action="store_true", help="with --control: take it from whoever has it")
-
-

@@ -22,7 +22,9 @@ def run(arguments: Namespace, output: Output) -> int:
         for command in found:
             output.record(_record(command))
     else:
-        rows = [(one.id, one.name, one.effect, "yes" if one.notification else "", _takes(one)) for one in found]
+        rows = [
+            (one.id, one.name, one.effect, "yes" if one.notification else "", _takes(one)) for one in found
+        ]
         output.table(("id", "command", "effect", "notifies", "takes"), rows)
     return OK
 

@@ -48,7 +48,10 @@ def run(arguments: Namespace, output: Output) -> int:
 
 def words_of(parser: argparse.ArgumentParser) -> Words:
     """The words that a parser takes. argparse has no public way to its parts."""
-    options, valued, places, endless = [], [], [], False
+    options: list[str] = []
+    valued: list[str] = []
+    places: list[tuple[str, ...]] = []
+    endless = False
     for action in parser._actions:
         if action.option_strings:
             options += action.option_strings
@@ -141,8 +144,12 @@ def _zsh(table: Mapping[str, Words], catalogue: Catalogue) -> Iterator[str]:
 
 def _tables(table: Mapping[str, Words], catalogue: Catalogue) -> Iterator[str]:
     """Functions that print words, in what bash and zsh have in common."""
-    yield from _case("__vorlinkit_options", '"$1"', {_quoted(name): _echo(one.options) for name, one in table.items()})
-    yield from _case("__vorlinkit_valued", '"$1"', {_quoted(name): _echo(one.valued) for name, one in table.items()})
+    yield from _case(
+        "__vorlinkit_options", '"$1"', {_quoted(name): _echo(one.options) for name, one in table.items()}
+    )
+    yield from _case(
+        "__vorlinkit_valued", '"$1"', {_quoted(name): _echo(one.valued) for name, one in table.items()}
+    )
     lists = _lists(catalogue)
     places = {}
     for name, one in table.items():
@@ -152,7 +159,9 @@ def _tables(table: Mapping[str, Words], catalogue: Catalogue) -> Iterator[str]:
             echo = '__vorlinkit_fields "$3"' if words == ["FIELDS"] else _echo(words)
             places[f"{name}:{'*' if last else at}"] = echo
     yield from _case("__vorlinkit_place", '"$1:$2"', places)
-    yield from _case("__vorlinkit_fields", '"$1"', {name: f"echo '{words}'" for name, words in _fields(catalogue)})
+    yield from _case(
+        "__vorlinkit_fields", '"$1"', {name: f"echo '{words}'" for name, words in _fields(catalogue)}
+    )
 
 
 def _quoted(name: str) -> str:
@@ -205,7 +214,9 @@ def _fish(table: Mapping[str, Words], catalogue: Catalogue) -> Iterator[str]:
     yield "# Completion for fish: vorlinkit completion fish > ~/.config/fish/completions/vorlinkit.fish"
     yield from _switch("__vorlinkit_options", "$argv[1]", {name: one.options for name, one in table.items()})
     yield from _switch("__vorlinkit_valued", "$argv[1]", {name: one.valued for name, one in table.items()})
-    yield from _switch("__vorlinkit_fields", "$argv[1]", {name: words.split() for name, words in _fields(catalogue)})
+    yield from _switch(
+        "__vorlinkit_fields", "$argv[1]", {name: words.split() for name, words in _fields(catalogue)}
+    )
     lists = _lists(catalogue)
     yield "function __vorlinkit_place"
     yield "  switch $argv[1]:$argv[2]"

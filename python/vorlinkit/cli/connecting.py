@@ -7,19 +7,23 @@ from argparse import Namespace
 from contextlib import AbstractContextManager, nullcontext
 from typing import TYPE_CHECKING, Any
 
-from vorlinkit.catalogue import Command
-
 from .exits import UsageError
 from .waiting import Waiting
 
 if TYPE_CHECKING:
+    from vorlinkit.catalogue import Command
     from vorlinkit.client.machine import Machine
 
 
 def open_machine(arguments: Namespace, **options: Any) -> Machine:
     """Connect as the options say. Raises ConnectError."""
+    from vorlinkit.client import backend
     from vorlinkit.client.machine import connect
 
+    try:
+        backend.name()
+    except ImportError as error:
+        raise UsageError(f"{error}. 'vorlinkit doctor' tells what is installed.") from None
     if arguments.timeout is not None:
         options |= {"timeout": arguments.timeout, "connect_timeout": arguments.timeout}
     if not arguments.debug:
@@ -50,7 +54,9 @@ def consent(command: Command, arguments: Namespace, *, sent: bool = True) -> Non
     if not does or arguments.yes:
         return
     if not (sys.stdin.isatty() and sys.stderr.isatty()):
-        raise UsageError(f"{'; '.join(does)}. Nothing was sent: without a terminal to ask at, --yes is needed.")
+        raise UsageError(
+            f"{'; '.join(does)}. Nothing was sent: without a terminal to ask at, --yes is needed."
+        )
     print(f"{'; '.join(does)}. Send it? [y/N] ", end="", file=sys.stderr, flush=True)
     if sys.stdin.readline().strip().lower() not in ("y", "yes"):
         raise UsageError("Nothing was sent.")

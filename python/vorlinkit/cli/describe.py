@@ -6,7 +6,17 @@ from argparse import Namespace
 from collections.abc import Iterator, Sequence
 from typing import Any
 
-from vorlinkit.catalogue import BlobField, CodedValue, Command, Field, ListField, Message, MessageKind, ScalarField, load
+from vorlinkit.catalogue import (
+    BlobField,
+    CodedValue,
+    Command,
+    Field,
+    ListField,
+    Message,
+    MessageKind,
+    ScalarField,
+    load,
+)
 from vorlinkit.client.layouts import layouts
 
 from .exits import OK
@@ -52,13 +62,18 @@ def _show(command: Command, output: Output) -> None:
     output.line(f"{paint(command.name, 'head')}, command {command.id}: {command.title}")
     if command.about:
         output.line(command.about)
-    output.line(f"effect: {paint(command.effect, command.effect)}" + (f", {command.harmless}" if command.harmless else ""))
+    output.line(
+        f"effect: {paint(command.effect, command.effect)}"
+        + (f", {command.harmless}" if command.harmless else "")
+    )
     for line in _notifies(command):
         output.line(line)
     for kind, message in command.messages.items():
         why = message.confirmed_by or message.why
         output.line()
-        output.line(f"{kind} {paint(message.type, 'head')}, {paint(message.standing, message.standing)}{f': {why}' if why else ''}")
+        output.line(
+            f"{kind} {paint(message.type, 'head')}, {paint(message.standing, message.standing)}{f': {why}' if why else ''}"
+        )
         rows = [(_indented(path), *rest) for path, *rest in _fields(kind, message)]
         if rows:
             output.table(("field", "kind", "note"), rows, "  ")
@@ -98,7 +113,9 @@ def _words(command: Command) -> Iterator[str]:
             yield f"{field.attribute}=..."
 
 
-def _rows(type_name: str, fields: Sequence[Field], sent: bool, ahead: str = "") -> Iterator[tuple[str, str, str]]:
+def _rows(
+    type_name: str, fields: Sequence[Field], sent: bool, ahead: str = ""
+) -> Iterator[tuple[str, str, str]]:
     """Path, kind and note of every field, what is inside a list or an alternative behind it. Of what is `sent` without
     the counts and choices that follow from the rest."""
     layout = layouts()[type_name]

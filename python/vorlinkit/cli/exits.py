@@ -4,9 +4,6 @@ from __future__ import annotations
 
 from typing import Final
 
-from vorlinkit.catalogue import CatalogueError
-from vorlinkit.client import errors
-
 OK: Final = 0
 REFUSED: Final = 1
 USAGE: Final = 2
@@ -15,20 +12,6 @@ TIME_OUT: Final = 4
 PROTOCOL: Final = 5
 BUG: Final = 70
 
-_CODES: Final[tuple[tuple[type[Exception], int], ...]] = (
-    (errors.EncodeError, USAGE),
-    (errors.CommandRefused, REFUSED),
-    (errors.ProtocolRefusal, REFUSED),
-    (errors.ControlLost, REFUSED),
-    (errors.RequestTimeout, TIME_OUT),
-    (errors.ConnectError, NO_CONNECTION),
-    (errors.ConnectionLost, NO_CONNECTION),
-    (errors.NotConnected, NO_CONNECTION),
-    (errors.Closed, NO_CONNECTION),
-    (errors.VorlinError, PROTOCOL),
-    (CatalogueError, USAGE),
-)
-
 
 class UsageError(Exception):
     """The command line asks for something that cannot be done as it stands; the text says what to change."""
@@ -36,6 +19,21 @@ class UsageError(Exception):
 
 def code_of(error: Exception) -> int:
     """The exit code of an error; BUG for one that nobody foresaw."""
-    if isinstance(error, UsageError):
-        return USAGE
-    return next((code for kind, code in _CODES if isinstance(error, kind)), BUG)
+    from vorlinkit.catalogue import CatalogueError
+    from vorlinkit.client import errors
+
+    codes: tuple[tuple[type[Exception], int], ...] = (
+        (UsageError, USAGE),
+        (CatalogueError, USAGE),
+        (errors.EncodeError, USAGE),
+        (errors.CommandRefused, REFUSED),
+        (errors.ProtocolRefusal, REFUSED),
+        (errors.ControlLost, REFUSED),
+        (errors.RequestTimeout, TIME_OUT),
+        (errors.ConnectError, NO_CONNECTION),
+        (errors.ConnectionLost, NO_CONNECTION),
+        (errors.NotConnected, NO_CONNECTION),
+        (errors.Closed, NO_CONNECTION),
+        (errors.VorlinError, PROTOCOL),
+    )
+    return next((code for kind, code in codes if isinstance(error, kind)), BUG)

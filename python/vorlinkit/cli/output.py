@@ -2,11 +2,10 @@
 
 from __future__ import annotations
 
-import base64
+import binascii
 import io
 import json
 import os
-import shutil
 import sys
 from collections.abc import Mapping, Sequence
 from typing import Any, Final, TextIO
@@ -34,7 +33,7 @@ class Output:
         self.as_json = as_json
         self._colour = colour
         self.terminal = stream.isatty()
-        self.width = shutil.get_terminal_size().columns if self.terminal else 0
+        self.width = os.get_terminal_size(stream.fileno()).columns if self.terminal else 0
 
     def record(self, record: Mapping[str, Any]) -> None:
         """One JSON object on a line of its own, at once. Blobs are base64. Bytes of a text that are no UTF-8 come as lone surrogates
@@ -59,7 +58,12 @@ class Output:
         return f"\x1b[{_COLOURS[colour]}m{text}\x1b[0m" if self._colour and colour in _COLOURS else text
 
     def _row(
-        self, cells: Sequence[str], widths: Sequence[int], right: Sequence[bool], indent: str, head: bool = False
+        self,
+        cells: Sequence[str],
+        widths: Sequence[int],
+        right: Sequence[bool],
+        indent: str,
+        head: bool = False,
     ) -> str:
         last = len(cells) - 1
         room = self.width - len(indent) - sum(widths[:last]) - 2 * last if self.width else 0
@@ -77,7 +81,7 @@ class Output:
 
 
 def _base64(blob: bytes) -> str:
-    return base64.b64encode(blob).decode("ascii")
+    return binascii.b2a_base64(blob, newline=False).decode("ascii")
 
 
 def printable(value: object) -> str:

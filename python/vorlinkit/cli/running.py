@@ -41,8 +41,17 @@ def _tell(error: Exception, arguments: Namespace) -> int:
     elif code == exits.BUG:
         print(f"vorlinkit: {type(error).__name__}: {error} (--debug tells where)", file=sys.stderr)
     else:
-        print(f"vorlinkit: {error}", file=sys.stderr)
+        print(f"vorlinkit: {error}{_advice(error)}", file=sys.stderr)
     return code
+
+
+def _advice(error: Exception) -> str:
+    from vorlinkit.client.errors import ProtocolRefusal
+    from vorlinkit.wire.frames import MajorError
+
+    if isinstance(error, ProtocolRefusal) and MajorError.ExclusiveControlRequired in error.flags:
+        return " (here: --control)"
+    return ""
 
 
 def _log_everything() -> None:

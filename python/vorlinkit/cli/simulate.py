@@ -11,4 +11,4 @@ from .output import Output
 
 
 def run(arguments: Namespace, _: Output) -> int:
-    return USAGE if main(arguments.words) else OK
+    return USAGE if main(arguments.words, "vorlinkit simulate") else OK

@@ -24,7 +24,8 @@ def run(arguments: Namespace, output: Output) -> int:
             output.record({**record, "confirmed_by": one.confirmed_by})
         return OK
     output.table(
-        ("payload", "standing", "why"), [(one.type, one.standing, one.confirmed_by or one.why) for one in found]
+        ("payload", "standing", "why"),
+        [(one.type, one.standing, one.confirmed_by or one.why) for one in found],
     )
     counts = Counter(one.standing for one in found)
     output.line(", ".join(f"{counts[standing]} {standing}" for standing in sorted(counts)) or "none")

@@ -15,10 +15,10 @@ from typing import Any
 
 from vorlinkit.catalogue import BlobField, Command, Field, ListField, ScalarField, VariantField
 from vorlinkit.client.layouts import Layout, layouts
+from vorlinkit.client.records import ALTERNATIVE
 
 from .exits import UsageError
 from .hints import folded, hint
-from .shown import ALTERNATIVE
 
 
 def call_values(command: Command, words: Sequence[str], method: Callable[..., Any]) -> dict[str, Any]:
@@ -93,17 +93,11 @@ def _form(field: Field) -> str:
 
 
 def _unknown(command: Command, name: str, given: Mapping[str, Field]) -> str:
-    counted = command.request and layouts()[command.request.type].counts.get(
-        next((one.key for one in command.request.fields if _is_called(one, name)), "")
-    )
-    if counted:
-        return f"{name} follows from {counted.attribute}; leave it out."
+    for key, counted in layouts()[command.request.type].counts.items() if command.request else ():
+        if folded(key) == folded(name):
+            return f"{name} follows from {counted.attribute}; leave it out."
     near = hint(name, given)
     return f"{command.name} has no field {name!r}.{near or _takes(command, given)}"
-
-
-def _is_called(field: Field, name: str) -> bool:
-    return isinstance(field, ScalarField) and folded(field.key) == folded(name)
 
 
 def _value(command: Command, field: Field, text: str) -> Any:
@@ -153,7 +147,9 @@ def shaped(field: Field, value: Any) -> Any:
 
 def _record(layout: Layout, value: Any) -> Any:
     given = layout.given
-    if isinstance(value, dict) and not (len(given) == 1 and isinstance(given[0], VariantField) and ALTERNATIVE in value):
+    if isinstance(value, dict) and not (
+        len(given) == 1 and isinstance(given[0], VariantField) and ALTERNATIVE in value
+    ):
         return _named(layout, value)
     if isinstance(value, list) and len(value) == len(given):
         return tuple(shaped(field, one) for field, one in zip(given, value, strict=True))

@@ -19,8 +19,7 @@ from .connecting import consent, control, open_machine, warn
 from .exits import OK, UsageError
 from .lookup import command_called
 from .output import Output
-from .shown import NESTED, described, show
-from .shown import DESCRIPTION
+from .shown import NESTED, own_values, show
 from .values import call_values
 from .waiting import Waiting
 
@@ -52,7 +51,10 @@ def run(arguments: Namespace, output: Output) -> int:
                     _print(told, output)
                 _progress(waiting, command, told, number, arguments.count)
         if subscription.dropped:
-            print(f"vorlinkit: {subscription.dropped} notifications came too fast and were lost", file=sys.stderr)
+            print(
+                f"vorlinkit: {subscription.dropped} notifications came too fast and were lost",
+                file=sys.stderr,
+            )
         warn(machine)
     return OK
 
@@ -85,15 +87,13 @@ def _print(told: dict[str, Any], output: Output) -> None:
         output.line(stamp)
         show(output, told, "  ")
         return
-    single = [
-        f"{output.paint(name, 'note')} {described(told, name, value)}"
-        for name, value in told.items()
-        if not (name.endswith(DESCRIPTION) and name.removesuffix(DESCRIPTION) in told)
-    ]
+    single = [f"{output.paint(name, 'note')} {text}" for name, text in own_values(told).items()]
     output.line("  ".join([stamp, *single]))
 
 
-def _progress(waiting: Waiting, command: Command, told: dict[str, Any], number: int, wanted: int | None) -> None:
+def _progress(
+    waiting: Waiting, command: Command, told: dict[str, Any], number: int, wanted: int | None
+) -> None:
     message = command.notification
     for field in message.fields if message is not None else ():
         if command.progress and getattr(field, "key", "") == command.progress:
