@@ -8,7 +8,7 @@ from . import link
 from .actions import Ask, AwaitChange, GiveUp, Steps
 from .control import RELEASE
 from .conversation import Conversation
-from .errors import CommandRefused, ProtocolRefusal, RequestTimeout, VorlinError
+from .errors import CommandRefused, DecodeError, ProtocolRefusal, RequestTimeout, VorlinError
 from .failures import another_answer, command_refused, failure, not_connected
 from .late_answers import NO_OP
 from .plan import Plan
@@ -78,7 +78,7 @@ def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | N
         else:
             (connection, outcome), sent = sent, None
         if outcome[0] == link.OK:
-            response = plan.decode_response(outcome[2])
+            response = decoded(talk, plan, outcome[2])
             if talk.options.late_answers == "ignore" or plan.echoes(wanted.values, response):
                 return Answer(judged(talk, wanted, response, outcome[4]), connection)
             talk.doubt(plan.id)
@@ -93,6 +93,16 @@ def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | N
         if not again or talk.clock() >= deadline:
             log_failure(talk, trouble)
             raise trouble
+
+
+def decoded(talk: Conversation, plan: Plan[Any, Any], payload: bytes) -> Any:
+    """The response. A DecodeError is told whose response it was."""
+    try:
+        return plan.decode_response(payload)
+    except DecodeError as error:
+        error.args = (f"{error} (from {talk.host})",)
+        talk.log.warning("%s", error)
+        raise
 
 
 def settle(talk: Conversation, command_id: int, connection: int, outcome: tuple[Any, ...]) -> None:

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from . import link
 from .actions import Ask, AwaitChange, Connect, GiveUp, Steps
-from .calls import Call, judged
+from .calls import Call, decoded, judged
 from .conversation import Conversation
 from .errors import Closed, ConnectError, VorlinError
 from .failures import failure
@@ -61,7 +61,7 @@ def _renew(talk: Conversation, topic: Topic, connection: int) -> Steps[VorlinErr
             talk.doubt(plan.id)
         return failure(plan.name, talk.host, outcome, timeout)
     try:
-        response = plan.decode_response(outcome[2])
+        response = decoded(talk, plan, outcome[2])
         wanted = Call(plan, topic.values, topic.payload, timeout)
         topic.response = judged(talk, wanted, response, outcome[4])
     except VorlinError as error:

@@ -12,7 +12,7 @@ from .calls import call, call_of
 from .control_block import ExclusiveControl
 from .conversation import LateAnswerPolicy, MachineEvent, Options
 from .dispatcher import ErrorHandler
-from .errors import MachineWarning
+from .errors import DecodeError, MachineWarning
 from .handshake import connect as first_connection
 from .keeper import Keeper
 from .link import Link, LinkOptions
@@ -224,9 +224,12 @@ class Machine(Methods):
                     self._keeper.interrupted(plan.id)
                     raise
                 if not (outcome[0] or outcome[4]):
-                    response = plan.decode_response(outcome[2])
-                    if plan.echoes(values, response) and not (check and plan.command_error(response)):
-                        return response
+                    try:
+                        response = plan.decode_response(outcome[2])
+                        if plan.echoes(values, response) and not (check and plan.command_error(response)):
+                            return response
+                    except DecodeError:
+                        pass  # raised below, as a decision
                 sent = connection, tuple(outcome)
             wanted = call_of(talk, plan, values, payload, timeout, check)
             result: R = self._keeper.decide(call(talk, wanted, sent)).response

@@ -103,7 +103,7 @@ class Plan(Generic[R, N]):
                 pass
         from .values import encode
 
-        return encode(self, values)
+        return encode(self.name, values)
 
     def decode_response(self, payload: bytes) -> R:
         """The response's record, or None if the command has none. Raises DecodeError."""
