@@ -3,6 +3,7 @@
 
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/RawMessage.hpp>
+#include <vorlinkit/VorlinSession.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +28,12 @@ template <typename MakeText> Error errorWith(ErrorCode code, MakeText&& makeText
   }
 }
 inline Error copyOf(const Error& error) noexcept {
-  return errorWith(error.code, [&] { return error.message; });
+  Error copy = errorWith(error.code, [&] { return error.message; });
+  copy.majorError = error.majorError;
+  return copy;
+}
+inline Error notConnectedError() noexcept {
+  return errorWith(ErrorCode::Transport, [] { return std::string("Not connected"); });
 }
 inline Error stoppedError() noexcept {
   return errorWith(ErrorCode::Stopped, [] { return std::string("MessageFramer stopped"); });
@@ -69,8 +75,9 @@ class PendingRequest {
 public:
   using Outcome = std::expected<RawMessage, Error>;
 
-  PendingRequest(std::uint16_t command, std::span<const std::byte> bytes)
-      : commandId(command), payload(bytes.begin(), bytes.end()) {}
+  /// `how.timeout` is the time that it has, no default any more.
+  PendingRequest(std::uint16_t command, std::span<const std::byte> bytes, SendOptions how)
+      : commandId(command), options(how), payload(bytes.begin(), bytes.end()) {}
   PendingRequest(const PendingRequest&) = delete;
   PendingRequest& operator=(const PendingRequest&) = delete;
   virtual ~PendingRequest() = default;
@@ -79,6 +86,7 @@ public:
   virtual void complete(Outcome outcome) noexcept = 0;
 
   const std::uint16_t commandId;
+  const SendOptions options;
   const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
   std::unique_ptr<PendingRequest> next; // in the list that holds it
 };

@@ -60,7 +60,7 @@ public:
     std::optional<std::uint8_t> clientId; // that the machine has given
   };
 
-  RequestFsm(std::chrono::milliseconds timeout, std::uint32_t attempts, TrafficCounters& counters);
+  RequestFsm(std::uint32_t attempts, TrafficCounters& counters);
 
   // -- events
   void submit(std::unique_ptr<PendingRequest> request) noexcept;
@@ -114,7 +114,6 @@ private:
   void failAll(const Error& error) noexcept;
   Complete complete() noexcept;
 
-  const std::chrono::milliseconds timeout_;
   const std::uint32_t attempts_; // at least 1
   TrafficCounters& counters_;
 

@@ -46,14 +46,16 @@ struct Framer : testing::Test {
   std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
   CallbackSlots slots;
   int clientId = 3;
+  std::chrono::milliseconds requestTimeout{};
   std::unique_ptr<MessageFramer> framer;
 
   void SetUp() override { make(1); }
   /// In place of the framer that was there; with a time-out that never comes unless the test is about it.
   void make(std::uint32_t attempts, std::chrono::milliseconds timeout = 1h) {
+    requestTimeout = timeout;
     if (framer) TearDown();
     framer = std::make_unique<MessageFramer>(
-        timeout, attempts, std::make_shared<VorlinCodec>(), channel,
+        attempts, std::make_shared<VorlinCodec>(), channel,
         MessageFramer::Callbacks{.slots = slots,
                                  .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
                                  .setClientId = [this](std::uint8_t id) { clientId = id; }},
@@ -70,7 +72,7 @@ struct Framer : testing::Test {
     channel.context.poll();
   }
   std::future<MessageFramer::Outcome> send(std::uint16_t commandId, const Bytes& payload = {}) {
-    auto request = std::make_unique<FutureRequest>(commandId, payload);
+    auto request = std::make_unique<FutureRequest>(commandId, payload, SendOptions{requestTimeout});
     auto outcome = request->future();
     framer->submit(std::move(request));
     settle();
@@ -126,9 +128,10 @@ TEST_F(Framer, LogsRefusalsWarningsAndRetries) {
   channel.failures = {{ErrorCode::Transport, "Write failed: x"}};
   auto refused = send(5);
   receive(response(5, {}, 0x21));
-  EXPECT_EQ(errorOf(refused),
-            (Error{ErrorCode::Protocol, "VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
-                                        "ExclusiveControlRequired (0x00000020)"}));
+  EXPECT_EQ(errorOf(refused), (Error{ErrorCode::Protocol,
+                                     "VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
+                                     "ExclusiveControlRequired (0x00000020)",
+                                     0x21}));
   auto warned = send(5);
   receive(response(5, {}, 0, 1));
   EXPECT_TRUE(warned.get());

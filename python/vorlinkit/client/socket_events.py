@@ -113,9 +113,6 @@ class SocketEvents:
             return self._waker.receiver.fileno()
 
     def set_wake(self, callback: Callable[[], None] | None) -> None:
-        """Instead of `fileno`, for event loops that cannot watch descriptors: the callback is called, on any thread,
-        when there are events after there were none. It must not block nor raise; `loop.call_soon_threadsafe` is fine.
-        """
         with self._lock:
             self._call = callback
             if callback is not None and self._events:
