@@ -156,8 +156,9 @@ def exclude_late_answer(talk: Conversation, wanted: Call, deadline: float) -> St
     plan, connection = wanted.plan, talk.ready
     fence = talk.late.fence_for(plan.id)
     if talk.options.late_answers == "reconnect" or fence is None:
-        talk.lost(f"given up, as {plan.name} was not answered in time and its answer may still come")
-        yield GiveUp()
+        yield from give_up(
+            talk, connection, f"{plan.name} was not answered in time and its answer may still come"
+        )
         return
     mark, left = talk.late.mark(), max(deadline - talk.clock(), LEAST)
     outcome = yield from ask(talk, Ask(fence, b"", left, connection))
@@ -168,6 +169,8 @@ def exclude_late_answer(talk: Conversation, wanted: Call, deadline: float) -> St
     settle(talk, fence, connection, outcome)
     if outcome[0] == link.TRANSPORT:
         return
+    if talk.clock() - talk.doubtful_since >= talk.options.timeout:
+        yield from give_up(talk, connection, f"{plan.name} was not answered, nor a command that does nothing")
     error = RequestTimeout(
         f"{plan.name} was not sent: {talk.host} has not answered an earlier one yet, nor a command that does nothing "
         f"within {left:.3g} s.",
@@ -178,6 +181,13 @@ def exclude_late_answer(talk: Conversation, wanted: Call, deadline: float) -> St
     raise error
 
 
+def give_up(talk: Conversation, connection: int, why: str) -> Steps[None]:
+    """Ends a connection that cannot be trusted any more, unless somebody else has."""
+    if talk.up == connection:
+        talk.lost(f"given up, as {why}")
+        yield GiveUp()
+
+
 def check_idle(talk: Conversation, timeout: float) -> Steps[None]:
     """Asks a machine that nobody has asked for a while; a connection without an answer is given up."""
     connection, mark = talk.ready, talk.late.mark()
@@ -185,8 +195,7 @@ def check_idle(talk: Conversation, timeout: float) -> Steps[None]:
     if talk.ready != connection:
         return
     if outcome[0] == link.TIMEOUT:
-        talk.lost(f"given up, as the machine has answered nothing for {timeout:g} s")
-        yield GiveUp()
+        yield from give_up(talk, connection, f"the machine has answered nothing for {timeout:g} s")
     elif outcome[0] in (link.OK, link.PROTOCOL):
         talk.late.answered(NO_OP, mark)
         talk.update()

@@ -30,7 +30,13 @@ def take_control(
     if control.blocks:
         control.blocks += 1
         return
-    answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
+    control.begin(plan.id)
+    talk.update()
+    try:
+        answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
+    finally:
+        control.end()
+        talk.update()
     if control.blocks:  # another thread has been quicker; the machine gave control to both, as one client
         control.blocks += 1
     else:

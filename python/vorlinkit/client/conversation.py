@@ -91,6 +91,7 @@ class Conversation:
         self.last_warning: MachineWarning | None = None
         self._changed = changed
         self._tell = tell
+        self.doubtful_since = 0.0
         self._known = False
         self._lost_at = 0.0
 
@@ -151,7 +152,9 @@ class Conversation:
     def update(self) -> None:
         """Something has changed that stands in a call's way, or no longer does."""
         open_ = 0 if self.late else self.ready
-        self.clear = {"read": open_, "change": 0 if self.control.blocks else open_}
+        if self.control.matters:
+            open_ = 0
+        self.clear = {"read": open_, "change": open_}
         self.version += 1
         self._changed()
 
@@ -164,6 +167,8 @@ class Conversation:
     def doubt(self, command_id: int) -> None:
         """A request ended without its answer, which may still come."""
         if self.options.late_answers != "ignore":
+            if not self.late:
+                self.doubtful_since = self.clock()
             self.late.note(command_id)
             self.update()
 

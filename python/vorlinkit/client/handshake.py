@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+from vorlinkit.wire.frames import MajorError
+
 from . import link
-from .actions import Ask, AwaitChange, Connect, GiveUp, Steps
-from .calls import Call, decoded, judged
+from .actions import Ask, AwaitChange, Connect, Steps
+from .calls import Call, decoded, give_up, judged
 from .conversation import Conversation
 from .errors import Closed, ConnectError, VorlinError
 from .failures import failure
@@ -36,20 +38,27 @@ def handshake(talk: Conversation, connection: int) -> Steps[None]:
 
 def _get_client_id(talk: Conversation, connection: int) -> Steps[bool]:
     timeout = talk.options.timeout
-    outcome = yield Ask(GET_CLIENT_ID, b"", timeout, connection)
-    if talk.up != connection or outcome[0] in (link.TRANSPORT, link.STOPPED):
-        return False
+    for _ in range(2):  # asking again does no harm: the answer is the same
+        outcome = yield Ask(GET_CLIENT_ID, b"", timeout, connection)
+        if talk.up != connection or outcome[0] in (link.TRANSPORT, link.STOPPED):
+            return False
+        if outcome[0] == link.OK and len(outcome[2]) == 1:
+            return True
+        if outcome[0] == link.PROTOCOL and outcome[3] & MajorError.UnsupportedCommandId:
+            talk.log.warning("%s knows no client ids; going on without one", talk.host)
+            return True
+        if outcome[0] == link.TIMEOUT:
+            break
     if outcome[0] == link.OK:
-        return True
-    error = failure("GetClientId", talk.host, outcome, timeout)
-    if outcome[0] != link.TIMEOUT:
-        talk.log.warning("going on without a client id: %s", error)
-        return True
-    if talk.was_ready:
-        talk.lost(str(error))
-        yield GiveUp()
+        why = f"its answer to GetClientId has {len(outcome[2])} bytes where one is expected"
     else:
+        why = str(failure("GetClientId", talk.host, outcome, timeout))
+    if talk.was_ready:
+        yield from give_up(talk, connection, why)
+    elif outcome[0] == link.TIMEOUT:
         talk.fail(f"it accepts connections, but answers nothing within {timeout:g} s; is it a VORLIN server?")
+    else:
+        talk.fail(f"{why} (connect with client_id=False if this machine needs none)")
     return False
 
 

@@ -120,9 +120,12 @@ class Keeper:
 
     def _carry_out(self, action: Action) -> Any:
         if isinstance(action, Ask):
+            if self.talk.control.matters and threading.current_thread() is not self._thread:
+                # What the machine told ahead of its answer is known before this thread goes on.
+                return self._await_reply(lambda token: self.link.send(*action, token))
             return self.link.request(*action)
         if isinstance(action, Connect):
-            return self._connect()
+            return self._await_reply(self.link.connect)
         if isinstance(action, GiveUp):
             return self._attendant.give_up()
         return self._await_change(action)
@@ -132,7 +135,7 @@ class Keeper:
             if self.talk.version == action.version:
                 self._change.wait(action.timeout)
 
-    def _connect(self) -> Any:
+    def _await_reply(self, start: Callable[[int], None]) -> Any:
         answers: list[Any] = []
 
         def answered(outcome: Any) -> None:
@@ -142,7 +145,7 @@ class Keeper:
         with self._change:
             token = next(self._attendant.tokens)
             self._attendant.replies[token] = answered
-            self.link.connect(token)
+            start(token)
             while not answers:
                 self._change.wait()
         return answers[0]
