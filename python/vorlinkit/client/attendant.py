@@ -18,6 +18,9 @@ from .handshake import handshake
 
 Outcome = tuple[Any, ...]
 
+REVIEW_EVERY: Final = 0.5
+"""Seconds between two looks at the logger's level and at what the link had to throw away."""
+
 
 class Attendant:
     """Used by one thread or event loop: the one that takes the link's events.
@@ -35,6 +38,7 @@ class Attendant:
         self._asked = 0
         self._heard = False
         self._dropped = 0
+        self._next_review = 0.0
         self._next_look = talk.clock() + talk.options.idle_check
 
     def handle(self, events: Iterable[links.Event]) -> None:
@@ -47,13 +51,16 @@ class Attendant:
                     self._handle_rare(event)
             except Exception:
                 self._talk.log.exception("an event of the connection could not be handled: %r", event[:2])
-        self._count_dropped()
+        if self._talk.clock() >= self._next_review:
+            self._review()
+
+    def _review(self) -> None:
+        """What need not be looked at with every event."""
+        self._next_review = self._talk.clock() + REVIEW_EVERY
         level = log.core_level(self._talk.log)
         if level != self._log_level:
             self._log_level = level
             self._link.set_log_level(level)
-
-    def _count_dropped(self) -> None:
         dropped = self._link.events.dropped()
         if dropped > self._dropped:
             lost, self._dropped = dropped - self._dropped, dropped
@@ -84,6 +91,7 @@ class Attendant:
         if not talk.options.idle_check or talk.clock() < self._next_look:
             return
         self._next_look = talk.clock() + talk.options.idle_check
+        self._review()
         idle = talk.asked == self._asked and not self._heard
         self._asked, self._heard = talk.asked, False
         if idle and talk.ready:
