@@ -14,11 +14,12 @@ from .plan import Plan
 
 def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[Any, ...]]:
     """The command that takes control so, and its values."""
+    plan: Plan[Any, Any]
     if user is not None:
-        if force:
-            return plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
-        return plans.GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
-    return (plans.FORCED_GET_EXCLUSIVE_CONTROL, ()) if force else (plans.GET_EXCLUSIVE_CONTROL, ())
+        plan = plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER if force else plans.GET_EXCLUSIVE_CONTROL_WITH_USER
+        return plan, (user,)
+    plan = plans.FORCED_GET_EXCLUSIVE_CONTROL if force else plans.GET_EXCLUSIVE_CONTROL
+    return plan, ()
 
 
 def take_control(
