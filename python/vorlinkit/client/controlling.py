@@ -16,7 +16,9 @@ def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[A
     """The command that takes control so, and its values."""
     plan: Plan[Any, Any]
     if user is not None:
-        plan = plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER if force else plans.GET_EXCLUSIVE_CONTROL_WITH_USER
+        plan = (
+            plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER if force else plans.GET_EXCLUSIVE_CONTROL_WITH_USER
+        )
         return plan, (user,)
     plan = plans.FORCED_GET_EXCLUSIVE_CONTROL if force else plans.GET_EXCLUSIVE_CONTROL
     return plan, ()

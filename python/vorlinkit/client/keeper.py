@@ -10,6 +10,7 @@ import time
 import weakref
 from collections.abc import Callable
 from dataclasses import replace
+from functools import partial
 from typing import Any, Final, TypeVar
 
 from .actions import Action, Ask, AwaitChange, Connect, GiveUp, Steps
@@ -122,7 +123,7 @@ class Keeper:
         if isinstance(action, Ask):
             if self.talk.control.matters and threading.current_thread() is not self._thread:
                 # What the machine told ahead of its answer is known before this thread goes on.
-                return self._await_reply(lambda token: self.link.send(*action, token))
+                return self._await_reply(partial(self.link.send, *action))
             return self.link.request(*action)
         if isinstance(action, Connect):
             return self._await_reply(self.link.connect)
