@@ -3,10 +3,12 @@
 A list attribute reads as a new list whose elements look at the stored items: setting an attribute of an
 element changes the record, appending to the list does not. A variant reads the same way. Assigning a list or a
 variant stores copies; elements that were read before keep what they looked at.
+
+Records take their attributes as keywords when they are made, compare by content, and can be copied and pickled.
 """
 
 from collections.abc import Callable, Sequence
-from typing import Any, ClassVar, Generic, Literal, NoReturn, TypeVar, overload
+from typing import Any, ClassVar, Generic, Literal, NoReturn, Self, TypeVar, overload
 
 _Item = TypeVar("_Item")
 

@@ -219,8 +219,8 @@ class Listener:
         self.got: list[int] = []
         self.ended: list[Exception | None] = []
 
-    def deliver(self, notification: Any) -> None:
-        self.got.append(notification.actual_motor_position)
+    def deliver(self, notifications: Any) -> None:
+        self.got += [one.actual_motor_position for one in notifications]
 
     def end(self, error: Exception | None) -> None:
         self.ended.append(error)
@@ -244,9 +244,10 @@ def test_subscriptions_to_one_object_share_a_request() -> None:
     assert same is topic and topic.response.automated_device_id == "AD1"
     refused, error = subscribes(machine, ("AD1", 1, 9), (ask(READ), position(error=2)))
     assert isinstance(error, errors.CommandRefused) and topic.values == ("AD1", 1, 1)
-    assert machine.talk.topics.route(158, notification("AD1")) == []
-    assert [one.got for one in (first, second, third, refused)] == [[9], [9], [], []]
-    assert [type(error) for error in machine.talk.topics.route(158, b"AD1")] == [errors.DecodeError]
+    assert machine.talk.topics.route(158, [notification("AD1")]) == []
+    unread = machine.talk.topics.route(158, [b"AD1", notification("AD1")])
+    assert [type(error) for error in unread] == [errors.DecodeError]
+    assert [one.got for one in (first, second, third, refused)] == [[9, 9], [9, 9], [], []]
     assert machine.plays(unsubscribe(machine.talk, topic, first, 10)) is None
     assert machine.plays(unsubscribe(machine.talk, topic, second, 10), (ask(READ), TIMEOUT)) is None
     machine.talk.close("over")

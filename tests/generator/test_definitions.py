@@ -264,12 +264,13 @@ response = ["A: u8"]
 [Foo]
 => Foo: id 1 belongs to Bar (family.toml)
 => Bar: is not in the control list index.toml
-# Foo's response begins the name of Foo's item as well; the longest name owns it.
+# Foo's response begins the name of Foo's item as well; the longest name owns it. A C++ type has but one meaning.
 response = ["N: u8", { list = "Delay", count = "N", items = ["A: u8"] }]
 [FooResponseDelayItem]
 id = 80
 response = ["A: u8"]
 => FooResponseDelayItem: is not in the control list index.toml
+=> FooResponseDelayItem: its description is named FooResponseDelayItem, as one of Foo is
 title =
 => cannot be read: Invalid value (at line 10, column 8)
 """

@@ -16,7 +16,7 @@ from conftest import ROOT
 WIRE = {"wire", "catalogue"}
 MODULE = "vorlinkit_python"
 MAY_IMPORT: Mapping[str, set[str] | None] = {
-    "": set(),
+    "": {"client", "aio", "records", "catalogue"},  # for type checkers; at run time only what is used
     **dict.fromkeys(("wire", "catalogue"), WIRE),
     **{part: {part, *WIRE} for part in ("simulator", "capture", "layouts")},
     **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin")),
@@ -87,6 +87,15 @@ def test_the_package_keeps_the_rule() -> None:
     assert len(found) > 30
     assert {module: wrong for module, names in found.items() if (wrong := breaches(module, names))} == {}
     assert circle(found) == []
+
+
+def test_the_root_loads_nothing_before_it_is_used() -> None:
+    watch = "import vorlinkit, sys; told = vorlinkit.__version__, vorlinkit.VorlinError, dir(vorlinkit); "
+    shown = "print(*sorted(name for name in sys.modules if name.startswith('vorlinkit')))"
+    done = subprocess.run([sys.executable, "-c", watch + shown], capture_output=True, text=True)
+    used = ["vorlinkit", "vorlinkit.client", "vorlinkit.client.errors", "vorlinkit.version"]
+    used += ["vorlinkit.wire", "vorlinkit.wire.frames"]
+    assert done.stdout.split() == sorted(used), done.stdout + done.stderr
 
 
 @pytest.mark.parametrize(

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Sequence
 from contextlib import AbstractContextManager
 from functools import partial
 from itertools import count
@@ -34,19 +34,17 @@ class Attendant:
         self._log_level = log.core_level(talk.log)
         self._asked = 0
         self._heard = False
+        self._dropped = 0
         self._next_look = talk.clock() + talk.options.idle_check
 
-    def handle(self, events: Iterable[links.Event]) -> None:
+    def handle(self, events: Sequence[links.Event]) -> None:
         """Never raises: a fault of ours is logged, and the next event gets its turn."""
-        route = self._talk.topics.route
+        if len(events) > 1 and self._all_alike(events):
+            return
         for event in events:
             try:
                 if event[0] == links.NOTIFICATION:
-                    self._heard = True
-                    if event[1] in TAKING:
-                        self._control_notified(event[1])
-                    for error in route(event[1], event[2]):
-                        self._talk.log.warning("a notification was thrown away: %s", error)
+                    self._notified(event[1], (event[2],))
                 else:
                     self._handle_rare(event)
             except Exception:
@@ -55,6 +53,27 @@ class Attendant:
         if level != self._log_level:
             self._log_level = level
             self._link.set_log_level(level)
+
+    def _all_alike(self, events: Sequence[links.Event]) -> bool:
+        """A burst, which is handled as a whole, since it would take several times as long one by one."""
+        kinds, commands, payloads, *_ = zip(*events, strict=False)
+        if kinds.count(links.NOTIFICATION) < len(kinds) or commands.count(commands[0]) < len(commands):
+            return False
+        self._notified(commands[0], payloads)
+        dropped = self._link.events.dropped()
+        if dropped > self._dropped:
+            lost, self._dropped = dropped - self._dropped, dropped
+            self._talk.log.warning(
+                "%d notifications came faster than they were taken, and were thrown away", lost
+            )
+        return True
+
+    def _notified(self, command_id: int, payloads: Sequence[bytes]) -> None:
+        self._heard = True
+        if command_id in TAKING:
+            self._control_notified(command_id)
+        for error in self._talk.topics.route(command_id, payloads):
+            self._talk.log.warning("a notification was thrown away: %s", error)
 
     def run(self, steps: Steps[Any]) -> None:
         """Carries a decision out that nobody waits for, as far as it goes by now."""

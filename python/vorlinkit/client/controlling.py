@@ -4,11 +4,21 @@ from __future__ import annotations
 
 from typing import Any
 
+from . import plans
 from .actions import Steps
 from .calls import Call, call
 from .conversation import Conversation
 from .errors import VorlinError
 from .plan import Plan
+
+
+def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[Any, ...]]:
+    """The command that takes control so, and its values."""
+    if user is not None:
+        if force:
+            return plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+        return plans.GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+    return (plans.FORCED_GET_EXCLUSIVE_CONTROL, ()) if force else (plans.GET_EXCLUSIVE_CONTROL, ())
 
 
 def take_control(

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from logging import Logger
 from queue import SimpleQueue
 from typing import Any, Final, Protocol
@@ -13,6 +13,8 @@ ErrorHandler = Callable[[BaseException], object]
 
 class Backlog(Protocol):
     """Something with items that a handler waits for."""
+
+    cancelled: bool
 
     def run_handler(self, dispatcher: Dispatcher) -> None: ...
 
@@ -37,13 +39,20 @@ class Dispatcher:
                     self._thread.start()
         self._queue.put(backlog)
 
-    def call(self, handler: Callable[[Any], object], item: Any) -> None:
-        """One call; what it raises goes to the log and to `on_error`."""
+    def call_with_each(
+        self, handler: Callable[[Any], object], items: Iterator[Any], backlog: Backlog
+    ) -> bool:
+        """Until the backlog is cancelled; False after one has failed, which goes to the log and to `on_error`."""
         try:
-            handler(item)
+            for item in items:
+                handler(item)
+                if backlog.cancelled:
+                    break
         except Exception as error:
             self._log.exception("a handler failed: %r", handler)
             self._report(error)
+            return backlog.cancelled
+        return True
 
     def stop(self) -> None:
         self._queue.put(None)

@@ -52,7 +52,7 @@ class Keeper:
             f"vorlinkit handlers {options.host}", logging.getLogger(f"vorlinkit.{options.host}")
         )
         self.events: Final[Inbox[MachineEvent]] = Inbox("machine.events", 1000, None, self.dispatcher)
-        self.talk: Final = Conversation(options, time.monotonic, self._changed, self.events.deliver)
+        self.talk: Final = Conversation(options, time.monotonic, self._changed, self._tell)
         self.link: Final = make_link(replace(link_options, log_level=core_level(self.talk.log)))
         self._attendant: Final = Attendant(self.talk, self.link, self._lock)
         name = f"vorlinkit keeper {options.host}"
@@ -146,6 +146,9 @@ class Keeper:
             while not answers:
                 self._change.wait()
         return answers[0]
+
+    def _tell(self, event: MachineEvent) -> None:
+        self.events.deliver((event,))
 
     def _changed(self) -> None:
         with self._change:

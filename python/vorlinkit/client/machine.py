@@ -5,7 +5,7 @@ from __future__ import annotations
 import weakref
 from collections.abc import Callable
 from types import TracebackType
-from typing import Any, Final, Self
+from typing import Any, Self
 
 from . import backend
 from .calls import call, call_of
@@ -18,13 +18,11 @@ from .keeper import Keeper
 from .link import Link, LinkOptions
 from .listening import asks
 from .methods import Methods, SubscribeMethods
+from .options import options_of, patience
 from .plan import N, Plan, R
 from .raw import raw_notifications, raw_plan
 from .subscribing import subscribe, unsubscribe
 from .subscription import Inbox, Subscription
-
-LONGEST: Final = 1_000_000.0
-"""Seconds; what is longer is taken for this, which a link can still count in milliseconds."""
 
 
 def connect(
@@ -60,24 +58,18 @@ def connect(
 
     Raises ConnectError.
     """
-    options = Options(
+    options, link_options = options_of(
         host,
         port,
-        patience(timeout),
+        timeout,
+        connect_timeout,
         client_id,
         reconnect,
+        reconnect_delay,
+        reconnect_delay_max,
         retry_reads,
         late_answers,
         idle_check,
-    )
-    link_options = LinkOptions(
-        host,
-        port,
-        connect_timeout=patience(connect_timeout),
-        request_timeout=options.timeout,
-        reconnect_delay=reconnect_delay,
-        reconnect_delay_max=reconnect_delay_max,
-        reconnect=reconnect,
     )
     return open_machine(options, link_options, on_event, on_handler_error)
 
@@ -99,12 +91,6 @@ def open_machine(
         keeper.close("the first connection could not be made")
         raise
     return Machine(keeper)
-
-
-def patience(seconds: float) -> float:
-    if not seconds > 0:
-        raise ValueError(f"a time-out is a number of seconds above 0, not {seconds!r}")
-    return min(seconds, LONGEST)
 
 
 class Machine(Methods):

@@ -6,7 +6,7 @@ catalogue and the record classes are loaded when a plan is used that needs them.
 
 from __future__ import annotations
 
-from collections.abc import Callable, Mapping
+from collections.abc import Callable, Mapping, Sequence
 from struct import Struct
 from struct import error as struct_error
 from typing import Any, Final, Generic, NoReturn, TypeVar
@@ -122,6 +122,20 @@ class Plan(Generic[R, N]):
             return self._decode("notification", payload)  # type: ignore[no-any-return]
         except RuntimeError as error:
             self._undecodable("notification", payload, error)
+
+    def decode_notifications(self, payloads: Sequence[bytes], errors: list[DecodeError]) -> list[N]:
+        """The records of those that can be read; why the others cannot is added to `errors`."""
+        try:
+            return list(map(self._decoders["notification"], payloads))
+        except (KeyError, RuntimeError):
+            pass  # the first time, or there is one that cannot be read
+        records: list[N] = []
+        for payload in payloads:
+            try:
+                records.append(self.decode_notification(payload))
+            except DecodeError as error:
+                errors.append(error)
+        return records
 
     def command_error(self, response: Any) -> int:
         """The machine's CommandError, 0 if all is well or the response has none."""

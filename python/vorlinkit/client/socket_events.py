@@ -55,6 +55,9 @@ class Waker:
         self.receiver.close()
         self._sender.close()
 
+    def __del__(self) -> None:
+        self.close()  # its owner has gone without; nobody has to be warned of two ends of nothing
+
 
 class SocketEvents:
     """The `EventQueue` of a `SocketLink`: its thread puts, one thread or event loop at a time takes."""
