@@ -8,7 +8,7 @@ import tomllib
 import pytest
 from conftest import ROOT, Bench
 from vorlinkit.catalogue import Catalogue
-from vorlinkit.simulator.faults.misbehaviour import ACTIONS
+from vorlinkit.simulator.faults.actions import ACTIONS
 from vorlinkit.simulator.faults.scenario import Scenario, parse_text
 from vorlinkit.simulator.options import _parser
 from vorlinkit.simulator.state.machine import disclaimer
@@ -33,6 +33,14 @@ def test_rules_on_the_page_are_rules(catalogue: Catalogue) -> None:
     for text in re.findall(r'--rule "([^"]+)"', PAGE):
         scenario.add(parse_text(text), catalogue)
     assert len(scenario.rules) + len(scenario.connection_rules) == 4
+
+
+def test_lines_of_control_on_the_page_are_carried_out(bench: Bench) -> None:
+    simulator = bench.simulator()
+    lines = [line for block in blocks("text") for line in block.splitlines() if line.startswith("set ")]
+    for line in lines:
+        simulator.control(line)
+    assert len(lines) == 4
 
 
 def test_the_page_shows_what_the_simulator_says_of_itself(bench: Bench) -> None:

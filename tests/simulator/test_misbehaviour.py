@@ -13,7 +13,8 @@ from conftest import Bench
 from vorlinkit.catalogue import Catalogue
 from vorlinkit.simulator import SimulatorFailed, SimulatorProcess
 from vorlinkit.simulator.answer import Answer
-from vorlinkit.simulator.faults.misbehaviour import ScenarioError, build
+from vorlinkit.simulator.faults.actions import build
+from vorlinkit.simulator.faults.misbehaviour import ScenarioError
 from vorlinkit.simulator.faults.scenario import Scenario, parse_text, read_file
 from vorlinkit.simulator.network.server import _why_not
 from vorlinkit.simulator.options import parse
@@ -61,9 +62,85 @@ def test_frames_that_answer_a_request(bench: Bench, rule: str, seen: list[tuple[
 
 
 def test_command_error_bits(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)), identified=False)
+    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)))
+    assert peer.client_id == 1
     assert peer.ask("FlushLog", LogName="System") == {"CommandError": 3}
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
+
+
+def test_what_is_refused_or_lost_changes_nothing(bench: Bench) -> None:
+    simulator = bench.simulator()
+    peer = bench.peer(simulator)
+    for rule in ("major_error=ControlBlocked", "command_error=2", "not_carried_out no_answer", "no_answer"):
+        simulator.control(f"rule command=SetFeedRate {rule}")
+        peer.send("SetFeedRate", FeedConfigurerID="F1", FeedRate=33)
+        done = rule == "no_answer"
+        assert simulator.wait_for("request", name="SetFeedRate")["carried_out"] == done
+        if "no_answer" not in rule:
+            peer.response()
+        assert (peer.ask("GetFeedRate", FeedConfigurerID="F1", NotificationLevel=0)["FeedRate"] == 33) == done
+        simulator.control("clear-rules")
+
+
+def test_a_duplicate_may_come_later(bench: Bench) -> None:
+    peer = bench.peer(bench.simulator(rules=("command=11 request=1 duplicate later=500",)))
+    peer.send("GetMachineInfo")
+    peer.send("GetServerTime")
+    assert [peer.frame().command_id for _ in range(3)] == [11, 10, 11]
+
+
+def test_a_frozen_connection_stays_and_does_nothing(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=SetFeedRate freeze",))
+    frozen, other = bench.peer(simulator), bench.peer(simulator)
+    frozen.send("SetFeedRate", FeedConfigurerID="F1", FeedRate=33)
+    frozen.send("ForcedGetExclusiveControl")
+    for name in ("SetFeedRate", "ForcedGetExclusiveControl"):
+        assert not simulator.wait_for("request", connection=1, name=name)["carried_out"]
+    simulator.control("notify GetServerStatus connection=1")
+    other.ask("GetServerTime")
+    frozen.socket.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        frozen.socket.recv(1)
+
+
+@pytest.mark.parametrize("side", ["ahead", "behind"])
+def test_another_client_takes_control(bench: Bench, side: str) -> None:
+    simulator = bench.simulator("--strict-control", rules=(f"command=SetServerTime take_control={side}",))
+    peer = bench.peer(simulator)
+    assert peer.error("GetExclusiveControl") == 0
+    peer.send("SetServerTime", Timestamp=1)
+    kinds = [peer.frame().type for _ in range(2)]
+    assert kinds == ([N, R] if side == "ahead" else [R, N])
+    assert peer.error("GetExclusiveControl") == 2
+    simulator.control("release-control")
+    assert peer.error("GetExclusiveControl") == 0
+    simulator.control("take-control")
+    assert peer.notification("GetExclusiveControl") == {"ControlStatus": 2}
+    held = [one["control"] for one in simulator.events if one["event"] == "request" and one["changes"]]
+    assert held == [True]
+
+
+def test_a_restart_forgets_what_belongs_to_clients(bench: Bench) -> None:
+    simulator = bench.simulator(rules=("command=SetFeedRate restart=1000",))
+    peer, holder = bench.peer(simulator), bench.peer(simulator)
+    holder.ask("StartRemoteAccess")
+    holder.ask("ForcedGetExclusiveControl")
+    simulator.set("GetFeedRate", FeedConfigurerID="F2", FeedRate=7)
+    peer.send("SetFeedRate", FeedConfigurerID="F1", FeedRate=33)
+    for one in (peer, holder):
+        with pytest.raises(ConnectionResetError):
+            one.until_end()
+    with pytest.raises(ConnectionRefusedError):
+        bench.peer(simulator)
+    with pytest.raises(SimulatorFailed, match="is restarting already"):
+        simulator.control("restart")
+    simulator.wait_for("restarted")
+    peer = bench.peer(simulator)
+    assert (peer.client_id, peer.error("GetExclusiveControl"), peer.error("StartRemoteAccess")) == (1, 0, 0)
+    rates = [
+        peer.ask("GetFeedRate", FeedConfigurerID=one, NotificationLevel=0)["FeedRate"] for one in ("F1", "F2")
+    ]
+    assert rates == [33, 7]
 
 
 @pytest.mark.parametrize(
@@ -172,11 +249,11 @@ def test_mistakes_in_lines_of_control_are_named(bench: Bench) -> None:
         ("notify GetMotorPosition size=4 ActualMotorPosition=1", "say either size or ActualMotorPosition"),
         ("notify GetMotorPosition connection=x", "connection is a whole number from 1"),
         ("notify GetMotorPosition connection=7", "connection 7 is not open"),
-        ("notify GetMotorPosition Nope=1", "'Nope' is not known here"),
-        ("notify GetMotorPosition ActualMotorPosition=99999", "does not take '99999'"),
-        ("notify GetStatistics StatisticsID=250", "does not take '250'"),
+        ("notify GetMotorPosition Nope=1", "GetMotorPosition has no field 'Nope'; it has AutomatedDeviceID"),
+        ("notify GetMotorPosition ActualMotorPosition=99999", "from 0 to 65535, not '99999'"),
+        ("notify GetStatistics StatisticsID=250", "StatisticsID is one of 1, 2, .*, not '250'"),
         ("notify GetMachineInfo", "GetMachineInfo has no notification"),
-        ("notify 9999", "9999 has no notification"),
+        ("notify 9999", "there is no command '9999'"),
         ("notify Nope", "there is no command 'Nope'"),
         ("close nonsense", "'nonsense' is not known here"),
         ("clear-rules now", "'now' is not known here"),
@@ -189,7 +266,7 @@ def test_mistakes_in_lines_of_control_are_named(bench: Bench) -> None:
 
 
 def test_a_client_that_floods_and_does_not_read_holds_up_nobody(bench: Bench) -> None:
-    simulator = bench.simulator("--blob-size", "250000")
+    simulator = bench.simulator("--frame-size", "500x500")
     flood, other = bench.peer(simulator), bench.peer(simulator)
     flood.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
     for _ in range(100):
@@ -242,6 +319,10 @@ def test_scenario_files(bench: Bench, tmp_path: Path, suffix: str, text: str) ->
         ("silent=false", "silent is true"),
         ("delay=5 size=3", "size says something of a burst"),
         ("delay=5 of=11", "of says something of a burst"),
+        ("delay=5 later=3", "later says something of a duplicate"),
+        ("freeze=5", "freeze is true"),
+        ("take_control=amid", '"ahead" or "behind"'),
+        ("restart=soon", "restart is a whole number from 0"),
         ("from=5 to=3 delay=1", "to=3 comes before from=5"),
     ],
 )

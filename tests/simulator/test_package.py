@@ -19,9 +19,11 @@ MAY_IMPORT: Mapping[str, set[str] | None] = {
     "": {"client", "aio", "records", "catalogue"},  # for type checkers; at run time only what is used
     **dict.fromkeys(("wire", "catalogue"), WIRE),
     **{part: {part, *WIRE} for part in ("simulator", "capture", "layouts")},
-    **dict.fromkeys(("client", "aio", "cli", "records")),
+    **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin")),
 }
 """The parts of the package, and which of its parts each may import; None: all, and the extension module, too."""
+HOSTS = {"pytest_plugin": "pytest"}
+"""The parts that another program loads, and so may import it."""
 
 
 def imports(path: str, source: str) -> tuple[str, set[str]]:
@@ -49,7 +51,11 @@ def breaches(module: str, imported: set[str]) -> set[str]:
         if top == "vorlinkit":
             fine = allowed is None or (rest or [""])[0] in allowed
         else:
-            fine = top in sys.stdlib_module_names or (top == MODULE and allowed is None)
+            fine = (
+                top in sys.stdlib_module_names
+                or top == HOSTS.get(part)
+                or (top == MODULE and allowed is None)
+            )
         found |= set() if fine else {name}
     return found
 
@@ -101,6 +107,8 @@ def test_the_root_loads_nothing_before_it_is_used() -> None:
         ("simulator/state/machine.py", "from ...client import tables", {"vorlinkit.client.tables"}),
         ("capture/__init__.py", "if TYPE_CHECKING:\n    import vorlinkit_python", {MODULE}),
         ("layouts/__init__.py", "import numpy, json", {"numpy"}),
+        ("client/__init__.py", "import pytest", {"pytest"}),
+        ("pytest_plugin.py", "import pytest", set()),
         ("cli/__init__.py", "import vorlinkit_python, vorlinkit.client", set()),
         ("news.py", "import json", {"news: no rule says what it may import"}),
     ],

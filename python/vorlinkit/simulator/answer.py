@@ -8,12 +8,16 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
-from typing import Literal
+from typing import Final, Literal
 
 from vorlinkit.wire import frames
 
 Ending = Literal["half-close", "reset", "close"]
 Moment = Literal["instead", "middle", "after"]
+Side = Literal["ahead", "behind"]
+
+LARGEST_PAYLOAD: Final = 1 << 28
+"""How many bytes one frame may hold."""
 
 NotificationMaker = Callable[[int | None, int, int | None], Iterable[bytes]]
 """Makes notification frames: of which command (None: the one that is answered), how many, of which payload
@@ -23,7 +27,11 @@ size.
 
 @dataclass(frozen=True)
 class Answer:
-    """What a request is going to be answered with, and how it is going to leave."""
+    """What a request is going to be answered with, and how it is going to leave.
+
+    ``later``: after how many seconds how many more copies leave. ``restart``: how many seconds the machine is
+    away.
+    """
 
     command_id: int
     payload: bytes = b""
@@ -32,6 +40,7 @@ class Answer:
     announced: int | None = None
     delay: float = 0.0
     copies: int = 1
+    later: tuple[tuple[float, int], ...] = ()
     chunk: int | None = None
     together: bool = False
     ahead: tuple[bytes, ...] = ()
@@ -41,6 +50,9 @@ class Answer:
     frame: bytes | None = None
     ending: tuple[Ending, Moment] | None = None
     silent: bool = False
+    frozen: bool = False
+    control_taken: Side | None = None
+    restart: float | None = None
     has_command_error: bool = False
     make_notifications: NotificationMaker = field(default=lambda command, count, size: (), repr=False)
 

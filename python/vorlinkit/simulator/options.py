@@ -9,9 +9,10 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Final
 
-from .faults.misbehaviour import LARGEST_PAYLOAD
+from .answer import LARGEST_PAYLOAD
 from .state.clock import LATEST
 from .state.machine import MachineOptions
+from .state.pictures import PictureSize
 
 DEFAULT_PORT: Final = 50713
 LONGEST_WAIT: Final = 0xFFFFFFFF
@@ -66,6 +67,7 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
             notify_at_once=not given.notify_on_change_only,
             prefer=tuple(given.prefer),
             blob_size=given.blob_size,
+            picture=given.frame_size,
         ),
         notify_every=given.notify_every,
         motor_interval=given.motor_interval,
@@ -135,7 +137,14 @@ def _parser() -> argparse.ArgumentParser:
         type=_up_to(LARGEST_PAYLOAD),
         default=64,
         metavar="BYTES",
-        help="size of captured frames (default 64)",
+        help="size of byte blobs other than frames (default 64)",
+    )
+    add(
+        "--frame-size",
+        type=_picture,
+        default=PictureSize(),
+        metavar="WIDTHxLINES",
+        help="size of captured frames in pixels (default 64x48)",
     )
     add(
         "--prefer",
@@ -157,6 +166,16 @@ def _port(text: str) -> int:
     if text.isdigit() and int(text) <= 65535:
         return int(text)
     raise argparse.ArgumentTypeError(f"{text!r} is not a port (0 to 65535)")
+
+
+def _picture(text: str) -> PictureSize:
+    match = re.fullmatch("([1-9][0-9]{0,4})x([1-9][0-9]{0,4})", text)
+    size = PictureSize(int(match[1]), int(match[2])) if match is not None else None
+    if size is None or max(size.pixels, size.lines) > 0xFFFF or size.pixels * size.lines > LARGEST_PAYLOAD:
+        raise argparse.ArgumentTypeError(
+            f"{text!r} is not a size such as 64x48, each up to 65535 and {LARGEST_PAYLOAD} pixels in all"
+        )
+    return size
 
 
 def _up_to(most: int) -> Callable[[str], int]:

@@ -137,6 +137,30 @@ class SimulatorProcess:
             at = len(self.events)
             self._take_line(deadline, f"to carry out {line!r}")
 
+    def set(self, command: str, /, **fields: Any) -> None:
+        """Have the answers of a command hold these values from now on, and tell its subscribers.
+
+        Fields of the request name the object, the others are those of the answer or the notification; keys of the
+        protocol or attribute names, lists as lists of dicts, blobs as bytes. For instance
+        ``set("GetFeedRate", FeedConfigurerID="F1", FeedRate=100)``. Raises SimulatorFailed with the reason when a
+        field does not exist or does not take its value.
+        """
+        self.control(
+            " ".join([f"set {command}", *(f"{key}={_word(value)}" for key, value in fields.items())])
+        )
+
+    def log(self, lines: int = 40) -> str:
+        """The last of what the simulator told until now, to be read by people."""
+        while True:
+            try:
+                line = self._lines.get_nowait()
+            except queue.Empty:
+                break
+            self._keep(line)
+            if line is None:
+                break
+        return "\n".join([*self.output, *map(in_words, self.events)][-lines:])
+
     def stop(self) -> None:
         """Have it stop in good order and wait for its end; kills it only if it does not."""
         process = self._process
@@ -167,9 +191,15 @@ class SimulatorProcess:
             line = self._lines.get(timeout=max(0.0, deadline - time.monotonic()))
         except queue.Empty:
             raise SimulatorFailed(f"waited too long for the simulator {purpose}\n" + self._so_far()) from None
+        self._keep(line)
+        if line is None:
+            raise SimulatorFailed(f"the simulator ended, and was expected {purpose}\n" + self._so_far())
+
+    def _keep(self, line: str | None) -> None:
+        """Put a line where it belongs; None says that there are no more."""
         if line is None:
             self._lines.put(None)
-            raise SimulatorFailed(f"the simulator ended, and was expected {purpose}\n" + self._so_far())
+            return
         if line.startswith("{"):
             self.events.append(json.loads(line))
             return
@@ -179,4 +209,30 @@ class SimulatorProcess:
             self.host, self.port = match[1], int(match[2])
 
     def _so_far(self) -> str:
-        return "\n".join([*self.output, *(json.dumps(event) for event in self.events)])
+        return "\n".join([*self.output, *map(in_words, self.events)])
+
+
+def in_words(event: Event) -> str:
+    """An event as a line for people."""
+    told = dict(event)
+    kind, connection = told.pop("event"), told.pop("connection", None)
+    place = f"#{connection} " if connection is not None else ""
+    if kind != "request":
+        return f"{place}{kind} " + " ".join(f"{key}={value}" for key, value in told.items())
+    line = f"{place}asks {told['name'] or told['command']} {told['values']}"
+    notes = [f"client id {told['client']}"]
+    notes += ["has control"] if told["control"] else []
+    notes += [] if told["carried_out"] else ["not carried out"]
+    notes += [f"CommandError {told['command_error']}"] if told["command_error"] else []
+    return f"{line.rstrip()} ({', '.join(notes)})"
+
+
+def _word(value: Any) -> str:
+    if isinstance(value, (bytes, bytearray)):
+        return f'"hex:{value.hex()}"'
+    return json.dumps(value, default=_listed)
+
+
+def _listed(value: Any) -> Any:
+    """What JSON does not know inside a list: a blob, or any iterable."""
+    return f"hex:{value.hex()}" if isinstance(value, (bytes, bytearray)) else list(value)

@@ -2,15 +2,13 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
 from dataclasses import dataclass, replace
 from itertools import chain
-from typing import Any, Final, Protocol
+from typing import Protocol
 
 from vorlinkit.wire import frames
-from vorlinkit.wire.frames import MajorError, MinorError
 
-from ..answer import Answer, Ending, Moment
+from ..answer import Answer, Ending, Moment, Side
 
 
 class Misbehaviour(Protocol):
@@ -54,13 +52,24 @@ class WrongCommandId:
 
 
 @dataclass(frozen=True)
-class Duplicate:
-    """The answer is sent this many times more."""
-
-    extra: int
+class NotCarriedOut:
+    """The request changes nothing, however it is answered."""
 
     def apply(self, answer: Answer) -> Answer:
-        return replace(answer, copies=answer.copies + self.extra)
+        return answer
+
+
+@dataclass(frozen=True)
+class Duplicate:
+    """The answer is sent this many times more, at once or so many milliseconds later."""
+
+    extra: int
+    later: float | None
+
+    def apply(self, answer: Answer) -> Answer:
+        if self.later is None:
+            return replace(answer, copies=answer.copies + self.extra)
+        return replace(answer, later=(*answer.later, (self.later / 1000, self.extra)))
 
 
 @dataclass(frozen=True)
@@ -177,6 +186,34 @@ class End:
 
 
 @dataclass(frozen=True)
+class Freeze:
+    """From this request on nothing is carried out or sent on this connection, which stays open."""
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, frozen=True)
+
+
+@dataclass(frozen=True)
+class TakeControl:
+    """Another client forces control away, ahead of the answer or behind it; whoever loses it is told."""
+
+    side: Side
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, control_taken=self.side)
+
+
+@dataclass(frozen=True)
+class Restart:
+    """Instead of answering, the machine loses all connections and cannot be reached for so many milliseconds."""
+
+    milliseconds: float
+
+    def apply(self, answer: Answer) -> Answer:
+        return replace(answer, restart=self.milliseconds / 1000, silent=True)
+
+
+@dataclass(frozen=True)
 class Burst:
     """Notifications that nobody asked for come behind the answer, of a command and a payload size."""
 
@@ -189,116 +226,11 @@ class Burst:
         return replace(answer, burst=chain(answer.burst, made), burst_count=answer.burst_count + self.count)
 
 
-CORRUPT_PARTS: Final = ("protocol", "version", "type", "header_length")
-ACTIONS: Final = (
-    "delay",
-    "no_answer",
-    "wrong_command_id",
-    "duplicate",
-    "major_error",
-    "minor_error",
-    "command_error",
-    "split",
-    "glued",
-    "junk",
-    "short_payload",
-    "announce",
-    "corrupt",
-    "half_close",
-    "close",
-    "reset",
-    "burst",
-)
-"""The names of the misbehaviours in a rule, in the order in which they change an answer."""
-MOST_AT_ONCE: Final = 1_000_000
-"""How many frames may leave with one answer, other than a burst."""
-LARGEST_PAYLOAD: Final = 1 << 28
-"""How many bytes one frame may hold."""
+def leaves_undone(action: Misbehaviour, has_command_error: bool) -> bool:
+    """Whether a request that this happens to is not carried out: what is refused, too, changes nothing.
 
-
-def build(action: str, value: object, rule: Mapping[str, Any]) -> Misbehaviour:
-    """The misbehaviour that a rule names; ``rule`` holds what else the rule says."""
-    if action == "delay":
-        return Delay(whole_number(action, value, 0))
-    if action == "no_answer":
-        only_true(action, value)
-        return NoAnswer()
-    if action == "wrong_command_id":
-        return WrongCommandId(None if value is True else whole_number(action, value, 0, 0xFFFF))
-    if action == "duplicate":
-        return Duplicate(1 if value is True else whole_number(action, value, 1, MOST_AT_ONCE))
-    if action == "major_error":
-        return SetMajorError(_flags(action, value, MajorError))
-    if action == "minor_error":
-        return SetMinorError(_flags(action, value, MinorError))
-    if action == "command_error":
-        return SetCommandError(whole_number(action, value, 0, 0xFFFF))
-    if action == "split":
-        return Split(1 if value is True else whole_number(action, value, 1))
-    if action == "glued":
-        return Glued(1 if value is True else whole_number(action, value, 1, MOST_AT_ONCE))
-    if action == "junk":
-        return Junk(_junk(value))
-    if action == "short_payload":
-        return ShortPayload(1 if value is True else whole_number(action, value, 1))
-    if action == "announce":
-        return AnnouncedLength(1000 if value is True else whole_number(action, value, 1))
-    if action == "corrupt":
-        if value not in CORRUPT_PARTS:
-            raise ScenarioError(f"corrupt is one of {', '.join(CORRUPT_PARTS)}, not {value!r}")
-        return Corrupt(str(value))
-    if action == "burst":
-        return Burst(whole_number(action, value, 0), rule.get("of"), payload_size(rule.get("size")))
-    return End(_ENDINGS[action], _moment(action, value))
-
-
-_ENDINGS: Final[Mapping[str, Ending]] = {"half_close": "half-close", "close": "close", "reset": "reset"}
-
-
-def only_true(action: str, value: object) -> None:
-    if value is not True:
-        raise ScenarioError(f"{action} is true or left out, not {value!r}")
-
-
-def whole_number(name: str, value: object, least: int, most: int = 0xFFFFFFFF) -> int:
-    """A number of a rule or of a line of control; raises ScenarioError for anything else."""
-    if isinstance(value, bool) or not isinstance(value, int) or not least <= value <= most:
-        raise ScenarioError(f"{name} is a whole number from {least} to {most}, not {value!r}")
-    return value
-
-
-def payload_size(value: object) -> int | None:
-    return None if value is None else whole_number("size", value, 0, LARGEST_PAYLOAD)
-
-
-def _flags(action: str, value: object, kind: type[MajorError] | type[MinorError]) -> int:
-    names = value if isinstance(value, list) and value else [value]
-    flags = 0
-    for name in names:
-        if isinstance(name, str) and name in kind.__members__:
-            flags |= kind[name]
-        else:
-            flags |= whole_number(f"{action} (a number or one of {', '.join(kind.__members__)})", name, 1)
-    return flags
-
-
-def _junk(value: object) -> bytes:
-    if value is True:
-        return b"this is no frame"
-    if isinstance(value, str):
-        try:
-            return bytes.fromhex(value.removeprefix("hex:"))
-        except ValueError:
-            raise ScenarioError(f"junk is a number of bytes or hex:DIGITS, not {value!r}") from None
-    count = whole_number("junk", value, 1, LARGEST_PAYLOAD)
-    return (b"no frame " * (count // 9 + 1))[:count]
-
-
-def _moment(action: str, value: object) -> Moment:
-    if value is True or value == "instead":
-        return "instead"
-    if value == "middle":
-        return "middle"
-    if value == "after":
-        return "after"
-    raise ScenarioError(f'{action} is "instead", "middle" or "after" (the answer), not {value!r}')
+    ``has_command_error``: whether its answer can say so.
+    """
+    if isinstance(action, SetCommandError):
+        return has_command_error and action.bits != 0
+    return isinstance(action, (NotCarriedOut, SetMajorError, Freeze))

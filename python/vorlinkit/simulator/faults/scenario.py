@@ -5,18 +5,20 @@ from __future__ import annotations
 import json
 import re
 import tomllib
-from collections.abc import Mapping, Sequence
+from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import dataclass, field
+from difflib import get_close_matches
 from pathlib import Path
 from typing import Any, Final
 
 from vorlinkit.catalogue import Catalogue
 
 from ..answer import Answer
-from .misbehaviour import ACTIONS, Misbehaviour, ScenarioError, build, only_true, whole_number
+from .actions import ACTIONS, build, only_true, whole_number
+from .misbehaviour import Misbehaviour, ScenarioError, leaves_undone
 
 _WHEN: Final = ("command", "request", "from", "to", "connection")
-_BESIDE: Final = ("size", "of")
+_BESIDE: Final = {"size": "burst", "of": "burst", "later": "duplicate"}
 _CONNECTION_ACTIONS: Final = ("silent", "drop_on_accept", "drop_after")
 
 
@@ -42,6 +44,10 @@ class Rule:
             return False
         self._met += 1
         return self._met >= self.first and (self.last is None or self._met <= self.last)
+
+    def leaves_undone(self, has_command_error: bool) -> bool:
+        """Whether the request is not carried out; ``has_command_error``: whether its answer has one."""
+        return any(leaves_undone(action, has_command_error) for action in self.actions)
 
     def apply(self, answer: Answer) -> Answer:
         for action in self.actions:
@@ -140,9 +146,9 @@ def _plain(value: object) -> str:
 
 def _rule(text: str, table: Mapping[str, Any], catalogue: Catalogue) -> Rule:
     known_words(table, (*_WHEN, *_BESIDE, *ACTIONS))
-    for word in _BESIDE:
-        if word in table and "burst" not in table:
-            raise ScenarioError(f"{word} says something of a burst, and there is none")
+    for word, action in _BESIDE.items():
+        if word in table and action not in table:
+            raise ScenarioError(f"{word} says something of a {action}, and there is none")
     if "of" in table:
         table = {**table, "of": command_id(table["of"], catalogue)}
     actions = tuple(build(name, table[name], table) for name in ACTIONS if name in table)
@@ -203,4 +209,12 @@ def command_id(value: object, catalogue: Catalogue) -> int | None:
     try:
         return catalogue.named(str(value)).id
     except KeyError:
-        raise ScenarioError(f"there is no command {value!r}; give its name or its id") from None
+        hint = near(str(value), (one.name for one in catalogue.commands)) or "; give its name or its id"
+        raise ScenarioError(f"there is no command {value!r}{hint}") from None
+
+
+def near(name: str, known: Iterable[str]) -> str:
+    """The hint for a mistyped name: empty if nothing is like it."""
+    spelt = {one.lower(): one for one in known}
+    found = get_close_matches(name.lower(), spelt, n=1)
+    return f"; did you mean {spelt[found[0]]}?" if found else ""

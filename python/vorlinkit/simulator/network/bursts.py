@@ -4,16 +4,16 @@ from __future__ import annotations
 
 from collections.abc import Iterable, Iterator, Mapping
 from itertools import repeat
+from typing import Any
 
-from vorlinkit.catalogue import Command, ScalarField, VariantField
+from vorlinkit.catalogue import Command
 from vorlinkit.wire import frames
-from vorlinkit.wire.records import Record, Variant
 
 from ..answer import NotificationMaker
 from ..faults.misbehaviour import ScenarioError
-from ..faults.scenario import known_words, plain_value
 from ..state.machine import Machine, Reply
 from ..state.subscriptions import Client
+from .given import record
 
 OF_NOTHING_ELSE = "RegisterForExclusiveControlNotifications"
 """What is told when neither rule nor request nor subscription says which notification it should be."""
@@ -45,21 +45,14 @@ def numbered(command_id: int, count: int, size: int) -> Iterator[bytes]:
         yield frames.notification(command_id, (at.to_bytes(4, "big") + filler) if size >= 4 else bytes(size))
 
 
-def notification_of(machine: Machine, command: Command, words: Mapping[str, str]) -> bytes:
-    """A notification with the values of words ``Field=VALUE``, which have to fit its layout."""
+def notification_of(machine: Machine, command: Command, given: Mapping[str, Any]) -> bytes:
+    """A notification with these values, which have to fit its layout."""
     fields = command.notification.fields if command.notification is not None else ()
-    kinds: dict[str, str] = {one.on: "u8" for one in fields if isinstance(one, VariantField)}
-    kinds |= {one.key: one.kind for one in fields if isinstance(one, ScalarField)}
-    known_words(words, tuple(kinds))
-    values: Record = {
-        key: word if kinds[key] in ("string", "uuid") else plain_value(word)  # type: ignore[misc]
-        for key, word in words.items()
-    }
+    values = record(command.name, fields, given, {})
     made = machine.plausible.complete(fields, values)
-    variants = [one.fields for one in made.values() if isinstance(one, Variant)]
     for key, value in values.items():
-        if not any(one.get(key) == value for one in (made, *variants)):
-            raise ScenarioError(f"{key} does not take {words[key]!r}")
+        if isinstance(value, int) and made.get(key) != value:  # a discriminator that names no alternative
+            raise ScenarioError(f"{key} does not take {value}")
     return machine.notification(command, values)
 
 

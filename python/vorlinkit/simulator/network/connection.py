@@ -5,23 +5,25 @@ from __future__ import annotations
 import asyncio
 import socket
 import struct
-from collections.abc import Iterable, Iterator, Sequence
-from dataclasses import dataclass, replace
-from itertools import chain, islice
-from typing import Final
+from collections.abc import Iterable, Sequence
+from dataclasses import replace
+from typing import Final, Protocol
 
 from vorlinkit.wire import frames
 from vorlinkit.wire.frames import MajorError, RequestFrame
+from vorlinkit.wire.records import number
 from vorlinkit.wire.render import to_json
 
 from ..answer import Answer, Ending
 from ..faults.scenario import ConnectionRule, Scenario
 from ..state.machine import Machine, Reply
+from ..state.presets import COMMAND_ERROR
+from ..state.rights import needs_control
 from ..state.subscriptions import Client
 from .bursts import maker
 from .events import EventLog
+from .outgoing import Outgoing, blocks
 
-BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000
 """Requests with longer payloads are told without their values."""
 LONGEST_BACKLOG: Final = 256 * 1024
@@ -30,25 +32,13 @@ LAST_PATIENCE: Final = 1.0
 """How many seconds a client that sends no more gets to take its last answers."""
 
 
-@dataclass(frozen=True)
-class Outgoing:
-    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if so.
-
-    ``burst`` comes behind the parts; its frames are made when the client takes them.
-    """
-
-    parts: Sequence[bytes]
-    frames: int = 0
-    burst: Iterable[bytes] = ()
-    chunk: int | None = None
-    together: bool = False
-    ending: Ending | None = None
-    answered: int | None = None
+class Surroundings(Protocol):
+    """What a connection has of the server."""
 
     @property
-    def size(self) -> int:
-        """The bytes that are held in memory."""
-        return sum(len(part) for part in self.parts)
+    def machine(self) -> Machine: ...
+    def take_control(self) -> None: ...
+    def restart(self, seconds: float) -> None: ...
 
 
 class ClientConnection:
@@ -60,17 +50,18 @@ class ClientConnection:
 
     def __init__(
         self,
-        number: int,
+        nth: int,
         reader: asyncio.StreamReader,
         writer: asyncio.StreamWriter,
-        machine: Machine,
+        server: Surroundings,
         scenario: Scenario,
         events: EventLog,
     ) -> None:
-        self.client = Client(number, self._deliver, self._lags)
+        self.client = Client(nth, self._deliver, self._lags)
         self._reader = reader
         self._writer = writer
-        self._machine = machine
+        self._server = server
+        self._machine = server.machine
         self._scenario = scenario
         self._events = events
         self._outbox: asyncio.Queue[Outgoing] = asyncio.Queue()
@@ -78,8 +69,9 @@ class ClientConnection:
         self._held_back: list[bytes] | None = None
         self._sent = 0
         self._shut = False
-        self._rules: Sequence[ConnectionRule] = scenario.for_connection(number)
+        self._rules: Sequence[ConnectionRule] = scenario.for_connection(nth)
         self._silent = any(rule.silent for rule in self._rules)
+        self._frozen = False
         self._drop_after = min(
             (rule.drop_after for rule in self._rules if rule.drop_after is not None), default=None
         )
@@ -126,6 +118,10 @@ class ClientConnection:
         """End the connection behind what is waiting to be sent."""
         self._put(Outgoing((), ending=how))
 
+    def cut(self) -> None:
+        """The connection is gone at once, and with it whatever waits to be sent."""
+        self._end("reset")
+
     async def flushed(self) -> None:
         """Returns when everything that was to be sent has been."""
         await self._outbox.join()
@@ -160,21 +156,34 @@ class ClientConnection:
         return frames.parse(header, await self._reader.readexactly(frames.announced_length(header)))
 
     async def _serve(self, frame: RequestFrame) -> None:
+        rules = () if self._frozen else self._scenario.for_request(frame.command_id, self.number)
+        command = self._machine.command_with_id(frame.command_id)
+        can_refuse = command is not None and command.errors is not None
+        carry_out = not self._frozen and not any(rule.leaves_undone(can_refuse) for rule in rules)
+        has_control = self._machine.holder is self.client
         self._held_back = []
-        reply = self._machine.answer(self.client, frame)
-        self._tell_request(frame, reply)
+        reply = self._machine.answer(self.client, frame, carry_out)
+        self._tell_request(frame, reply, has_control)
         answer = replace(reply.answer, make_notifications=maker(self._machine, self.client, reply))
-        for rule in self._scenario.for_request(frame.command_id, self.number):
+        for rule in rules:
             self._events("misbehaved", connection=self.number, command=frame.command_id, rule=rule.text)
             answer = rule.apply(answer)
         self._machine.follow_up(self.client, reply)
         answer = replace(answer, behind=(*self._held_back, *answer.behind))
         self._held_back = None
+        if answer.frozen:
+            self._frozen = self._silent = True
         if answer.delay > 0:
             await asyncio.sleep(answer.delay)
+        if answer.control_taken == "ahead":
+            self._server.take_control()
+        if answer.restart is not None:
+            self._server.restart(answer.restart)
         self._send_answer(answer, frame.command_id)
+        if answer.control_taken == "behind":
+            self._server.take_control()
 
-    def _tell_request(self, frame: RequestFrame, reply: Reply) -> None:
+    def _tell_request(self, frame: RequestFrame, reply: Reply, has_control: bool) -> None:
         if not self._events.enabled:
             return
         command = reply.command
@@ -187,6 +196,11 @@ class ClientConnection:
             command=frame.command_id,
             name=command.name if command is not None else "",
             values=values,
+            client=frame.client_id,
+            control=has_control,
+            changes=command is not None and needs_control(command),
+            carried_out=reply.carried_out,
+            command_error=number(reply.response, COMMAND_ERROR),
         )
 
     # --- sending ----------------------------------------------------------------------------------
@@ -223,6 +237,9 @@ class ClientConnection:
                 answered=None if unanswered else asked,
             )
         )
+        for seconds, copies in answer.later:
+            again = Outgoing([response] * copies, frames=copies)
+            asyncio.get_running_loop().call_later(seconds, self._put, again)
 
     def _put(self, outgoing: Outgoing) -> None:
         if not self._silent:
@@ -244,7 +261,7 @@ class ClientConnection:
     async def _write(self, outgoing: Outgoing) -> None:
         if self._shut or self._writer.is_closing():
             return
-        for at, block in enumerate(_blocks(outgoing, self._frames_left())):
+        for at, block in enumerate(blocks(outgoing, self._frames_left())):
             if at > 0:
                 await asyncio.sleep(0)
             self._writer.write(block)
@@ -275,35 +292,3 @@ class ClientConnection:
             self._writer.close()
         if how == "half-close":
             self._events("half-closed", connection=self.number)
-
-
-def _blocks(outgoing: Outgoing, frames_left: int | None) -> Iterator[bytes]:
-    """The writes that send it: one per frame, or one for all, or many small frames to a block, or pieces."""
-    parts = islice(chain(outgoing.parts, outgoing.burst), frames_left)
-    if outgoing.chunk is not None:
-        yield from _pieces(parts, outgoing.chunk)
-        return
-    if outgoing.together:
-        yield b"".join(islice(parts, len(outgoing.parts)))
-    yield from parts if outgoing.frames < 100 else _filled(parts)
-
-
-def _pieces(parts: Iterable[bytes], size: int) -> Iterator[bytes]:
-    rest = bytearray()
-    for part in parts:
-        rest += part
-        while len(rest) >= size:
-            yield bytes(rest[:size])
-            del rest[:size]
-    if rest:
-        yield bytes(rest)
-
-
-def _filled(parts: Iterable[bytes]) -> Iterator[bytes]:
-    block = bytearray()
-    for part in parts:
-        block += part
-        if len(block) >= BLOCK:
-            yield bytes(block)
-            block.clear()
-    yield bytes(block)

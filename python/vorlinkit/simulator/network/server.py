@@ -6,23 +6,28 @@ import asyncio
 import errno
 import os
 import socket
-from collections.abc import Callable, Mapping, Sequence
-from itertools import repeat
-from typing import Any
+import time
+from collections.abc import Coroutine, Sequence
+from typing import Any, Final
 
 from vorlinkit.catalogue import Catalogue
 
-from ..faults.misbehaviour import ScenarioError, payload_size, whole_number
-from ..faults.scenario import Scenario, command_id, known_words, parse_text, plain_value, words_of
+from ..faults.misbehaviour import ScenarioError
+from ..faults.scenario import Scenario
 from ..options import Options
 from ..state.clock import Clock
 from ..state.machine import Machine
-from .bursts import notification_of, numbered
+from ..state.visitor import Visitor
 from .connection import ClientConnection
+from .control import ControlLines
 from .events import EventLog
 
 STOP_PATIENCE = 1.0
 """How many seconds clients get to take their last notifications when the simulator stops."""
+REBIND_PATIENCE: Final = 5.0
+REBIND_PAUSE: Final = 0.02
+"""How many seconds a restarted machine tries to get its port back, and how often."""
+LARGEST_READ: Final = 1 << 20
 
 
 class ListenError(Exception):
@@ -35,21 +40,25 @@ class SimulatorServer:
     def __init__(self, catalogue: Catalogue, options: Options, scenario: Scenario, events: EventLog) -> None:
         self.catalogue = catalogue
         self.machine = Machine(catalogue, options.machine, Clock(options.clock))
+        self.control = ControlLines(self, events)
+        """Carries out one line of a test that drives the simulator."""
+        self._visitor = Visitor(self.machine)
         self._options = options
-        self._scenario = scenario
+        self.scenario = scenario
         self._events = events
-        self._connections: dict[int, ClientConnection] = {}
+        self.connections: dict[int, ClientConnection] = {}
         self._serving: set[asyncio.Task[None]] = set()
         self._accepted = 0
         self._moving = asyncio.Event()
         self._stopped = asyncio.Event()
         self._server: asyncio.Server | None = None
+        self._address = (options.host, options.port)
 
     async def start(self) -> tuple[str, int]:
         """Listen; returns the address. Raises ListenError with a text for the person at the terminal."""
         host, port = self._options.host, self._options.port
         try:
-            self._server = await asyncio.start_server(self._accept, host, port, limit=1 << 20)
+            self._server = await asyncio.start_server(self._accept, host, port, limit=LARGEST_READ)
         except (OSError, UnicodeError) as error:
             raise ListenError(_why_not(host, port, error)) from error
         self.machine.motion_wanted = self._moving.set
@@ -57,13 +66,14 @@ class SimulatorServer:
         if self._options.notify_every:
             self._background(self._notify_periodically(self._options.notify_every / 1000))
         bound = self._server.sockets[0].getsockname()
+        self._address = (host, int(bound[1]))
         return str(bound[0]), int(bound[1])
 
     async def run(self) -> None:
         """Serve until ``stop`` is called."""
         await self._stopped.wait()
         self.machine.stop()
-        flushing = [connection.flushed() for connection in self._connections.values()]
+        flushing = [connection.flushed() for connection in self.connections.values()]
         try:
             await asyncio.wait_for(asyncio.gather(*flushing), STOP_PATIENCE)
         except TimeoutError:
@@ -79,67 +89,41 @@ class SimulatorServer:
         """Have ``run`` tell the subscribers, close everything and return."""
         self._stopped.set()
 
-    def control(self, line: str) -> None:
-        """Carry out one line of a test that drives the simulator; the event that follows says how it went."""
-        word, _, rest = line.strip().partition(" ")
-        actions: dict[str, Callable[[str], None]] = {
-            "rule": self._control_rule,
-            "clear-rules": self._control_clear_rules,
-            "notify": self._control_notify,
-            "close": lambda text: self._control_end("close", text),
-            "reset": lambda text: self._control_end("reset", text),
-            "half-close": lambda text: self._control_end("half-close", text),
-            "stop": self._control_stop,
-        }
-        try:
-            if word not in actions:
-                raise ScenarioError(f"{word!r} is not known here; the words are {', '.join(actions)}")
-            actions[word](rest)
-            self._events("done", line=line.strip())
-        except ScenarioError as error:
-            self._events("refused", line=line.strip(), reason=str(error))
+    def take_control(self) -> None:
+        """Another client forces control away from whoever has it."""
+        self._visitor.take_control()
 
-    def _control_rule(self, text: str) -> None:
-        self._scenario.add(parse_text(text), self.catalogue)
+    def release_control(self) -> None:
+        """That other client gives control back."""
+        self._visitor.leave()
 
-    def _control_clear_rules(self, text: str) -> None:
-        known_words(words_of(text), ())
-        self._scenario.rules.clear()
-        self._scenario.connection_rules.clear()
+    def restart(self, seconds: float) -> None:
+        """Lose all connections and whatever belongs to them, and listen again after so many seconds."""
+        if self._server is None or not self._server.is_serving():
+            raise ScenarioError("the machine is restarting already")
+        self._events("restarting", away=seconds)
+        self._server.close()
+        for connection in list(self.connections.values()):
+            connection.cut()
+        self._visitor.leave()
+        self.machine.restart()
+        self._background(self._come_back(seconds))
 
-    def _control_stop(self, text: str) -> None:
-        known_words(words_of(text), ())
-        self.stop()
-
-    def _control_notify(self, text: str) -> None:
-        name, _, rest = text.partition(" ")
-        words = words_of(rest)
-        own = {key: plain_value(words.pop(key)) for key in ("count", "size", "connection") if key in words}
-        count, size = whole_number("count", own.get("count", 1), 1), payload_size(own.get("size"))
-        command = self.machine.command_with_id(command_id(plain_value(name), self.catalogue) or 0)
-        if command is None or command.notification is None:
-            raise ScenarioError(f"{name} has no notification")
-        if words and size is not None:
-            raise ScenarioError(f"say either size or {next(iter(words))}")
-        frame = notification_of(self.machine, command, words)
-        for connection in self._connections_meant(own):
-            made = repeat(frame, count) if size is None else numbered(command.id, count, size)
-            connection.send_unsolicited(made, count)
-
-    def _control_end(self, how: Any, text: str) -> None:
-        table = parse_text(text)
-        known_words(table, ("connection",))
-        for connection in self._connections_meant(table):
-            connection.end(how)
-
-    def _connections_meant(self, table: Mapping[str, Any]) -> Sequence[ClientConnection]:
-        """The connection that a line names, or else all."""
-        if "connection" not in table:
-            return list(self._connections.values())
-        number = whole_number("connection", table["connection"], 1)
-        if number not in self._connections:
-            raise ScenarioError(f"connection {number} is not open")
-        return [self._connections[number]]
+    async def _come_back(self, seconds: float) -> None:
+        host, port = self._address
+        await asyncio.sleep(seconds)
+        patience = time.monotonic() + REBIND_PATIENCE
+        while True:
+            try:
+                self._server = await asyncio.start_server(self._accept, host, port, limit=LARGEST_READ)
+                break
+            except OSError as error:  # the port may not be free yet, and may have gone to somebody else
+                if time.monotonic() > patience:
+                    self._events("stopping", reason=_why_not(host, port, error))
+                    self.stop()
+                    return
+            await asyncio.sleep(REBIND_PAUSE)
+        self._events("restarted")
 
     async def _accept(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         task = asyncio.current_task()
@@ -147,18 +131,20 @@ class SimulatorServer:
         self._serving.add(task)
         self._accepted += 1
         number = self._accepted
-        connection = ClientConnection(number, reader, writer, self.machine, self._scenario, self._events)
-        self._connections[number] = connection
+        connection = ClientConnection(number, reader, writer, self, self.scenario, self._events)
+        self.connections[number] = connection
         try:
             await connection.run()
         except asyncio.CancelledError:
             pass
         finally:
-            self._connections.pop(number, None)
+            self.connections.pop(number, None)
             self._serving.discard(task)
 
-    def _background(self, work: Any) -> None:
-        self._serving.add(asyncio.create_task(work))
+    def _background(self, work: Coroutine[Any, Any, None]) -> None:
+        task = asyncio.create_task(work)
+        self._serving.add(task)
+        task.add_done_callback(self._serving.discard)
 
     async def _move_motors(self) -> None:
         while True:

@@ -43,6 +43,9 @@ class Services(Protocol):
     def on_stopping(self, action: Callable[[], None]) -> None:
         """Have ``action`` called once before the machine stops."""
 
+    def on_restarting(self, action: Callable[[], None]) -> None:
+        """Have ``action`` called whenever the machine starts anew."""
+
     def every_motor_interval(self, move: Callable[[], bool]) -> None:
         """Have ``move`` called at motor intervals while something moves; it says whether more is to come."""
 

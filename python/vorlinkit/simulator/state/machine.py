@@ -9,7 +9,6 @@ from __future__ import annotations
 
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
-from typing import Final
 
 from vorlinkit.catalogue import Catalogue, Command
 from vorlinkit.wire import frames
@@ -22,7 +21,10 @@ from .clock import Clock
 from .component import Handler
 from .components import all_components
 from .memory import Memory
+from .pictures import PictureSize
 from .plausible import Plausible
+from .presets import COMMAND_ERROR, Presets, carries
+from .rights import is_open_to_all, needs_control
 from .stages import stages
 from .subscriptions import (
     Client,
@@ -32,8 +34,6 @@ from .subscriptions import (
     subscribing_level,
     unsubscribe,
 )
-
-COMMAND_ERROR: Final = "CommandError"
 
 
 @dataclass(frozen=True)
@@ -45,6 +45,7 @@ class MachineOptions:
     notify_at_once: bool = True
     prefer: tuple[str, ...] = ()
     blob_size: int = 64
+    picture: PictureSize = PictureSize()
 
 
 @dataclass
@@ -56,6 +57,7 @@ class Reply:
     request: Record = field(default_factory=dict)
     response: Record = field(default_factory=dict)
     known: Known = field(default_factory=dict)
+    carried_out: bool = False
 
 
 class Machine:
@@ -66,14 +68,16 @@ class Machine:
         self.options = options
         self.clock = clock
         self.clients: list[Client] = []
-        self.plausible = Plausible(clock.now, options.blob_size)
+        self.plausible = Plausible(clock.now, options.blob_size, options.picture)
         self._memory = Memory(catalogue)
+        self._presets = Presets()
         self._by_id = {command.id: command for command in reversed(catalogue.commands)}
         self._by_id.update({catalogue.named(name).id: catalogue.named(name) for name in options.prefer})
         self._handlers: dict[str, Handler] = {}
         self._only_on_events: set[str] = set()
         self._leaving: list[Callable[[Client], None]] = []
         self._stopping: list[Callable[[], None]] = []
+        self._restarting: list[Callable[[], None]] = []
         self._movers: list[Callable[[], bool]] = []
         self.motion_wanted: Callable[[], None] = lambda: None
         self.holder: Client | None = None
@@ -94,6 +98,10 @@ class Machine:
         """Have ``action`` called once before the machine stops."""
         self._stopping.append(action)
 
+    def on_restarting(self, action: Callable[[], None]) -> None:
+        """Have ``action`` called whenever the machine starts anew."""
+        self._restarting.append(action)
+
     def every_motor_interval(self, move: Callable[[], bool]) -> None:
         """Have ``move`` called at motor intervals while something moves; it says whether more is to come."""
         self._movers.append(move)
@@ -108,8 +116,8 @@ class Machine:
 
     def changed(self, name: str, address: Known | None = None, extra: Known | None = None) -> None:
         """Tell everyone who subscribed to this object; ``extra`` are values for the notification alone."""
-        for client, subscription in matching(self.clients, name, address or {}):
-            self._report(client, subscription, extra or {})
+        self._presets.object_changed(name, address or {})
+        self._report_object(name, address or {}, extra or {})
 
     def tell(self, client: Client, name: str, values: Known) -> None:
         """Send one notification of this command to one client, if the catalogue has such a notification."""
@@ -139,6 +147,24 @@ class Machine:
         for action in self._stopping:
             action()
 
+    def restart(self) -> None:
+        """The machine starts anew: settings stay, what belongs to clients is gone."""
+        for client in list(self.clients):
+            self.leave(client)
+        for action in self._restarting:
+            action()
+
+    def preset(self, command: Command, address: Record, values: Record) -> None:
+        """Have the answers about an object hold these values, and tell who subscribed to it if it is in their
+        notifications.
+
+        They hold until a client sets that object otherwise.
+        """
+        self._presets.set(command, address, values)
+        self._memory.forget_entries(command, values)
+        if carries(command.notification, values):
+            self._report_object(command.name, address, {})
+
     def move(self) -> bool:
         """Let one motor interval pass; says whether anything is still on its way."""
         return any([mover() for mover in self._movers])
@@ -158,8 +184,8 @@ class Machine:
                     sent += 1
         return sent
 
-    def answer(self, client: Client, frame: RequestFrame) -> Reply:
-        """Carry out one request."""
+    def answer(self, client: Client, frame: RequestFrame, carry_out: bool = True) -> Reply:
+        """Carry out one request; without ``carry_out`` it is answered and changes nothing."""
         command = self.command_with_id(frame.command_id)
         major = self._protocol_errors(client, frame, command)
         minor = 0 if frame.version == frames.VERSION else int(MinorError.UnknownRequestVersion)
@@ -175,11 +201,15 @@ class Machine:
         if major or command is None:
             return Reply(Answer(frame.command_id, major_error=major, minor_error=minor), command)
         if command.response is None:
-            return Reply(Answer(command.id, minor_error=minor), command, request)
-        known = self._known(client, command, request)
-        if number(known, COMMAND_ERROR) == 0 and command.name not in self._handlers:
-            self._remember(command, request)
-            known = self._known(client, command, request)
+            return Reply(Answer(command.id, minor_error=minor), command, request, carried_out=carry_out)
+        preset = self._presets.of(command, request)
+        carry_out = carry_out and number(preset, COMMAND_ERROR) == 0
+        if carry_out:
+            known = {**self._carried_out(client, command, request), **self._presets.of(command, request)}
+        else:
+            # What only reads may be asked all the same; its values are the machine's.
+            handled = command.effect == "change" and command.name in self._handlers
+            known = {**({} if handled else self._known(client, command, request)), **preset}
         response = self._completed(command, known, request)
         answer = Answer(
             command_id=command.id,
@@ -187,12 +217,12 @@ class Machine:
             minor_error=minor,
             has_command_error=next(iter(response), "") == COMMAND_ERROR,
         )
-        return Reply(answer, command, request, response, known)
+        return Reply(answer, command, request, response, known, carry_out)
 
     def follow_up(self, client: Client, reply: Reply) -> None:
         """What comes behind an answer: the subscription it made, and the notification that goes with it."""
         command = reply.command
-        if command is None or command.notification is None or reply.answer.major_error:
+        if command is None or command.notification is None or not reply.carried_out:
             return
         level = subscribing_level(command, reply.request)
         if level == 0:
@@ -217,6 +247,16 @@ class Machine:
 
     # --- how it is done ---------------------------------------------------------------------------
 
+    def _carried_out(self, client: Client, command: Command, request: Record) -> Known:
+        """Carry a request out; returns what is known of its answer."""
+        known = self._known(client, command, request)
+        if command.effect == "change" and number(known, COMMAND_ERROR) == 0:
+            self._presets.carried_out(command, request)
+            if command.name not in self._handlers:
+                self._remember(command, request)
+                known = self._known(client, command, request)
+        return known
+
     def _protocol_errors(self, client: Client, frame: RequestFrame, command: Command | None) -> int:
         """What is wrong with a request before its payload is looked at."""
         if frame.message_type != frames.REQUEST:
@@ -230,7 +270,7 @@ class Machine:
             flags |= MajorError.UnsupportedCommandId
         if frame.client_id != client.id and frame.client_id != 0:
             flags |= MajorError.IncorrectClientId
-        elif frame.client_id == 0 and self.options.strict_client_id and not _is_open_to_all(command):
+        elif frame.client_id == 0 and self.options.strict_client_id and not is_open_to_all(command):
             flags |= MajorError.ClientIdRequired
         if command is not None and self.options.strict_control and needs_control(command):
             if self.holder is not client:
@@ -240,7 +280,8 @@ class Machine:
 
     def _remember(self, command: Command, request: Record) -> None:
         for name, address in self._memory.remember(command, request):
-            self.changed(name, address)
+            self._presets.object_changed(name, address, entries_only=True)
+            self._report_object(name, address, {})
 
     def _completed(self, command: Command, known: Known, request: Record) -> Record:
         fields = command.response.fields if command.response is not None else ()
@@ -252,6 +293,10 @@ class Machine:
         handler = self._handlers.get(command.name)
         return handler(client, request) if handler is not None else self._memory.recall(command, request)
 
+    def _report_object(self, name: str, address: Known, extra: Known) -> None:
+        for client, subscription in matching(self.clients, name, address):
+            self._report(client, subscription, extra)
+
     def _report(self, client: Client, subscription: Subscription, extra: Known) -> None:
         """Send a subscriber how things stand now: what the same request would be answered with."""
         command, request = subscription.command, subscription.request
@@ -261,42 +306,9 @@ class Machine:
             if command.effect == "read"
             else self._memory.recall(command, request)
         )
+        known = {**known, **self._presets.of(command, request)}
         response = self._completed(command, known, request)
         client.deliver(self.notification(command, extra, known, request, response))
-
-
-_OPEN_TO_ALL: Final = (
-    "GetClientId",
-    "NoOpCommand",
-    "GetSupportedCommands",
-    "IsCommandSupported",
-    "GetHeaderVersions",
-)
-_AHEAD_OF_CONTROL: Final = (
-    "GetClientId",
-    "GetExclusiveControl",
-    "ReleaseExclusiveControl",
-    "ForcedGetExclusiveControl",
-    "GetExclusiveControlWithUser",
-    "ForcedGetExclusiveControlWithUser",
-    "UiLogInOut",
-    "StartRemoteAccess",
-    "StopRemoteAccess",
-)
-"""What says who a client is, takes or gives back control, or lets support in, which must work without it."""
-
-
-def _is_open_to_all(command: Command | None) -> bool:
-    return command is None or command.name in _OPEN_TO_ALL
-
-
-def needs_control(command: Command) -> bool:
-    """Whether the simulator asks for exclusive control under --strict-control: commands that change the
-    machine.
-
-    Which commands a real machine guards is the machine's own.
-    """
-    return command.effect == "change" and command.name not in _AHEAD_OF_CONTROL
 
 
 def _first_codes(command: Command) -> Record:

@@ -96,13 +96,20 @@ class Memory:
             found.update(self._held.get((command.name, address), {}))
         return found
 
+    def forget_entries(self, command: Command, values: Known) -> None:
+        """These lists of an answer have been said anew: what was set of their entries before is out of date."""
+        items = [item for value in values.values() if isinstance(value, list) for item in value]
+        for family, address in list(self._families):
+            if family == command.family and any(address[-1][0] in item for item in items):
+                del self._families[family, address]
+
     def _remember_for_lists(self, command: Command, request: Record) -> None:
         if command.request is None or not _is_setter(command):
             return
         keys = [field.key for field in _scalars(command.request.fields) if field.key != command.subscribes]
         address = tuple((key, request[key]) for key in keys if _NAMING.search(key))
         if address:
-            shown = {name: request[key] for key in keys if not _NAMING.search(key) for name in _shown_as(key)}
+            shown = {name: request[key] for key in keys if not _NAMING.search(key) for name in shown_as(key)}
             self._families.setdefault((command.family, address), {}).update(shown)
 
     def overlay(self, command: Command, record: Record, scope: Known) -> None:
@@ -176,10 +183,10 @@ def _values_of_itself(setter: Command, getter: Command) -> set[str]:
 
 def _targets(key: str, answered: Mapping[str, str]) -> tuple[str, ...]:
     """The answer's fields that a setter's field shows in."""
-    return tuple(name for name in _shown_as(key) if name in answered)
+    return tuple(name for name in shown_as(key) if name in answered)
 
 
-def _shown_as(key: str) -> tuple[str, ...]:
+def shown_as(key: str) -> tuple[str, ...]:
     """Under which keys an answer may show what a setter set: its own, and that of the value now in force."""
     base = re.sub(r"^(New|Set|Requested|Desired|Target)(?=[A-Z])", "", key)
     return tuple(dict.fromkeys((key, base, f"Current{base}", f"Actual{base}", f"Set{base}")))

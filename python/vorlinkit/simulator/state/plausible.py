@@ -24,6 +24,8 @@ from vorlinkit.catalogue import (
 from vorlinkit.wire.coder import uuid_text
 from vorlinkit.wire.records import Known, Record, Value, Variant
 
+from .pictures import BITS_PER_PIXEL, PictureSize, framed
+
 Held = TypeVar("Held")
 
 LIST_LENGTHS: Final = (2, 2, 1)
@@ -64,18 +66,30 @@ _TEXTS: Final[Sequence[tuple[re.Pattern[str], str]]] = tuple(
 class Plausible:
     """Makes complete records out of partly known ones.
 
-    ``clock`` gives the machine's time, ``blob_size`` the length of byte blobs (captured frames).
+    ``clock`` gives the machine's time, ``picture`` the size of captured frames, ``blob_size`` the length of
+    all other byte blobs.
     """
 
-    def __init__(self, clock: Callable[[], int], blob_size: int = 64) -> None:
+    def __init__(
+        self, clock: Callable[[], int], blob_size: int = 64, picture: PictureSize | None = None
+    ) -> None:
         self._clock = clock
         self._blob_size = blob_size
+        self._picture = picture or PictureSize()
+        self._camera = {
+            "NumPixels": self._picture.pixels,
+            "NumLines": self._picture.lines,
+            "MaxLines": self._picture.lines,
+            "BitsPerPixel": BITS_PER_PIXEL,
+        }
 
     def complete(self, fields: Sequence[Field], *known: Known) -> Record:
         """A whole record of this layout; of several sources that know a value the first counts."""
         return self._record(fields, known, index=0, depth=0)
 
     def _record(self, fields: Sequence[Field], known: Sequence[Known], index: int, depth: int) -> Record:
+        frame = framed(fields, known, self._picture)
+        known = [frame, *known] if frame else known
         counts = self._lengths(fields, known, depth)
         selectors = _selectors(fields)
         record: Record = {}
@@ -140,6 +154,8 @@ class Plausible:
 
     def _plausible_number(self, field: ScalarField, index: int) -> int:
         key = field.key
+        if key in self._camera:
+            return self._camera[key]
         if _ZEROES.search(key):
             return 0
         if field.kind == "u64" and _TIMES.search(key):

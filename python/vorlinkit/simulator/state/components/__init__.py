@@ -9,6 +9,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 
 from ..component import Component, Services
+from .cameras import CamerasComponent
 from .classes import ClassesComponent
 from .control import ControlComponent
 from .defects import DefectsComponent
@@ -28,6 +29,7 @@ def all_components(machine: Services) -> Sequence[Component]:
         ControlComponent(machine),
         ServerComponent(machine),
         DevicesComponent(machine),
+        CamerasComponent(machine),
         ClassesComponent(machine),
         DefectsComponent(machine),
         SensitivitiesComponent(machine),

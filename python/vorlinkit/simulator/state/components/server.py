@@ -31,6 +31,11 @@ class ServerComponent:
         self._remote = REMOTE_OFF
         machine.only_on_events("GetServerStatus")
         machine.on_stopping(self._announce_stop)
+        machine.on_restarting(self._start)
+
+    def _start(self) -> None:
+        self._started = self._machine.clock.now()
+        self._remote = REMOTE_OFF
 
     def handlers(self) -> Mapping[str, Handler]:
         return {
