@@ -64,7 +64,7 @@ def ask(talk: Conversation, request: Ask) -> Steps[tuple[Any, ...]]:
 
 def answered(outcome: tuple[Any, ...]) -> bool:
     """Whether the machine has sent an answer to this request, even if a refusal."""
-    return outcome[0] == link.OK or (outcome[0] == link.PROTOCOL and outcome[3] != 0)
+    return outcome[0] == link.OK or bool(outcome[0] == link.PROTOCOL and outcome[3])
 
 
 def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | None = None) -> Steps[Answer]:

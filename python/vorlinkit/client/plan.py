@@ -131,7 +131,7 @@ class Plan(Generic[R_co, N_co]):
             return list(map(self._decoders["notification"], payloads))
         except (KeyError, RuntimeError):
             pass  # the first time, or there is one that cannot be read
-        records: list[N] = []
+        records: list[Any] = []
         for payload in payloads:
             try:
                 records.append(self.decode_notification(payload))
