@@ -81,7 +81,7 @@ class Keeper:
                 action = steps.send(outcome)
                 outcome = None
                 if isinstance(action, Ask):
-                    outcome = await self.ask(*action, action.command_id == slot)
+                    outcome = await self.ask(*action[:4], action.command_id == slot)
                 elif isinstance(action, AwaitChange):
                     await self._await_change(action)
                 elif isinstance(action, Connect):

@@ -216,12 +216,12 @@ class Machine(Methods):
         try:
             connection, sent = talk.clear[plan.effect], None
             if connection:
-                talk.asked += 1
                 outcome = await keeper.ask(plan.id, payload, timeout, connection, True)
                 if not (outcome[0] or outcome[4]):
                     try:
                         response = plan.decode_response(outcome[2])
                         if plan.echoes(values, response) and not (check and plan.command_error(response)):
+                            talk.answers += 1
                             return response
                     except DecodeError:
                         pass  # raised below, as a decision

@@ -169,7 +169,7 @@ def _session(arguments: Namespace) -> Iterator[Finding]:
     try:
         machine = open_machine(arguments, reconnect=False)
     except VorlinError as error:
-        yield Finding("session", str(error), code_of(error))
+        yield Finding("session", str(error), code_of(error), "--debug tells more.")
         return
     with machine:
         given = machine.client_id

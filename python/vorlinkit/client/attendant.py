@@ -35,7 +35,7 @@ class Attendant:
         self._link = link
         self._guard = guard
         self._log_level = log.core_level(talk.log)
-        self._asked = 0
+        self._answers = 0
         self._heard = False
         self._dropped = 0
         self._next_review = 0.0
@@ -86,14 +86,14 @@ class Attendant:
         return max(0.0, self._next_look - self._talk.clock())
 
     def look(self) -> None:
-        """Asks a machine that has neither been asked nor heard for the time of the idle check."""
+        """Asks a machine that has neither answered nor notified for the time of the idle check."""
         talk = self._talk
         if not talk.options.idle_check or talk.clock() < self._next_look:
             return
         self._next_look = talk.clock() + talk.options.idle_check
         self._review()
-        idle = talk.asked == self._asked and not self._heard
-        self._asked, self._heard = talk.asked, False
+        idle = talk.answers == self._answers and not self._heard
+        self._answers, self._heard = talk.answers, False
         if idle and talk.ready:
             with self._guard:
                 self.run(check_idle(talk, talk.options.timeout))
@@ -141,4 +141,4 @@ class Attendant:
         assert isinstance(action, Ask), action
         token = next(self.tokens)
         self.replies[token] = partial(self._advance, steps)
-        self._link.send(*action, token)
+        self._link.send(*action[:4], token)

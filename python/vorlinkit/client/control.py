@@ -14,8 +14,6 @@ FORCED_GET_WITH_USER: Final = 48
 TAKING: Final = (GET, FORCED_GET, GET_WITH_USER, FORCED_GET_WITH_USER)
 """The machine tells whoever loses control by a notification of the command that it was taken with."""
 
-TAKEN_AWAY: Final = "the machine says that it was taken away"
-
 
 class Control:
     """`blocks`: how many `exclusive_control` blocks are open, one within the other or side by side."""
@@ -25,29 +23,15 @@ class Control:
         self.connection = 0
         self.command_id = 0
         self.lost = ""
-        self._taking = 0
-        self._taken_away = False
 
-    @property
-    def matters(self) -> bool:
-        """Whether what the machine tells of control has to be known before the next request goes out."""
-        return self.blocks > 0 or self._taking > 0
-
-    def begin(self, command_id: int) -> None:
-        """Control is being asked for by this command; whoever takes it away may be told of ahead of the answer."""
-        self._taking += 1
+    def take(self, command_id: int) -> None:
+        """This command is being asked for control; what the machine notifies from now on is about that."""
         self.command_id = command_id
-        self._taken_away = False
+        self.lost = ""
 
-    def end(self) -> None:
-        """The answer is there, or there is none."""
-        self._taking -= 1
-
-    def taken(self, connection: int, command_id: int) -> None:
+    def taken(self, connection: int) -> None:
         self.blocks = 1
         self.connection = connection
-        self.command_id = command_id
-        self.lost = TAKEN_AWAY if self._taken_away else ""
 
     def lose(self, reason: str) -> None:
         """The first reason stays."""
@@ -55,10 +39,10 @@ class Control:
             self.lost = reason
 
     def notified(self, command_id: int) -> None:
-        """A machine notifies the command that control was taken with when somebody else takes it."""
-        if command_id == self.command_id:
-            self._taken_away = True
-            self.lose(TAKEN_AWAY)
+        """A machine notifies the command that control was taken with when somebody else takes it; that may come ahead
+        of the answer to the command itself."""
+        if command_id == self.command_id and not self.lost:
+            self.lost = "the machine says that it was taken away"
 
     def leave(self) -> bool:
         """One block less; True if it was the last one, and there is control to give back."""

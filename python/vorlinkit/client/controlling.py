@@ -14,14 +14,11 @@ from .plan import Plan
 
 def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[Any, ...]]:
     """The command that takes control so, and its values."""
-    plan: Plan[Any, Any]
     if user is not None:
-        plan = (
-            plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER if force else plans.GET_EXCLUSIVE_CONTROL_WITH_USER
-        )
-        return plan, (user,)
-    plan = plans.FORCED_GET_EXCLUSIVE_CONTROL if force else plans.GET_EXCLUSIVE_CONTROL
-    return plan, ()
+        if force:
+            return plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+        return plans.GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+    return (plans.FORCED_GET_EXCLUSIVE_CONTROL, ()) if force else (plans.GET_EXCLUSIVE_CONTROL, ())
 
 
 def take_control(
@@ -33,17 +30,12 @@ def take_control(
     if control.blocks:
         control.blocks += 1
         return
-    control.begin(plan.id)
-    talk.update()
-    try:
-        answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
-    finally:
-        control.end()
-        talk.update()
+    control.take(plan.id)
+    answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
     if control.blocks:  # another thread has been quicker; the machine gave control to both, as one client
         control.blocks += 1
     else:
-        control.taken(answer.connection, plan.id)
+        control.taken(answer.connection)
     if talk.ready != answer.connection:
         control.lose("the connection was lost")
     talk.update()

@@ -2,17 +2,20 @@
 
 from __future__ import annotations
 
+from typing import Final
+
 from vorlinkit.wire.frames import MajorError
 
 from . import link
-from .actions import Ask, AwaitChange, Connect, Steps
-from .calls import Call, decoded, give_up, judged
+from .actions import Ask, AwaitChange, Connect, GiveUp, Steps
+from .calls import Call, decoded, judged
 from .conversation import Conversation
 from .errors import Closed, ConnectError, VorlinError
 from .failures import failure
 from .listening import Topic
 
-GET_CLIENT_ID = 1
+GET_CLIENT_ID: Final = 1
+CLIENT_ID_SIZE: Final = 1  # byte
 
 
 def handshake(talk: Conversation, connection: int) -> Steps[None]:
@@ -37,28 +40,38 @@ def handshake(talk: Conversation, connection: int) -> Steps[None]:
 
 
 def _get_client_id(talk: Conversation, connection: int) -> Steps[bool]:
-    timeout = talk.options.timeout
-    for _ in range(2):  # asking again does no harm: the answer is the same
+    """Whether the handshake goes on. An answer that cannot be right is asked for once more."""
+    timeout, reason = talk.options.timeout, ""
+    for _ in range(2):
         outcome = yield Ask(GET_CLIENT_ID, b"", timeout, connection)
         if talk.up != connection or outcome[0] in (link.TRANSPORT, link.STOPPED):
             return False
-        if outcome[0] == link.OK and len(outcome[2]) == 1:
-            return True
-        if outcome[0] == link.PROTOCOL and outcome[3] & MajorError.UnsupportedCommandId:
-            talk.log.warning("%s knows no client ids; going on without one", talk.host)
-            return True
         if outcome[0] == link.TIMEOUT:
-            break
-    if outcome[0] == link.OK:
-        why = f"its answer to GetClientId has {len(outcome[2])} bytes where one is expected"
-    else:
-        why = str(failure("GetClientId", talk.host, outcome, timeout))
+            return (yield from _unanswered(talk))
+        if outcome[0] != link.OK:
+            reason = str(failure("GetClientId", talk.host, outcome, timeout))
+            if outcome[3] & MajorError.UnsupportedCommandId:
+                break
+        elif len(outcome[2]) == CLIENT_ID_SIZE:
+            return True
+        else:
+            reason = (
+                f"GetClientId: {talk.host} answered {outcome[2].hex() or 'nothing'}, which is no client id"
+            )
+    if not talk.was_ready and not outcome[3] & MajorError.UnsupportedCommandId:
+        talk.fail(f"{reason} (client_id=False does without)")
+        return False
+    talk.log.warning("going on without a client id: %s", reason)
+    return True
+
+
+def _unanswered(talk: Conversation) -> Steps[bool]:
+    timeout = talk.options.timeout
     if talk.was_ready:
-        yield from give_up(talk, connection, why)
-    elif outcome[0] == link.TIMEOUT:
-        talk.fail(f"it accepts connections, but answers nothing within {timeout:g} s; is it a VORLIN server?")
+        talk.lost(f"given up, as GetClientId was not answered within {timeout:g} s")
+        yield GiveUp()
     else:
-        talk.fail(f"{why} (connect with client_id=False if this machine needs none)")
+        talk.fail(f"it accepts connections, but answers nothing within {timeout:g} s; is it a VORLIN server?")
     return False
 
 
