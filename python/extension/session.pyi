@@ -8,7 +8,7 @@ Records take their attributes as keywords when they are made, compare by content
 """
 
 from collections.abc import Callable, Sequence
-from typing import Any, ClassVar, Generic, Literal, NoReturn, Self, TypeVar, overload
+from typing import Any, ClassVar, Generic, Literal, NoReturn, TypeVar, overload
 
 _Item = TypeVar("_Item")
 
