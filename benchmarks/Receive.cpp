@@ -89,7 +89,7 @@ void smallNotifications() {
   NoWriteChannel channel;
   CallbackSlots slots;
   slots.setNotificationHandler(notified, [&seen](const RawMessage& message) { seen += message.payload.size(); });
-  MessageFramer framer(std::chrono::seconds(1), 1, std::make_shared<const VorlinCodec>(), channel,
+  MessageFramer framer(1, std::make_shared<const VorlinCodec>(), channel,
                        {.slots = slots, .clientId = [] { return std::uint8_t{0}; }, .setClientId = [](std::uint8_t) {}},
                        nullptr);
   const Handler handler = [&seen](std::uint16_t, std::span<const std::byte> payload) { seen += payload.size(); };

@@ -67,6 +67,26 @@ function(vorlinkit_generate_commands target output)
     PRIVATE ${output} ${PROJECT_SOURCE_DIR}/commands)
 endfunction()
 
+# vorlinkit_generate_package(TARGET CATALOGUE FOLDER [OVERLAYS ...] [OPTIONS ...] [DEPENDS ...]): adds TARGET, which runs
+# the generator for the files that OPTIONS name and nothing else.
+function(vorlinkit_generate_package target)
+  cmake_parse_arguments(arg "" "CATALOGUE" "OVERLAYS;OPTIONS;DEPENDS" ${ARGN})
+  vorlinkit_catalogue_inputs(inputs ${arg_CATALOGUE} ${arg_OVERLAYS})
+  list(TRANSFORM arg_OVERLAYS PREPEND --overlay= OUTPUT_VARIABLE overlays)
+  set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${target}.stamp)
+  add_custom_command(
+    OUTPUT ${stamp}
+    COMMAND ${CMAKE_COMMAND} -E env PYTHONDONTWRITEBYTECODE=1
+            ${Python_EXECUTABLE} -m generator --catalogue ${arg_CATALOGUE} ${overlays} ${arg_OPTIONS}
+    COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    DEPENDS ${inputs} ${arg_DEPENDS}
+    COMMENT "Generating the Python package from ${arg_CATALOGUE}"
+    VERBATIM)
+  add_custom_target(${target} DEPENDS ${stamp})
+  add_dependencies(vorlinkit_generated ${target})
+endfunction()
+
 # vorlinkit_generate_blocks(TARGET OUTPUT STUB CATALOGUE FOLDER SESSION_STUB FILE [OVERLAYS ...] [OPTIONS ...]):
 # adds what the commands give to the extension module TARGET, written below OUTPUT, and writes the typing stub
 # of the whole module, whose hand-written part is SESSION_STUB.

@@ -1,11 +1,9 @@
 # What an installation holds. Component "development": headers, static libraries, the CMake package and the
-# pkg-config file. Component "python": the extension module and the companion package. Nothing in it names the
-# prefix, so that an installed tree may be moved.
+# pkg-config file. Component "python": see VorlinkitInstallPython. Nothing in it names the prefix, so that an installed
+# tree may be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(VORLINKIT_INSTALL_PYTHON_DIR ${CMAKE_INSTALL_LIBDIR}/python3.11/site-packages CACHE STRING
-    "Where the Python module goes, below the prefix")
 set(vorlinkit_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vorlinkit)
 
 install(TARGETS vorlinkit vorlinkit_commands
@@ -53,19 +51,5 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/vorlinkit.pc.in ${PROJECT_BINARY_DIR}
 install(FILES ${PROJECT_BINARY_DIR}/package/vorlinkit.pc DESTINATION ${vorlinkit_pc_dir} COMPONENT development)
 
 if(VORLINKIT_BUILD_PYTHON)
-  install(TARGETS vorlinkit_python LIBRARY DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR} COMPONENT python)
-  # Type checkers take the stub of an extension module from a package of stubs.
-  install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit_python.pyi
-    DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit_python-stubs RENAME __init__.pyi COMPONENT python)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/vorlinkit
-    DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}
-    COMPONENT python
-    FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
-  install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/catalogue.json
-    DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit COMPONENT python)
-  foreach(file IN LISTS VORLINKIT_GENERATED_PACKAGE_FILES)
-    get_filename_component(folder ${file} DIRECTORY)
-    install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/${file}
-      DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit/${folder} COMPONENT python)
-  endforeach()
+  include(VorlinkitInstallPython)
 endif()

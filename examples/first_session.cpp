@@ -5,16 +5,16 @@
 // that the library makes of it. On a real machine this moves nothing.
 
 #include <vorlinkit/VorlinSession.hpp>
+#include <vorlinkit/call.hpp>
 #include <vorlinkit/commands.hpp>
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <expected>
 #include <future>
 #include <iostream>
 #include <memory>
-#include <span>
 #include <string>
 #include <utility>
 
@@ -37,68 +37,51 @@ template <typename Result> auto valueOf(Result result) {
 
 void show(const std::string& title, const std::string& json) { std::cout << title << ": " << json << '\n'; }
 
-/// Sends a request and waits for its answer. Any thread may do so, except the session's own.
-vorlinkit::RawMessage ask(vorlinkit::VorlinSession& session, std::uint16_t commandId,
-                          std::span<const std::byte> payload = {}) {
-  return valueOf(session.send(commandId, payload).get());
-}
-
 void introduce(vorlinkit::VorlinSession& session) {
   // The session takes note of the id and sends it with every request from now on.
-  const auto id = ask(session, vc::GET_CLIENT_ID_COMMAND_ID);
-  show("client id", vc::get_client_id_response_to_json(valueOf(vc::decode_get_client_id_response(id.payload))));
-  const auto machine = ask(session, vc::GET_MACHINE_INFO_COMMAND_ID);
-  show("machine",
-       vc::get_machine_info_response_to_json(valueOf(vc::decode_get_machine_info_response(machine.payload))));
+  const auto id = valueOf(vorlinkit::call<vc::GetClientId>(session).get());
+  show("client id", vc::get_client_id_response_to_json(id));
+  const auto machine = valueOf(vorlinkit::call<vc::GetMachineInfo>(session).get());
+  show("machine", vc::get_machine_info_response_to_json(machine));
 }
 
 void takeControl(vorlinkit::VorlinSession& session) {
-  const auto answer = ask(session, vc::GET_EXCLUSIVE_CONTROL_COMMAND_ID);
-  const auto control = valueOf(vc::decode_get_exclusive_control_response(answer.payload));
+  const auto control = valueOf(vorlinkit::call<vc::GetExclusiveControl>(session).get());
   show("take control", vc::get_exclusive_control_response_to_json(control));
   // A refusal is an ordinary answer; its bits have texts.
   if (control.command_error != 0) giveUp(vc::get_exclusive_control_command_error_string(control.command_error));
 }
 
 void releaseControl(vorlinkit::VorlinSession& session) {
-  const auto answer = ask(session, vc::RELEASE_EXCLUSIVE_CONTROL_COMMAND_ID);
-  const auto control = valueOf(vc::decode_release_exclusive_control_response(answer.payload));
+  const auto control = valueOf(vorlinkit::call<vc::ReleaseExclusiveControl>(session).get());
   show("release control", vc::release_exclusive_control_response_to_json(control));
 }
 
 void setClockToItself(vorlinkit::VorlinSession& session) {
-  const auto answer = ask(session, vc::GET_SERVER_TIME_COMMAND_ID);
-  const auto clock = valueOf(vc::decode_get_server_time_response(answer.payload));
+  const auto clock = valueOf(vorlinkit::call<vc::GetServerTime>(session).get());
   show("clock", vc::get_server_time_response_to_json(clock));
-
-  const vc::SetServerTimeRequest request{.timestamp = clock.timestamp};
-  const auto done = ask(session, vc::SET_SERVER_TIME_COMMAND_ID, valueOf(vc::encode_set_server_time_request(request)));
-  show("set the clock",
-       vc::set_server_time_response_to_json(valueOf(vc::decode_set_server_time_response(done.payload))));
+  const auto done = valueOf(vorlinkit::call<vc::SetServerTime>(session, {.timestamp = clock.timestamp}).get());
+  show("set the clock", vc::set_server_time_response_to_json(done));
 }
 
 void watchMotor(vorlinkit::VorlinSession& session, const std::string& device, std::uint8_t motor) {
-  // Handlers run on the session's own thread: they hand over what came and return at once. A message may be kept.
-  const auto first = std::make_shared<std::promise<vorlinkit::RawMessage>>();
-  session.on_notification(vc::GET_MOTOR_POSITION_COMMAND_ID,
-                          [first, told = false](const vorlinkit::RawMessage& message) mutable {
-                            if (!std::exchange(told, true)) first->set_value(message);
-                          });
-
+  using Notification = std::expected<vc::GetMotorPositionNotification, vorlinkit::Error>;
+  // Listeners run on the session's own thread: they hand over what came and return at once.
+  const auto first = std::make_shared<std::promise<Notification>>();
+  const auto listener = [first, told = false](Notification notification) mutable {
+    if (!std::exchange(told, true)) first->set_value(std::move(notification));
+  };
   const vc::GetMotorPositionRequest request{
       .automated_device_id = device,
       .attached_motor_number = motor,
       .notification_level = 1, // any other value than 0 subscribes
   };
-  const auto payload = valueOf(vc::encode_get_motor_position_request(request));
-  const auto answer = ask(session, vc::GET_MOTOR_POSITION_COMMAND_ID, payload);
-  show("motor",
-       vc::get_motor_position_response_to_json(valueOf(vc::decode_get_motor_position_response(answer.payload))));
+  const auto position = valueOf(vorlinkit::subscribe<vc::GetMotorPosition>(session, request, listener).get());
+  show("motor", vc::get_motor_position_response_to_json(position));
 
   auto notification = first->get_future();
   if (notification.wait_for(patience) != std::future_status::ready) return show("notification", "none so far");
-  const auto told = valueOf(vc::decode_get_motor_position_notification(notification.get().payload));
-  show("notification", vc::get_motor_position_notification_to_json(told));
+  show("notification", vc::get_motor_position_notification_to_json(valueOf(notification.get())));
 }
 
 } // namespace

@@ -65,6 +65,7 @@ def header(family: Family) -> str:
 #include <expected>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -84,7 +85,31 @@ def command_declarations(command: Command) -> str:
         parts.append(struct(message.record, message_comment(command, message)))
         parts.append("".join(text + ";\n" for text, _ in functions(command, message)))
     parts.append("".join(text + ";\n" for text, _ in table_functions(command)))
+    parts.append(description(command))
     return "".join(parts) + "\n"
+
+
+def description(command: Command) -> str:
+    """What the template of typed calls needs to know of a command."""
+    lines = [
+        f"static constexpr std::uint16_t id = {command.constant};",
+        f"static constexpr std::string_view name = {literal(command.name)};",
+    ]
+    for role, written in ARTICLES.items():
+        message = command.message(role)
+        lines.append(f"using {written} = {message.record.type if message else 'void'};")
+    if command.message("request"):
+        lines.append(f"static constexpr auto encode = encode_{command.snake}_request;")
+    for role in ("response", "notification"):
+        if command.message(role):
+            coder = f"decode_{command.snake}_{role}"
+            lines.append(f"static constexpr auto decode{ARTICLES[role]} = {coder};")
+    if command.facts.subscribes:
+        place = names.cpp_member(names.attribute(command.facts.subscribes))
+        lines.append(f"static constexpr auto subscribing = &Request::{place};")
+    body = "".join(f"  {line}\n" for line in lines)
+    about = "/// The command, for vorlinkit::call() and vorlinkit::subscribe().\n"
+    return f"{about}struct {command.name} {{\n{body}}};\n"
 
 
 def message_comment(command: Command, message: Message) -> str:

@@ -4,7 +4,10 @@ from __future__ import annotations
 
 from collections import Counter
 
-from .model import EFFECTS, Catalogue, Command, Family
+from .model import EFFECTS, Catalogue, Command
+from .page import section
+
+COLUMNS = "effect, subscribed by, address, unasked, progress"
 
 HEAD = """\
 # What each command does
@@ -38,22 +41,11 @@ def emit(catalogue: Catalogue) -> str:
     counts = Counter(command.facts.effect for command in catalogue.commands())
     told = " and ".join(f"{counts[effect]} {effect}" for effect in reversed(EFFECTS))
     parts = [HEAD, f"Of {counts.total()} commands {told}.\n"]
-    parts += [section(family) for family in catalogue.families if family.commands]
+    parts += [section(family, COLUMNS, cells) for family in catalogue.families if family.commands]
     return "\n".join(parts)
 
 
-def section(family: Family) -> str:
-    lines = [f"## {family.title}", ""]
-    lines += [
-        "| id | command | effect | subscribed by | address | unasked | progress |",
-        "|---|---|---|---|---|---|---|",
-    ]
-    lines += [row(command) for command in family.commands]
-    return "\n".join(lines) + "\n"
-
-
-def row(command: Command) -> str:
+def cells(command: Command) -> list[str]:
     facts = command.facts
     effect = f"read ({facts.harmless})" if facts.effect == "read" else facts.effect
-    cells = [effect, facts.subscribes, ", ".join(facts.address), facts.unasked, facts.progress]
-    return f"| {command.id} | {command.name} | {' | '.join(cell or '-' for cell in cells)} |"
+    return [effect, facts.subscribes, ", ".join(facts.address), facts.unasked, facts.progress]

@@ -42,7 +42,6 @@ def emit(catalogue: Catalogue) -> dict[str, str]:
     return {
         "client/plans.py": PLANS.format(
             generated=GENERATED,
-            records=imports(each for command in commands for each in answers(command)),
             plans="\n".join(map(plan, commands)),
             all="".join(f"    {constant(command)},\n" for command in commands),
         ),
@@ -113,14 +112,14 @@ def annotation(field: Field) -> str:
 def record_annotation(record: Record) -> str:
     """A record, its values in order, or by name; the value itself if it has only one."""
     fields = given(record)
-    forms = [record.type, "tuple[Any, ...]", "Mapping[str, Any]"]
+    forms = [shown(record), "tuple[Any, ...]", "Mapping[str, Any]"]
     if len(fields) == 1:
         forms += annotation(fields[0]).split(" | ")
     return " | ".join(dict.fromkeys(forms))
 
 
 def variant_annotation(field: Variant) -> str:
-    return " | ".join([*(each.record.type for each in field.alternatives), "tuple[str, Any]"])
+    return " | ".join([*(shown(each.record) for each in field.alternatives), "tuple[str, Any]"])
 
 
 # -- plans --------------------------------------------------------------------------------------------
@@ -134,15 +133,14 @@ def plan(command: Command) -> str:
     passed = parameters(command)
     keys = [getattr(each.field, "key", "") for each in passed]
     facts = command.facts
+    address = [keys.index(key) for key in facts.address if key in keys]
     arguments = [str(command.id), f'"{command.name}"', f'"{command.snake}"', f'"{facts.effect}"']
     arguments += [repr(tuple(each.name for each in passed)), repr(tuple(each.kind for each in passed))]
     options = {
         "subscribes": keys.index(facts.subscribes) if facts.subscribes else -1,
         "unasked": bool(facts.unasked),
-        "address": tuple(keys.index(key) for key in facts.address),
-        "carried": tuple(
-            carried(passed[keys.index(key)].field, command.message("notification")) for key in facts.address
-        ),
+        "address": tuple(address),
+        "carried": tuple(carried(passed[at].field, command.message("notification")) for at in address),
         "echoed": tuple(
             (at, path)
             for at, key in enumerate(keys)
@@ -153,7 +151,7 @@ def plan(command: Command) -> str:
     }
     neutral = {"subscribes": -1, "unasked": False, "has_error": False, "answered": True}
     arguments += [f"{name}={value!r}" for name, value in options.items() if value != neutral.get(name, ())]
-    typed = f"Plan[{', '.join(answers_or_none(command))}]"
+    typed = f"Plan[{', '.join(answers(command))}]"
     return f"{constant(command)}: Final[{typed}] = Plan({', '.join(arguments)})"
 
 
@@ -181,14 +179,7 @@ def path_of(key: str, message: Message | None) -> tuple[str, ...]:
 def answers(command: Command) -> Iterator[str]:
     for role in ("response", "notification"):
         message = command.message(role)
-        if message is not None:
-            yield message.record.type
-
-
-def answers_or_none(command: Command) -> Iterator[str]:
-    for role in ("response", "notification"):
-        message = command.message(role)
-        yield message.record.type if message else "None"
+        yield shown(message.record) if message else "None"
 
 
 PLANS = '''"""What the client knows of each command: one plan each, named after it."""
@@ -197,12 +188,11 @@ PLANS = '''"""What the client knows of each command: one plan each, named after 
 
 from __future__ import annotations
 
-from typing import TYPE_CHECKING, Any, Final
+from typing import Any, Final
+
+from vorlinkit import records
 
 from .plan import Plan
-
-if TYPE_CHECKING:
-{records}
 
 {plans}
 
@@ -233,12 +223,9 @@ ASYNC = Face(
 
 def methods(listed: list[tuple[Family, Command]], face: Face) -> str:
     commands = [command for _, command in listed]
-    records = [each for command in commands for each in answers(command)]
-    records += [each.type for command in commands for each in passed_records(command)]
     return METHODS.format(
         generated=GENERATED,
         face=face,
-        records=imports(records),
         plans="from vorlinkit.client import plans" if face is ASYNC else "from . import plans",
         plan=f"from {face.package}plan import N, Plan, R",
         methods="\n".join(method(*each, face) for each in listed),
@@ -246,11 +233,6 @@ def methods(listed: list[tuple[Family, Command]], face: Face) -> str:
             subscribe(command, face) for command in commands if command.message("notification")
         ),
     )
-
-
-def passed_records(command: Command) -> Iterator[Record]:
-    message = command.message("request")
-    return message.record.nested() if message else iter(())
 
 
 def method(family: Family, command: Command, face: Face) -> str:
@@ -261,7 +243,7 @@ def method(family: Family, command: Command, face: Face) -> str:
     message = command.message("response")
     returned = f"return {face.wait}" if message else face.wait
     return (
-        f"    {face.define} {command.snake}({signature}) -> {message.record.type if message else 'None'}:\n"
+        f"    {face.define} {command.snake}({signature}) -> {shown(message.record) if message else 'None'}:\n"
         f"{docstring(method_doc(family, command, passed))}"
         f"        {returned}self._call(plans.{constant(command)}, {packed(passed)}, timeout, check)\n"
     )
@@ -289,18 +271,18 @@ def packed(passed: list[Parameter]) -> str:
 def subscribe(command: Command, face: Face) -> str:
     message = command.message("notification")
     assert message is not None
-    record = message.record.type
+    record = shown(message.record)
     passed = parameters(command)
     name = f"plans.{constant(command)}"
     end = [f"handler: Callable[[{record}], object] | None = None", "buffer: int = 1000"]
     if command.facts.unasked:
         keys = command.facts.address
-        shown = [each for each in passed if getattr(each.field, "key", "") in keys]
-        start = ["*", *(f"{each.name}: {annotation(each.field)} | None = None" for each in shown)]
-        values = "".join(f"{each.name if each in shown else None}, " for each in passed)
+        asked = [each for each in passed if getattr(each.field, "key", "") in keys]
+        start = ["*", *(f"{each.name}: {annotation(each.field)} | None = None" for each in asked)]
+        values = "".join(f"{each.name if each in asked else None}, " for each in passed)
         last, values = "None", f"({values})"
     else:
-        shown, start, last = passed, signed(passed, "1"), "timeout"
+        asked, start, last = passed, signed(passed, "1"), "timeout"
         end.append("timeout: float | None = None")
         values = packed(passed)
         if any(isinstance(each.field, List) for each in passed):
@@ -308,7 +290,7 @@ def subscribe(command: Command, face: Face) -> str:
     signature = ", ".join(["self", *start, *end])
     return (
         f"    def {command.snake}({signature}) -> Subscription[{record}]:\n"
-        f"{docstring(subscribe_doc(command, shown, message))}"
+        f"{docstring(subscribe_doc(command, asked, message))}"
         f"        return self._subscribe({name}, {values}, handler, buffer, {last})\n"
     )
 
@@ -322,13 +304,12 @@ from __future__ import annotations
 from collections.abc import Callable, Iterable, Mapping
 from typing import TYPE_CHECKING, Any
 
+from vorlinkit import records
 {plans}
 {plan}
 
 if TYPE_CHECKING:
     from .subscription import Subscription
-
-{records}
 
 
 class Methods:
@@ -447,9 +428,9 @@ def docstring(paragraphs: Iterator[str]) -> str:
 # -- types --------------------------------------------------------------------------------------------
 
 
-def imports(records: Iterable[str]) -> str:
-    listed = "".join(f"        {name},\n" for name in sorted(set(records)))
-    return f"    from vorlinkit_python import (\n{listed}    )" if listed else "    pass"
+def shown(record: Record) -> str:
+    """A record's class as generated modules name it: looked up when it is used, so that importing them is quick."""
+    return f"records.{record.type}"
 
 
 def record_stub(commands: list[Command]) -> str:

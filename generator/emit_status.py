@@ -6,6 +6,9 @@ from collections import Counter
 from collections.abc import Iterator
 
 from .model import ROLES, Catalogue, Command, Family, Standing
+from .page import section
+
+COLUMNS = "request, response, notification, error rows"
 
 HEAD = """\
 # How sure each layout is
@@ -35,7 +38,7 @@ print(status.standing, status.why, status.confirmed_by)
 
 def emit(catalogue: Catalogue) -> str:
     parts = [HEAD, totals(catalogue)]
-    parts += [section(family) for family in catalogue.families if family.commands]
+    parts += [section(each, COLUMNS, cells, notes(each)) for each in catalogue.families if each.commands]
     return "\n".join(parts)
 
 
@@ -47,24 +50,15 @@ def totals(catalogue: Catalogue) -> str:
     return f"Of {counts.total()} messages of {len(list(catalogue.commands()))} commands: {shown}.\n"
 
 
-def section(family: Family) -> str:
-    lines = [f"## {family.title}", ""]
-    lines += [
-        "| id | command | request | response | notification | error rows |",
-        "|---|---|---|---|---|---|",
-    ]
-    lines += [row(command) for command in family.commands]
-    notes = [f"- {note}" for command in family.commands for note in reasons(command)]
-    if notes:
-        lines += ["", *notes]
-    return "\n".join(lines) + "\n"
-
-
-def row(command: Command) -> str:
+def cells(command: Command) -> list[str]:
     messages = [command.message(role) for role in ROLES]
-    cells = [message.standing.name if message else "-" for message in messages]
-    errors = command.errors.standing.name if command.errors else "-"
-    return f"| {command.id} | {command.name} | {' | '.join(cells)} | {errors} |"
+    errors = command.errors.standing.name if command.errors else ""
+    return [*(message.standing.name if message else "" for message in messages), errors]
+
+
+def notes(family: Family) -> Iterator[str]:
+    for command in family.commands:
+        yield from reasons(command)
 
 
 def reasons(command: Command) -> Iterator[str]:

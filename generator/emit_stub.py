@@ -30,7 +30,38 @@ def record_class(command: Command, message: Message, record: Record) -> str:
     members = "".join(
         attribute(*each) for field in record.fields for each in members_of(command, record, field)
     )
-    return f"\nclass {record.type}:\n{about}\n    def __init__(self) -> None: ...\n{members}\n"
+    return f"\nclass {record.type}:\n{about}\n{constructor(record)}{VALUE_METHODS}{members}\n"
+
+
+# Equal content of one class; what can be written has no hash. Copies own what they hold.
+VALUE_METHODS = """\
+    def __eq__(self, other: object) -> bool: ...
+    __hash__: ClassVar[None]  # type: ignore[assignment]
+    def __copy__(self) -> Self: ...
+    def __deepcopy__(self, memo: dict[int, object], /) -> Self: ...
+"""
+
+
+def constructor(record: Record) -> str:
+    taken = [each for field in record.fields for each in keywords(record, field)]
+    listed = "".join(
+        f", {name}: {kind} = {default}" for name, kind, default in taken if not keyword.iskeyword(name)
+    )
+    return f"    def __init__(self{', *' if listed else ''}{listed}) -> None: ...\n"
+
+
+def keywords(record: Record, field: Field) -> Iterator[tuple[str, str, str]]:
+    """Name, type and default of what the constructor takes for a field."""
+    name, kind = field.attribute, attribute_type(field)
+    match field:
+        case Scalar():
+            yield name, kind, "0" if field.is_integer else '""'
+        case List() | Blob():
+            yield name, f"Sequence[{field.item.type}]", "()"
+            if isinstance(field, Blob):
+                yield emit_bindings.bytes_attribute(record, field), "bytes", 'b""'
+        case Variant():
+            yield name, kind, "..."
 
 
 def members_of(command: Command, record: Record, field: Field) -> Iterator[tuple[str, str, str]]:

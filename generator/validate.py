@@ -350,6 +350,7 @@ def name_findings(catalogue: Catalogue) -> Iterator[Finding]:
 
 def generated_names(command: Command) -> Iterator[tuple[str, str]]:
     yield command.constant, "its id constant"
+    yield command.name, "its description"
     for message in command.messages:
         for record in message.record.tree():
             yield record.type, f"a record of its {message.role}"

@@ -1,11 +1,14 @@
 #include "ConnectionFsm.hpp"
 
+#include <algorithm>
+
 namespace vorlinkit {
 
 ConnectionFsm::Decision ConnectionFsm::connect() noexcept {
   Decision decision = end();
   // An attempt or a connection that is given up counts as any failure: it is followed by another.
-  decision.scheduleReconnect = decision.attemptFailed || decision.lost;
+  inARow_ = 0;
+  if (decision.attemptFailed || decision.lost) scheduleReconnect(decision);
   start(decision);
   return decision;
 }
@@ -54,6 +57,7 @@ ConnectionFsm::Decision ConnectionFsm::connectEnded(Number number, std::error_co
   Decision decision;
   if (!failure) {
     state_ = State::Connected;
+    inARow_ = 0;
     decision.cancelReconnect = true;
     decision.connected = true;
   } else if (++address_ < addresses_)
@@ -72,7 +76,7 @@ ConnectionFsm::Decision ConnectionFsm::attemptFailed(Failure failure) noexcept {
   state_ = State::Idle;
   Decision decision;
   decision.attemptFailed = failure;
-  decision.scheduleReconnect = true;
+  scheduleReconnect(decision);
   return decision;
 }
 
@@ -81,8 +85,22 @@ ConnectionFsm::Decision ConnectionFsm::connectionFailed(Number number, std::erro
   state_ = State::Idle;
   Decision decision;
   decision.lost = reason;
-  decision.scheduleReconnect = true;
+  scheduleReconnect(decision);
   return decision;
+}
+
+void ConnectionFsm::scheduleReconnect(Decision& decision) noexcept {
+  decision.scheduleReconnect = true;
+  ++inARow_;
+}
+
+std::chrono::milliseconds ConnectionFsm::reconnectDelay(double random) const noexcept {
+  if (delays_.longest.count() <= 0) return delays_.first;
+  auto delay = std::min(delays_.first, delays_.longest);
+  for (unsigned doubled = 1; doubled < inARow_ && delay.count() > 0 && delay < delays_.longest; ++doubled)
+    delay = delay > delays_.longest / 2 ? delays_.longest : delay * 2;
+  const auto taken = std::chrono::duration<double, std::milli>(delay) * (random / 2);
+  return delay - std::chrono::duration_cast<std::chrono::milliseconds>(taken);
 }
 
 } // namespace vorlinkit

@@ -1,6 +1,7 @@
 // The life of the transport: decisions only, no sockets, no timers.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -39,8 +40,14 @@ public:
     bool connected = false;                      // report it, start to read
   };
 
+  /// How long to wait before re-connects; with `longest` above 0 they grow up to it, and vary.
+  struct Delays {
+    std::chrono::milliseconds first;
+    std::chrono::milliseconds longest;
+  };
+
   /// `ended`: what those are told whose attempt or connection somebody has ended on purpose.
-  explicit ConnectionFsm(std::error_code ended) noexcept : ended_(ended) {}
+  ConnectionFsm(std::error_code ended, Delays delays) noexcept : ended_(ended), delays_(delays) {}
 
   // -- events
   Decision connect() noexcept;
@@ -51,6 +58,8 @@ public:
   Decision deadlinePassed(Number number) noexcept;
   Decision connectionFailed(Number number, std::error_code reason) noexcept;
 
+  /// The wait before the re-connect that was decided last. `random`: from 0 to 1, another one each time.
+  std::chrono::milliseconds reconnectDelay(double random) const noexcept;
   State state() const noexcept { return state_; }
   /// Of the newest attempt.
   Number number() const noexcept { return number_; }
@@ -62,12 +71,15 @@ private:
   Decision end() noexcept;
   void start(Decision& decision) noexcept;
   Decision attemptFailed(Failure failure) noexcept;
+  void scheduleReconnect(Decision& decision) noexcept;
 
   const std::error_code ended_;
+  const Delays delays_;
   State state_ = State::Idle;
   Number number_ = 0;
   std::size_t addresses_ = 0;
   std::size_t address_ = 0;
+  unsigned inARow_ = 0; // re-connects that were decided on since there was a connection
 };
 
 } // namespace vorlinkit

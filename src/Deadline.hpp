@@ -30,8 +30,8 @@ public:
     timer_.cancel();
     armed_ = false;
   }
-  /// Whether the timer runs; then it fires before any moment that lies as far ahead as the last one did.
-  bool armed() const noexcept { return armed_; }
+  /// When the timer fires, which may be before the moment; TimePoint::max() when it does not run.
+  TimePoint firesAt() const noexcept { return armed_ ? timer_.expiry() : TimePoint::max(); }
 
 private:
   void arm(TimePoint moment) {

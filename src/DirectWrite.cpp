@@ -1,5 +1,7 @@
 #include "DirectWrite.hpp"
 
+#include "SaturatingTime.hpp"
+
 #include <utility>
 
 namespace vorlinkit {
@@ -40,7 +42,7 @@ DirectWrite::Result DirectWrite::finish(std::expected<std::size_t, std::error_co
     return Result::NotWritten;
   }
   enter(State::HandedOver);
-  if (written == frame.size()) return timerRuns_ ? Result::Written : Result::WrittenAndWake;
+  if (written == frame.size()) return isSeenInTime() ? Result::Written : Result::WrittenAndWake;
 
   if (!handedOver_) handedOver_.emplace();
   handedOver_->from = written.value_or(0);
@@ -49,6 +51,11 @@ DirectWrite::Result DirectWrite::finish(std::expected<std::size_t, std::error_co
   else
     handedOver_->failure = written.error();
   return Result::WrittenAndWake;
+}
+
+/// Whether the I/O thread looks by itself before the request that is handed over runs out of time.
+bool DirectWrite::isSeenInTime() const noexcept {
+  return wakesAt_ <= saturatingAdd(handedOver_->at, handedOver_->request->options.timeout);
 }
 
 void DirectWrite::awaitWriter(std::unique_lock<std::mutex>& guard) {
@@ -74,21 +81,22 @@ std::optional<WrittenRequest> DirectWrite::claim() {
   return std::exchange(handedOver_, std::nullopt);
 }
 
-std::optional<WrittenRequest> DirectWrite::claimWritten() {
-  const std::lock_guard guard(lock_);
+DirectWrite::Reading DirectWrite::beginRead() {
+  if (state_ == State::Closed) return {}; // only the I/O thread opens
+  std::unique_lock guard(lock_);
   if (state_ == State::Taken)
     enter(State::TakenOver);
   else if (state_ == State::HandedOver)
     enter(State::Closed);
   else
-    return std::nullopt;
-  return std::exchange(handedOver_, std::nullopt);
+    return {std::nullopt, std::move(guard)};
+  return {std::exchange(handedOver_, std::nullopt), {}};
 }
 
-bool DirectWrite::open(bool timerRuns) {
+bool DirectWrite::open(TimePoint wakesAt) {
   const std::lock_guard guard(lock_);
   if (!line_) return false;
-  timerRuns_ = timerRuns;
+  wakesAt_ = wakesAt;
   if (state_ == State::Closed) enter(State::Open);
   openAgain_ = state_ == State::TakenOver;
   return state_ == State::Open || openAgain_;

@@ -29,7 +29,7 @@ struct WrittenRequest {
 };
 
 /// Lets one caller at a time write its own request while the line is quiet, which spares the switch to the I/O
-/// thread. Owns the right to write. Its lock is held to change the state, not to write.
+/// thread. Owns the right to write. Its lock is held to change the state, not to write; a read may hold it.
 ///
 /// Closed: only the I/O thread writes. Open: nothing is in flight, and the next caller may write. Taken: a caller is
 /// writing. Handed over: its request waits for the I/O thread, and nobody writes. The answer may be there while the
@@ -38,6 +38,7 @@ struct WrittenRequest {
 class DirectWrite {
 public:
   enum class State { Closed, Open, Taken, TakenOver, HandedOver };
+  using TimePoint = std::chrono::steady_clock::time_point;
   /// Writes what fits without waiting; yields how much that was. Nothing at all is no failure.
   using WriteSome = std::function<std::expected<std::size_t, std::error_code>(std::span<const std::byte>)>;
 
@@ -60,16 +61,22 @@ public:
   void detach();
   /// From here on nobody else writes, until open(). Yields what a caller has written meanwhile.
   std::optional<WrittenRequest> claim();
-  /// A caller's request, as soon as it may have been written. Without one the next caller still may write.
-  std::optional<WrittenRequest> claimWritten();
-  /// Everything is answered. `timerRuns`: the I/O thread will look again within the response time-out. False without a
-  /// line.
-  bool open(bool timerRuns);
+  /// Before received bytes are taken off the line, which may hold the answer to what a caller has written.
+  struct Reading {
+    std::optional<WrittenRequest> written;     // as soon as it may have been written
+    std::unique_lock<std::mutex> nobodyWrites; // without one: held, until the bytes are taken
+  };
+  /// Whatever a caller writes after it, the bytes that are read next are no answer to it.
+  Reading beginRead();
+  /// Everything is answered. `wakesAt`: when the I/O thread will look by itself, TimePoint::max() for never. False
+  /// without a line.
+  bool open(TimePoint wakesAt);
 
 private:
   bool take(std::unique_ptr<PendingRequest>& request, std::size_t frameLength, const std::function<bool()>& stillGood);
   Result finish(std::expected<std::size_t, std::error_code> written, std::unique_ptr<PendingRequest>& request,
                 std::vector<std::byte>&& frame);
+  bool isSeenInTime() const noexcept;
   void awaitWriter(std::unique_lock<std::mutex>& guard);
   void enter(State state) noexcept { state_.store(state, std::memory_order_relaxed); }
 
@@ -77,7 +84,7 @@ private:
   std::condition_variable writerDone_;
   std::atomic<State> state_{State::Closed}; // changed under the lock
   WriteSome line_;
-  bool timerRuns_ = false;
+  TimePoint wakesAt_ = TimePoint::max();
   bool openAgain_ = false; // when the caller whose request was taken over has come back
   std::optional<WrittenRequest> handedOver_;
 };

@@ -2,6 +2,7 @@
 
 #include "Asio.hpp"
 #include "HandlerMemory.hpp"
+#include "LinkedList.hpp"
 
 #include <functional>
 #include <memory>
@@ -11,51 +12,13 @@
 namespace vorlinkit {
 
 /// A piece of work for the I/O thread. One that is dropped without having run must tell whoever waits.
-class IoJob {
+class IoJob : public LinkedListItem<IoJob> {
 public:
   IoJob() = default;
   IoJob(const IoJob&) = delete;
   IoJob& operator=(const IoJob&) = delete;
   virtual ~IoJob() = default;
   virtual void run() noexcept = 0;
-
-private:
-  friend class IoJobList;
-  std::unique_ptr<IoJob> next_; // in the list that holds it
-};
-
-/// Jobs in order. Adding one takes no memory, so it cannot fail.
-class IoJobList {
-public:
-  IoJobList() = default;
-  IoJobList(const IoJobList&) = delete;
-  IoJobList& operator=(const IoJobList&) = delete;
-  ~IoJobList() { clear(); }
-
-  bool empty() const noexcept { return !first_; }
-  void push(std::unique_ptr<IoJob> job) noexcept {
-    IoJob* const added = job.get();
-    (last_ ? last_->next_ : first_) = std::move(job);
-    last_ = added;
-  }
-  std::unique_ptr<IoJob> pop() noexcept {
-    auto job = std::move(first_);
-    first_ = std::move(job->next_);
-    if (!first_) last_ = nullptr;
-    return job;
-  }
-  void clear() noexcept {
-    while (!empty()) // not by the chain of pointers, which would nest as deep as it is long
-      pop();
-  }
-  void swap(IoJobList& other) noexcept {
-    first_.swap(other.first_);
-    std::swap(last_, other.last_);
-  }
-
-private:
-  std::unique_ptr<IoJob> first_;
-  IoJob* last_ = nullptr;
 };
 
 /// The way from user threads to the I/O thread: jobs run there in the order in which they came. The event loop is
@@ -96,7 +59,7 @@ public:
 
   /// Drops what has not run yet.
   void close() {
-    IoJobList dropped; // outlives the lock, as whoever waits is told
+    LinkedList<IoJob> dropped; // outlives the lock, as whoever waits is told
     const std::lock_guard guard(lock_);
     closed_ = true;
     jobs_.swap(dropped);
@@ -111,7 +74,7 @@ private:
 
   void runAll() {
     before_(); // while the jobs still show, so that no request of their callers overtakes them
-    IoJobList running;
+    LinkedList<IoJob> running;
     {
       const std::lock_guard guard(lock_);
       wakeIsPending_ = false;
@@ -127,7 +90,7 @@ private:
   std::function<void()> after_;
   HandlerMemory wakeMemory_;
   std::mutex lock_;
-  IoJobList jobs_;
+  LinkedList<IoJob> jobs_;
   bool wakeIsPending_ = false;
   bool closed_ = false;
 };

@@ -5,11 +5,11 @@
 
 namespace vorlinkit {
 
-MessageFramer::MessageFramer(std::chrono::milliseconds requestTimeout, std::uint32_t requestAttempts,
-                             std::shared_ptr<const ICodec> codec, ITransportWriteChannel& writeChannel,
-                             Callbacks callbacks, std::shared_ptr<IVorlinLogger> logger)
+MessageFramer::MessageFramer(std::uint32_t requestAttempts, std::shared_ptr<const ICodec> codec,
+                             ITransportWriteChannel& writeChannel, Callbacks callbacks,
+                             std::shared_ptr<IVorlinLogger> logger)
     : codec_(std::move(codec)), writeChannel_(writeChannel), callbacks_(std::move(callbacks)),
-      logger_(std::move(logger)), fsm_(requestTimeout, requestAttempts, counters_),
+      logger_(std::move(logger)), fsm_(requestAttempts, counters_),
       deadline_(writeChannel.getExecutor(), [this] { onTimer(); }) {
   writeChannel.setOnWritten([this](ITransportWriteChannel::Written result) {
     onWritten(std::move(result));

@@ -42,9 +42,8 @@ public:
     std::function<void()> openDirectWrite = [] {};
   };
 
-  MessageFramer(std::chrono::milliseconds requestTimeout, std::uint32_t requestAttempts,
-                std::shared_ptr<const ICodec> codec, ITransportWriteChannel& writeChannel, Callbacks callbacks,
-                std::shared_ptr<IVorlinLogger> logger);
+  MessageFramer(std::uint32_t requestAttempts, std::shared_ptr<const ICodec> codec,
+                ITransportWriteChannel& writeChannel, Callbacks callbacks, std::shared_ptr<IVorlinLogger> logger);
   ~MessageFramer();
   MessageFramer(const MessageFramer&) = delete;
   MessageFramer& operator=(const MessageFramer&) = delete;
@@ -63,8 +62,8 @@ public:
   void resetReceiveState() { assembler_.reset(); }
   /// Whether a caller may write the next request itself.
   bool isQuiet() const noexcept { return fsm_.isQuiet(); }
-  /// Whether the framer looks at the clock within the response time-out without being woken.
-  bool timerRuns() const noexcept { return deadline_.armed(); }
+  /// When the framer looks at the clock without being woken; TimePoint::max() for never.
+  Deadline::TimePoint nextLook() const noexcept { return deadline_.firesAt(); }
 
   const TrafficCounters& counters() const { return counters_; }
 

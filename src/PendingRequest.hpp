@@ -1,8 +1,11 @@
 // A request on its way to an answer, and the promise that there will be one.
 #pragma once
 
+#include "LinkedList.hpp"
+
 #include <vorlinkit/Error.hpp>
 #include <vorlinkit/RawMessage.hpp>
+#include <vorlinkit/VorlinSession.hpp>
 
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +30,12 @@ template <typename MakeText> Error errorWith(ErrorCode code, MakeText&& makeText
   }
 }
 inline Error copyOf(const Error& error) noexcept {
-  return errorWith(error.code, [&] { return error.message; });
+  Error copy = errorWith(error.code, [&] { return error.message; });
+  copy.majorError = error.majorError;
+  return copy;
+}
+inline Error notConnectedError() noexcept {
+  return errorWith(ErrorCode::Transport, [] { return std::string("Not connected"); });
 }
 inline Error stoppedError() noexcept {
   return errorWith(ErrorCode::Stopped, [] { return std::string("MessageFramer stopped"); });
@@ -65,12 +73,13 @@ template <typename Value> std::future<std::expected<Value, Error>> readyWith(Err
 }
 
 /// One queued or in-flight request. Made on the caller's thread, completed on the I/O thread.
-class PendingRequest {
+class PendingRequest : public LinkedListItem<PendingRequest> {
 public:
   using Outcome = std::expected<RawMessage, Error>;
 
-  PendingRequest(std::uint16_t command, std::span<const std::byte> bytes)
-      : commandId(command), payload(bytes.begin(), bytes.end()) {}
+  /// `how.timeout` is the time that it has, no default any more.
+  PendingRequest(std::uint16_t command, std::span<const std::byte> bytes, SendOptions how)
+      : commandId(command), options(how), payload(bytes.begin(), bytes.end()) {}
   PendingRequest(const PendingRequest&) = delete;
   PendingRequest& operator=(const PendingRequest&) = delete;
   virtual ~PendingRequest() = default;
@@ -79,38 +88,8 @@ public:
   virtual void complete(Outcome outcome) noexcept = 0;
 
   const std::uint16_t commandId;
+  const SendOptions options;
   const std::vector<std::byte> payload; // kept, since the frame is encoded afresh for every attempt
-  std::unique_ptr<PendingRequest> next; // in the list that holds it
-};
-
-/// Requests in order. Adding one takes no memory, so it cannot fail.
-class RequestList {
-public:
-  RequestList() = default;
-  RequestList(RequestList&& other) noexcept
-      : first_(std::move(other.first_)), last_(std::exchange(other.last_, nullptr)) {}
-  RequestList& operator=(RequestList&&) = delete;
-  ~RequestList() {
-    while (!empty()) // not by the chain of pointers, which would nest as deep as it is long
-      pop();
-  }
-
-  bool empty() const noexcept { return !first_; }
-  void push(std::unique_ptr<PendingRequest> request) noexcept {
-    PendingRequest* const added = request.get();
-    (last_ ? last_->next : first_) = std::move(request);
-    last_ = added;
-  }
-  std::unique_ptr<PendingRequest> pop() noexcept {
-    auto request = std::move(first_);
-    first_ = std::move(request->next);
-    if (!first_) last_ = nullptr;
-    return request;
-  }
-
-private:
-  std::unique_ptr<PendingRequest> first_;
-  PendingRequest* last_ = nullptr;
 };
 
 /// A request whose caller waits on a future, on any thread.

@@ -10,8 +10,8 @@
 
 namespace vorlinkit {
 
-RequestFsm::RequestFsm(std::chrono::milliseconds timeout, std::uint32_t attempts, TrafficCounters& counters)
-    : timeout_(timeout), attempts_(std::max<std::uint32_t>(attempts, 1)), counters_(counters) {}
+RequestFsm::RequestFsm(std::uint32_t attempts, TrafficCounters& counters)
+    : attempts_(std::max<std::uint32_t>(attempts, 1)), counters_(counters) {}
 
 // -- sending ------------------------------------------------------------------------------------------------
 
@@ -29,7 +29,7 @@ void RequestFsm::submitWritten(std::unique_ptr<PendingRequest> request, TimePoin
   attempt_ = 1;
   encoded(frameLength);
   stage_ = Stage::Waiting;
-  deadline_ = saturatingAdd(at, timeout_);
+  deadline_ = saturatingAdd(at, active_->options.timeout);
 }
 
 void RequestFsm::unwritten(std::vector<std::byte> frame, std::size_t from) noexcept {
@@ -50,7 +50,7 @@ void RequestFsm::written(TimePoint now) noexcept {
   writing_ = false;
   if (stage_ != Stage::Sending) return; // over meanwhile
   stage_ = Stage::Waiting;
-  if (!outcome_) deadline_ = saturatingAdd(now, timeout_);
+  if (!outcome_) deadline_ = saturatingAdd(now, active_->options.timeout);
 }
 
 void RequestFsm::writeFailed(Error error) noexcept {
@@ -92,6 +92,7 @@ RequestFsm::Reception RequestFsm::response(const RawMessage& message) {
     Error refusal = errorWith(ErrorCode::Protocol, [&] {
       return "VORLIN protocol error (majorError): " + protocolErrorsToString(message.majorError, true);
     });
+    refusal.majorError = message.majorError;
     Reception reception{Reception::Kind::Refused, refusal.message, {}};
     settleNow(std::move(refusal));
     return reception;

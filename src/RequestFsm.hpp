@@ -60,7 +60,7 @@ public:
     std::optional<std::uint8_t> clientId; // that the machine has given
   };
 
-  RequestFsm(std::chrono::milliseconds timeout, std::uint32_t attempts, TrafficCounters& counters);
+  RequestFsm(std::uint32_t attempts, TrafficCounters& counters);
 
   // -- events
   void submit(std::unique_ptr<PendingRequest> request) noexcept;
@@ -114,11 +114,10 @@ private:
   void failAll(const Error& error) noexcept;
   Complete complete() noexcept;
 
-  const std::chrono::milliseconds timeout_;
   const std::uint32_t attempts_; // at least 1
   TrafficCounters& counters_;
 
-  RequestList queue_;
+  LinkedList<PendingRequest> queue_;
   std::unique_ptr<PendingRequest> active_;
   Stage stage_ = Stage::Idle;
   std::uint32_t attempt_ = 0; // of the active request, from 1
@@ -129,7 +128,7 @@ private:
   std::optional<LogRetry> log_;
   TimePoint deadline_ = TimePoint::max();
   LateAnswers lateAnswers_;
-  RequestList failed_; // whose callers are still to be told
+  LinkedList<PendingRequest> failed_; // whose callers are still to be told
   Error failure_;
   bool stopped_ = false;
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <utility>
 
 namespace vorlinkit {
@@ -23,6 +24,12 @@ std::chrono::milliseconds stallLimit(const SessionConfig& config) {
   return std::max(least, config.request_timeout * attempts);
 }
 
+/// Another one for every session, of this computer's and of the others'.
+std::minstd_rand::result_type seedOf(const void* session) {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  return static_cast<std::minstd_rand::result_type>(std::hash<const void*>()(session) ^ static_cast<std::size_t>(now));
+}
+
 Error transportError(const char* what, const std::error_code& reason) noexcept {
   return errorWith(ErrorCode::Transport, [&] { return what + reason.message(); });
 }
@@ -32,13 +39,14 @@ Error transportError(const char* what, const std::error_code& reason) noexcept {
 TcpTransport::TcpTransport(asio::io_context& context, SessionConfig config, std::shared_ptr<IVorlinLogger> logger)
     : executor_(context.get_executor()), logger_(std::move(logger)), config_(std::move(config)), socket_(context),
       deadlineTimer_(context), reconnectTimer_(context), stallTimer_(context),
-      lookup_(executor_, config_.host, config_.port), fsm_(asio::error::operation_aborted), readBuffer_(readBufferSize),
-      stallWatch_(stallLimit(config_)) {}
+      lookup_(executor_, config_.host, config_.port),
+      fsm_(asio::error::operation_aborted, {config_.reconnect_delay, config_.reconnect_delay_max}),
+      random_(seedOf(this)), readBuffer_(readBufferSize), stallWatch_(stallLimit(config_)) {}
 
-void TcpTransport::connect(Answer<void> caller) noexcept { carryOut(fsm_.connect(), std::move(caller)); }
+void TcpTransport::connect(ConnectAnswer caller) noexcept { carryOut(fsm_.connect(), std::move(caller)); }
 
 std::expected<void, Error> TcpTransport::close() noexcept {
-  connected_ = false;
+  connection_ = 0;
   const std::error_code failure = closeSocket();
   carryOut(fsm_.close());
   if (failure) return std::unexpected(transportError("Close failed: ", failure));
@@ -47,7 +55,7 @@ std::expected<void, Error> TcpTransport::close() noexcept {
 
 void TcpTransport::fail(std::error_code reason) noexcept { carryOut(fsm_.connectionFailed(fsm_.number(), reason)); }
 
-void TcpTransport::carryOut(const ConnectionFsm::Decision& decision, std::optional<Answer<void>> caller) noexcept {
+void TcpTransport::carryOut(const ConnectionFsm::Decision& decision, std::optional<ConnectAnswer> caller) noexcept {
   if (decision.cancelReconnect) cancelReconnect();
   std::optional<Error> failure;
   if (decision.attemptFailed) failure = attemptFailed(*decision.attemptFailed);
@@ -77,7 +85,7 @@ Error TcpTransport::attemptFailed(const ConnectionFsm::Failure& failure) noexcep
 }
 
 void TcpTransport::lost(std::error_code reason) noexcept {
-  connected_ = false;
+  connection_ = 0;
   closeSocket();
   forgetWrite();
   const std::string message = transportError("", reason).message;
@@ -96,8 +104,9 @@ void TcpTransport::lost(std::error_code reason) noexcept {
 
 void TcpTransport::scheduleReconnect() noexcept {
   if (!config_.auto_reconnect) return;
-  log(logger_, LogLevel::warn, "Scheduling reconnect in {}ms", config_.reconnect_delay.count());
-  reconnectAt_ = saturatingAdd(std::chrono::steady_clock::now(), config_.reconnect_delay);
+  const auto delay = fsm_.reconnectDelay(std::uniform_real_distribution(0.0, 1.0)(random_));
+  log(logger_, LogLevel::warn, "Scheduling reconnect in {}ms", delay.count());
+  reconnectAt_ = saturatingAdd(std::chrono::steady_clock::now(), delay);
   awaitReconnect();
 }
 
@@ -125,9 +134,9 @@ void TcpTransport::awaitReconnect() noexcept {
 
 void TcpTransport::tellCaller(std::expected<void, Error> result) noexcept {
   if (!caller_) return;
-  Answer<void> caller = std::move(*caller_);
+  ConnectAnswer caller = std::move(*caller_);
   caller_.reset();
-  caller.give(std::move(result));
+  std::visit([&](auto& answer) { answer.give(std::move(result)); }, caller);
 }
 
 /// The session fences the user's observer; this fence keeps a broken one from ending the I/O thread.

@@ -4,6 +4,7 @@
 #include <vorlinkit/SessionConfig.hpp>
 
 #include "Asio.hpp"
+#include "CompletionAnswer.hpp"
 #include "ConnectionFsm.hpp"
 #include "DirectWrite.hpp"
 #include "HandlerMemory.hpp"
@@ -15,10 +16,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <expected>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <system_error>
@@ -27,7 +30,7 @@
 namespace vorlinkit {
 
 /// The one TCP connection of a session: connects within a deadline, reads, writes whole frames, closes, reports
-/// changes, re-connects after a fixed delay. Knows nothing of frames. What is to happen is ConnectionFsm's decision.
+/// changes, re-connects after a delay. Knows nothing of frames. What is to happen is ConnectionFsm's decision.
 ///
 /// Owned by the session; everything but `isConnected` and the writing side of `directWrite` runs on the I/O thread.
 class TcpTransport final : public ITransportWriteChannel {
@@ -39,15 +42,19 @@ public:
 
   /// Every chunk read, and the error when a connection has ended. The span is valid during the call.
   void setOnBytes(BytesCallback callback) { onBytes_ = std::move(callback); }
+  /// What a caller has written, before the bytes are read that may answer it.
+  void setOnCallerWrote(std::function<void(WrittenRequest)> callback) { onCallerWrote_ = std::move(callback); }
   void setOnConnectionStateChanged(StateCallback callback) { onStateChanged_ = std::move(callback); }
 
   /// Any thread.
-  bool isConnected() const noexcept { return connected_.load(std::memory_order_acquire); }
+  bool isConnected() const noexcept { return connection() != 0; }
+  /// Any thread: the number of the connection that is up, that of the attempt which made it; 0 for none.
+  std::uint64_t connection() const noexcept { return connection_.load(std::memory_order_acquire); }
   /// The line is attached to it while there is a connection.
   DirectWrite& directWrite() noexcept { return directWrite_; }
 
   /// Ends what is under way and connects anew; the caller is told when the attempt has succeeded or failed.
-  void connect(Answer<void> caller) noexcept;
+  void connect(ConnectAnswer caller) noexcept;
   /// When it returns everything has ended and been reported.
   std::expected<void, Error> close() noexcept;
   /// Ends the connection for a reason that was found elsewhere.
@@ -62,7 +69,7 @@ private:
   using TimePoint = std::chrono::steady_clock::time_point;
 
   // What was decided (TcpTransport.cpp)
-  void carryOut(const ConnectionFsm::Decision& decision, std::optional<Answer<void>> caller = {}) noexcept;
+  void carryOut(const ConnectionFsm::Decision& decision, std::optional<ConnectAnswer> caller = {}) noexcept;
   Error attemptFailed(const ConnectionFsm::Failure& failure) noexcept;
   void lost(std::error_code reason) noexcept;
   void scheduleReconnect() noexcept;
@@ -110,12 +117,14 @@ private:
   asio::steady_timer stallTimer_;
   NameLookup lookup_;
   BytesCallback onBytes_;
+  std::function<void(WrittenRequest)> onCallerWrote_;
   StateCallback onStateChanged_;
   ConnectionFsm fsm_;
+  std::minstd_rand random_; // for the delays of re-connects
   TimePoint reconnectAt_ = TimePoint::max();
   bool awaitsReconnect_ = false;
-  std::atomic<bool> connected_{false};
-  std::optional<Answer<void>> caller_; // of the attempt
+  std::atomic<std::uint64_t> connection_{0};
+  std::optional<ConnectAnswer> caller_; // of the attempt
   std::vector<asio::ip::tcp::endpoint> addresses_;
   std::vector<std::byte> readBuffer_;
   std::optional<Outgoing> outgoing_; // what the socket has not taken yet

@@ -78,7 +78,7 @@ std::error_code TcpTransport::prepare() noexcept {
 
 void TcpTransport::connected() noexcept {
   deadlineTimer_.cancel();
-  connected_ = true;
+  connection_ = fsm_.number();
   log(logger_, LogLevel::info, "Connected successfully");
   directWrite_.attach([socket = socket_.native_handle()](std::span<const std::byte> bytes) {
     return platform::writeSome(socket, bytes);

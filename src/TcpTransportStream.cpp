@@ -58,8 +58,13 @@ void TcpTransport::readArrived() noexcept {
 }
 
 std::size_t TcpTransport::readSome() noexcept {
+  const Number number = fsm_.number();
+  auto reading = directWrite_.beginRead();
+  if (reading.written) onCallerWrote_(std::move(*reading.written));
+  if (!isCurrent(number)) return 0;
   std::error_code failure;
   const std::size_t count = socket_.read_some(asio::buffer(readBuffer_), failure);
+  if (reading.nobodyWrites) reading.nobodyWrites.unlock();
   if (failure && !mustWait(failure)) fail(failure);
   if (count != 0) deliver(std::span(readBuffer_).first(count));
   return count;
@@ -80,8 +85,7 @@ void TcpTransport::deliver(std::span<const std::byte> chunk) noexcept {
 
 std::optional<ITransportWriteChannel::Written> TcpTransport::write(std::vector<std::byte> frame,
                                                                    std::size_t from) noexcept {
-  if (!connected_ || !socket_.is_open())
-    return std::unexpected(errorWith(ErrorCode::Transport, [] { return std::string("Not connected"); }));
+  if (!isConnected() || !socket_.is_open()) return std::unexpected(notConnectedError());
 
   // Nearly every request fits into the socket's buffer at once; only what does not fit is waited for.
   outgoing_.emplace(std::move(frame), from);

@@ -13,6 +13,7 @@ VorlinSession::VorlinSession(SessionConfig config, std::shared_ptr<IVorlinLogger
 VorlinSession::~VorlinSession() { VorlinSessionImpl::dispose(std::move(impl_)); }
 
 std::future<std::expected<void, Error>> VorlinSession::connect() { return impl_->connect(); }
+void VorlinSession::connect(ConnectCompletion completion) { impl_->connect(std::move(completion)); }
 void VorlinSession::disconnect() { start_disconnect().wait(); }
 std::future<void> VorlinSession::start_disconnect() {
   auto closed = impl_->startDisconnect();
@@ -21,12 +22,19 @@ std::future<void> VorlinSession::start_disconnect() {
   started.set_value();
   return started.get_future();
 }
+void VorlinSession::start_disconnect(DisconnectCompletion completion) { impl_->startDisconnect(std::move(completion)); }
 bool VorlinSession::is_connected() const noexcept { return impl_->isConnected(); }
+std::uint64_t VorlinSession::connection() const noexcept { return impl_->connection(); }
 std::uint8_t VorlinSession::client_id() const noexcept { return impl_->clientId(); }
 
-std::future<std::expected<RawMessage, Error>> VorlinSession::send(std::uint16_t commandId,
-                                                                  std::span<const std::byte> payload) {
-  return impl_->send(commandId, payload);
+std::future<std::expected<RawMessage, Error>>
+VorlinSession::send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options) {
+  return impl_->send(commandId, payload, options);
+}
+
+void VorlinSession::send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options,
+                         SendCompletion completion) {
+  impl_->send(commandId, payload, options, std::move(completion));
 }
 
 void VorlinSession::on_notification(std::uint16_t commandId, NotificationHandler handler) {

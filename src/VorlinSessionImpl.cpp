@@ -1,6 +1,7 @@
 // The wiring: user calls to the I/O thread, received bytes and state changes to framer and observers.
 #include "VorlinSessionImpl.hpp"
 
+#include "CompletionAnswer.hpp"
 #include "Log.hpp"
 #include "Platform.hpp"
 
@@ -29,24 +30,28 @@ void makeRoomForTimers(asio::io_context& context) {
 class VorlinSessionImpl::ConnectJob final : public IoJob {
 public:
   explicit ConnectJob(TcpTransport& transport) : transport_(transport) {}
-  std::future<std::expected<void, Error>> future() { return answer_.future(); }
-  void run() noexcept override { transport_.connect(std::move(answer_)); }
+  ConnectJob(TcpTransport& transport, ConnectCompletion completion, const std::shared_ptr<IVorlinLogger>& logger)
+      : transport_(transport), caller_(std::in_place_type<CompletionAnswer<void>>, std::move(completion), logger) {}
+  std::future<std::expected<void, Error>> future() { return std::get<Answer<void>>(caller_).future(); }
+  void run() noexcept override { transport_.connect(std::move(caller_)); }
 
 private:
   TcpTransport& transport_;
-  Answer<void> answer_;
+  ConnectAnswer caller_;
 };
 
 class VorlinSessionImpl::CloseJob final : public IoJob {
 public:
-  explicit CloseJob(TcpTransport& transport) : transport_(transport) {}
-  ~CloseJob() override { closed_.set_value(); }
-  std::future<void> future() { return closed_.get_future(); }
+  /// `closed` is called once, also when the job is dropped.
+  CloseJob(TcpTransport& transport, DisconnectCompletion closed, const std::shared_ptr<IVorlinLogger>& logger)
+      : transport_(transport), closed_(std::move(closed)), logger_(logger) {}
+  ~CloseJob() override { callCompletion(logger_, closed_); }
   void run() noexcept override { static_cast<void>(transport_.close()); }
 
 private:
   TcpTransport& transport_;
-  std::promise<void> closed_;
+  const DisconnectCompletion closed_;
+  const std::shared_ptr<IVorlinLogger>& logger_;
 };
 
 class VorlinSessionImpl::ForgetJob final : public IoJob {
@@ -62,8 +67,8 @@ VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorl
     : config_(std::move(config)), logger_(std::move(logger)), codec_(std::make_shared<const VorlinCodec>()),
       context_(oneThread), workGuard_(asio::make_work_guard(context_)),
       transport_(std::make_unique<TcpTransport>(context_, config_, logger_)),
-      framer_(std::make_unique<MessageFramer>(config_.request_timeout, config_.request_attempts, codec_, *transport_,
-                                              framerCallbacks(), logger_)),
+      framer_(
+          std::make_unique<MessageFramer>(config_.request_attempts, codec_, *transport_, framerCallbacks(), logger_)),
       inbox_(
           context_, [this] { claimDirectWrite(); }, [this] { openDirectWrite(); }),
       processGeneration_(platform::processGeneration()), drain_(makeDrainJob()) {
@@ -76,6 +81,10 @@ VorlinSessionImpl::VorlinSessionImpl(SessionConfig config, std::shared_ptr<IVorl
 void VorlinSessionImpl::wireTransport() {
   transport_->setOnConnectionStateChanged(
       [this](bool connected, const std::string& reason) { onStateChanged(connected, reason); });
+  transport_->setOnCallerWrote([this](WrittenRequest written) {
+    directWriteClaimed_ = true;
+    takeOver(std::move(written));
+  });
   transport_->setOnBytes(
       [this](std::expected<std::span<const std::byte>, Error> received) { onTransportBytes(std::move(received)); });
 }
@@ -91,26 +100,28 @@ MessageFramer::Callbacks VorlinSessionImpl::framerCallbacks() {
 }
 
 std::future<std::expected<void, Error>> VorlinSessionImpl::connect() {
-  if (inherited()) return readyWith<void>({ErrorCode::Transport, "Not connected"});
+  if (inherited()) return readyWith<void>(notConnectedError());
   auto job = std::make_unique<ConnectJob>(*transport_);
   auto result = job->future();
   inbox_.push(std::move(job));
   return result;
 }
 
-std::future<void> VorlinSessionImpl::startDisconnect() {
-  if (inherited()) {
-    std::promise<void> nothingToDo;
-    nothingToDo.set_value();
-    return nothingToDo.get_future();
-  }
-  auto job = std::make_unique<CloseJob>(*transport_);
-  auto closed = job->future();
-  inbox_.push(std::move(job));
-  return closed;
+void VorlinSessionImpl::connect(ConnectCompletion completion) {
+  if (inherited()) return callCompletion(logger_, completion, std::unexpected(notConnectedError()));
+  inbox_.push(std::make_unique<ConnectJob>(*transport_, std::move(completion), logger_));
 }
 
-bool VorlinSessionImpl::isConnected() const noexcept { return !inherited() && transport_->isConnected(); }
+std::future<void> VorlinSessionImpl::startDisconnect() {
+  const auto closed = std::make_shared<std::promise<void>>();
+  startDisconnect([closed] { closed->set_value(); });
+  return closed->get_future();
+}
+
+void VorlinSessionImpl::startDisconnect(DisconnectCompletion completion) {
+  if (inherited()) return callCompletion(logger_, completion);
+  inbox_.push(std::make_unique<CloseJob>(*transport_, std::move(completion), logger_));
+}
 
 // An inherited session's locks may be held for ever by a thread that is not there.
 
@@ -143,7 +154,6 @@ void VorlinSessionImpl::onTransportBytes(std::expected<std::span<const std::byte
 
 void VorlinSessionImpl::onReceived(std::span<const std::byte> chunk) {
   callHook(beforeChunk_);
-  claimDirectlyWritten();
   try {
     framer_->onBytes(chunk);
   } catch (const std::exception& exception) { // only memory can run out; the stream cannot be followed any more

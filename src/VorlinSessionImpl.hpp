@@ -37,10 +37,16 @@ public:
   static void dispose(std::unique_ptr<VorlinSessionImpl> session);
 
   std::future<std::expected<void, Error>> connect();
+  void connect(ConnectCompletion completion);
   std::future<void> startDisconnect();
-  bool isConnected() const noexcept;
+  void startDisconnect(DisconnectCompletion completion);
+  bool isConnected() const noexcept { return connection() != 0; }
+  std::uint64_t connection() const noexcept { return inherited() ? 0 : transport_->connection(); }
   std::uint8_t clientId() const noexcept { return clientId_.load(std::memory_order_relaxed); }
-  std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload);
+  std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload,
+                                                     SendOptions options = {});
+  void send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options,
+            SendCompletion completion);
   bool isIoThread() const noexcept { return std::this_thread::get_id() == ioThreadId_.load(std::memory_order_relaxed); }
   void onNotification(std::uint16_t commandId, NotificationHandler handler);
   void onFrame(FrameObserver observer);
@@ -53,6 +59,7 @@ public:
 
 private:
   class SendJob;
+  class RefuseJob;
   class ConnectJob;
   class CloseJob;
   class ForgetJob;
@@ -62,9 +69,11 @@ private:
   bool inherited() const noexcept;
 
   // Sending (VorlinSessionImplSend.cpp)
+  SendOptions withTimeout(SendOptions options) const noexcept;
+  bool isFor(const SendOptions& options) const noexcept;
+  void pass(std::unique_ptr<PendingRequest>& request);
   bool sendDirectly(std::unique_ptr<PendingRequest>& request);
   void claimDirectWrite();
-  void claimDirectlyWritten();
   void takeOver(std::optional<WrittenRequest> written);
   void openDirectWrite();
 

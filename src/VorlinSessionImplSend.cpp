@@ -1,36 +1,92 @@
 // Sending, on the caller's thread: directly, or by the I/O thread.
 #include "VorlinSessionImpl.hpp"
 
+#include "CompletionAnswer.hpp"
+#include "Log.hpp"
+
 #include <utility>
 
 namespace vorlinkit {
 
 namespace {
 
-// A larger one would keep the lock for long, and seldom fits into the socket's buffer at once.
+// A larger one would keep its caller in the system call for long, and seldom fits into the socket's buffer at once.
 constexpr std::size_t smallPayload = 4096;
 
 } // namespace
 
 class VorlinSessionImpl::SendJob final : public IoJob {
 public:
-  SendJob(MessageFramer& framer, std::unique_ptr<PendingRequest> request)
-      : framer_(framer), request_(std::move(request)) {}
-  void run() noexcept override { framer_.submit(std::move(request_)); }
+  SendJob(VorlinSessionImpl& session, std::unique_ptr<PendingRequest> request)
+      : session_(session), request_(std::move(request)) {}
+  /// A request of this connection ends with it; one of another is refused here, where connections come and go.
+  void run() noexcept override {
+    if (session_.isFor(request_->options))
+      session_.framer_->submit(std::move(request_));
+    else
+      request_->complete(std::unexpected(notConnectedError()));
+  }
 
 private:
-  MessageFramer& framer_;
+  VorlinSessionImpl& session_;
   std::unique_ptr<PendingRequest> request_;
 };
 
-std::future<std::expected<RawMessage, Error>> VorlinSessionImpl::send(std::uint16_t commandId,
-                                                                      std::span<const std::byte> payload) {
-  if (!isConnected()) return readyWith<RawMessage>({ErrorCode::Transport, "Not connected"});
-  auto promised = std::make_unique<FutureRequest>(commandId, payload);
+class VorlinSessionImpl::RefuseJob final : public IoJob {
+public:
+  explicit RefuseJob(std::unique_ptr<PendingRequest> request) : request_(std::move(request)) {}
+  void run() noexcept override { request_->complete(std::unexpected(notConnectedError())); }
+
+private:
+  std::unique_ptr<PendingRequest> request_;
+};
+
+void reportCompletionException(const std::shared_ptr<IVorlinLogger>& logger, const std::exception* what) noexcept {
+  log(logger, LogLevel::err, "completion exception: {}", what ? what->what() : "unknown");
+}
+
+std::future<std::expected<RawMessage, Error>>
+VorlinSessionImpl::send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options) {
+  if (!isConnected() || !isFor(options)) return readyWith<RawMessage>(notConnectedError());
+  auto promised = std::make_unique<FutureRequest>(commandId, payload, withTimeout(options));
   auto result = promised->future();
   std::unique_ptr<PendingRequest> request = std::move(promised);
-  if (!sendDirectly(request)) inbox_.push(std::make_unique<SendJob>(*framer_, std::move(request)));
+  pass(request);
   return result;
+}
+
+void VorlinSessionImpl::send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options,
+                             SendCompletion completion) {
+  auto called =
+      std::make_unique<CompletionRequest>(commandId, payload, withTimeout(options), std::move(completion), logger_);
+  CompletionRequest& own = *called;
+  std::unique_ptr<PendingRequest> request = std::move(called);
+  try {
+    if (inherited())
+      request->complete(std::unexpected(notConnectedError()));
+    else if (!isConnected() || !isFor(options))
+      inbox_.push(std::make_unique<RefuseJob>(std::move(request)));
+    else
+      pass(request);
+  } catch (...) { // there was no memory to pass it on: the caller has the exception
+    own.withdraw();
+    throw;
+  }
+}
+
+SendOptions VorlinSessionImpl::withTimeout(SendOptions options) const noexcept {
+  if (options.timeout.count() <= 0) options.timeout = config_.request_timeout;
+  return options;
+}
+
+/// Whether a request may go out on the connection that is up.
+bool VorlinSessionImpl::isFor(const SendOptions& options) const noexcept {
+  return options.connection == 0 || options.connection == connection();
+}
+
+/// Takes the request, unless it throws.
+void VorlinSessionImpl::pass(std::unique_ptr<PendingRequest>& request) {
+  if (!sendDirectly(request)) inbox_.push(std::make_unique<SendJob>(*this, std::move(request)));
 }
 
 /// Writes the request here when the session is quiet, which spares the switch to the I/O thread. That thread hears of
@@ -43,8 +99,10 @@ bool VorlinSessionImpl::sendDirectly(std::unique_ptr<PendingRequest>& request) {
   const std::uint8_t sender = clientId();
   auto frame = codec_->encodeRequest(request->commandId, sender, request->payload);
   if (!frame) return false;
-  // A response may have brought another client id while the frame was made.
-  const auto result = directWrite.tryWrite(request, std::move(*frame), [&] { return clientId() == sender; });
+  // While the frame was made a response may have brought another client id, or another connection has come up: the line
+  // that is open is that of the connection whose number can be read, and stays so to the end of the write.
+  const auto result =
+      directWrite.tryWrite(request, std::move(*frame), [&] { return clientId() == sender && isFor(request->options); });
   if (result == DirectWrite::Result::WrittenAndWake) inbox_.wake();
   return result != DirectWrite::Result::NotWritten;
 }
@@ -54,15 +112,6 @@ bool VorlinSessionImpl::sendDirectly(std::unique_ptr<PendingRequest>& request) {
 void VorlinSessionImpl::claimDirectWrite() {
   directWriteClaimed_ = true;
   takeOver(transport_->directWrite().claim());
-}
-
-/// I/O thread, before it looks at received bytes, which may hold the answer to what a caller has written. While nothing
-/// is in flight callers may go on, since nothing in the bytes can make this thread write.
-void VorlinSessionImpl::claimDirectlyWritten() {
-  if (directWriteClaimed_) return;
-  auto written = transport_->directWrite().claimWritten();
-  directWriteClaimed_ = written.has_value();
-  takeOver(std::move(written));
 }
 
 void VorlinSessionImpl::takeOver(std::optional<WrittenRequest> written) {
@@ -76,7 +125,7 @@ void VorlinSessionImpl::takeOver(std::optional<WrittenRequest> written) {
 /// I/O thread: lets the next caller write if nothing is under way.
 void VorlinSessionImpl::openDirectWrite() {
   if (directWriteClaimed_ && framer_->isQuiet())
-    directWriteClaimed_ = !transport_->directWrite().open(framer_->timerRuns());
+    directWriteClaimed_ = !transport_->directWrite().open(framer_->nextLook());
 }
 
 } // namespace vorlinkit

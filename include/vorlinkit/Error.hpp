@@ -21,6 +21,7 @@ enum class ErrorCode : std::uint8_t {
 struct Error {
   ErrorCode code{};
   std::string message;
+  std::uint32_t majorError = 0; ///< Protocol: why the machine refused the request (ProtocolErrorFlags); else 0
 
   friend bool operator==(const Error&, const Error&) = default;
 };

@@ -26,8 +26,12 @@ struct SessionConfig {
   /// ("Disconnected: Connection timed out"), counted from the last byte that it acknowledged. 0 and less: the longer
   /// of 15 s and `request_timeout` times `request_attempts`.
   std::chrono::milliseconds stall_timeout{0};
-  /// Fixed wait before each re-connect.
+  /// Wait before each re-connect.
   std::chrono::milliseconds reconnect_delay{1000};
+  /// 0 and less: every wait is `reconnect_delay`. Else each one is twice as long as the one before, up to this, until
+  /// a connection is made; a random part, at most half, is taken off, so that many clients of a machine do not come
+  /// back at once.
+  std::chrono::milliseconds reconnect_delay_max{0};
   /// Re-connect after a failed connect or a lost connection, for ever, until disconnect().
   bool auto_reconnect = true;
   /// Carried only: the access key in a request's header is fixed and does not come from here.

@@ -7,6 +7,7 @@
 #include <vorlinkit/RawMessage.hpp>
 #include <vorlinkit/SessionConfig.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <expected>
@@ -27,6 +28,21 @@ using FrameObserver = std::function<void(FrameDirection, std::span<const std::by
 /// Called on every change of the connection, on the I/O thread: (true, "") or (false, reason).
 using StateObserver = std::function<void(bool connected, const std::string& reason)>;
 
+/// How one request is sent.
+struct SendOptions {
+  /// Time allowed for the response to one attempt; 0 and less: `request_timeout`.
+  std::chrono::milliseconds timeout{0};
+  /// The number of the connection on which it may go out (`VorlinSession::connection`); 0: on any. On another one the
+  /// request is refused: "Not connected".
+  std::uint64_t connection = 0;
+};
+/// Called once with what became of a request, on the I/O thread.
+using SendCompletion = std::function<void(std::expected<RawMessage, Error>)>;
+/// Called once with what became of an attempt to connect, on the I/O thread.
+using ConnectCompletion = std::function<void(std::expected<void, Error>)>;
+/// Called once when the connection is closed, on the I/O thread.
+using DisconnectCompletion = std::function<void()>;
+
 /// A session with a machine's control server.
 ///
 /// Owns one I/O thread, which runs everything: reads, writes, timers and every callback. All operations
@@ -36,6 +52,10 @@ using StateObserver = std::function<void(bool connected, const std::string& reas
 ///
 /// After a fork the child may only destroy an inherited session: connect and send fail with "Not
 /// connected", the rest does nothing, and callbacks are not kept.
+///
+/// A completion is called exactly once, whatever happens, unless the call it was given to has thrown. Once the I/O
+/// thread has ended, and in the child of a fork, that is on the thread that makes the call or ends the session; so do
+/// not send again when it is told Stopped.
 class VorlinSession {
 public:
   /// Starts the I/O thread; does not connect. Throws std::system_error if the thread cannot be started.
@@ -49,13 +69,17 @@ public:
   /// Connects within `connection_timeout`; a connect or connection that is under way is given up first.
   /// Failure: Transport or Timeout, "Failed to connect: " and the reason.
   std::future<std::expected<void, Error>> connect();
+  void connect(ConnectCompletion completion);
   /// Closes the connection, ends re-connecting, and waits until both are done; on the I/O thread of any
   /// session it only starts the close, since two sessions that wait for each other would do so for ever.
   void disconnect();
   /// The same without waiting: the future becomes ready when both are done. On the I/O thread of any session
   /// it is ready at once.
   std::future<void> start_disconnect();
+  void start_disconnect(DisconnectCompletion completion);
   bool is_connected() const noexcept;
+  /// The number of the connection that is up, 0 for none. Each new one has a higher number.
+  std::uint64_t connection() const noexcept;
   /// The id the machine gave this connection, learned from the response to command 1; 0 when unknown.
   std::uint8_t client_id() const noexcept;
 
@@ -66,7 +90,11 @@ public:
   ///
   /// A response is matched to the request in flight by its command id alone, as the protocol carries
   /// nothing else: a late answer after a time-out is taken by the next request of the same command.
-  std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload = {});
+  std::future<std::expected<RawMessage, Error>> send(std::uint16_t commandId, std::span<const std::byte> payload = {},
+                                                     SendOptions options = {});
+  /// The same without a future, for callers who must not wait.
+  void send(std::uint16_t commandId, std::span<const std::byte> payload, SendOptions options,
+            SendCompletion completion);
 
   /// One handler per command id; a later one replaces the earlier, an empty one removes it.
   void on_notification(std::uint16_t commandId, NotificationHandler handler);

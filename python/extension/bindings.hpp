@@ -10,6 +10,7 @@ namespace vorlinkit::python {
 void registerLogger(pybind11::module_& module);      // LogLevel, IVorlinLogger
 void registerConfig(pybind11::module_& module);      // SessionConfig
 void registerCodedValues(pybind11::module_& module); // CodedValueKind, FrameDirection, FieldCodedValue(s)
+void registerEventQueue(pybind11::module_& module);  // _EventQueue, _EventLogger
 void registerSession(pybind11::module_& module);     // VorlinSession
 void registerCommandBlocks(pybind11::module_& module);
 

@@ -17,6 +17,7 @@ void initialise(py::module_& module) {
   registerLogger(module);
   registerConfig(module);
   registerCodedValues(module);
+  registerEventQueue(module);
   registerSession(module);
 #ifdef VORLINKIT_COMMAND_BLOCKS
   registerCommandBlocks(module);

@@ -3,10 +3,12 @@
 A list attribute reads as a new list whose elements look at the stored items: setting an attribute of an
 element changes the record, appending to the list does not. A variant reads the same way. Assigning a list or a
 variant stores copies; elements that were read before keep what they looked at.
+
+Records take their attributes as keywords when they are made, compare by content, and can be copied and pickled.
 """
 
 from collections.abc import Callable, Sequence
-from typing import ClassVar, Generic, Literal, NoReturn, TypeVar, overload
+from typing import Any, ClassVar, Generic, Literal, NoReturn, TypeVar, overload
 
 _Item = TypeVar("_Item")
 
@@ -80,6 +82,7 @@ class SessionConfig:
     """Attempts per request, the first included; 0 counts as 1. Default 1."""
     reconnect_delay: int
     """Milliseconds to wait before each re-connect. Default 1000."""
+    _reconnect_delay_max: int
     auto_reconnect: bool
     """Re-connect after a failed connect or a lost connection, until `disconnect`. Default True."""
     access_keys: tuple[int, int, int, int]
@@ -149,6 +152,17 @@ class FieldCodedValues:
     def values(self) -> list[FieldCodedValue]:
         """A new list of the rows, in the order of the protocol."""
 
+class _EventQueue:
+    def __init__(self) -> None: ...
+    def take(self) -> list[tuple[Any, ...]]: ...
+    def wait(self, timeout: float | None) -> list[tuple[Any, ...]]: ...
+    def wake(self) -> None: ...
+    def fileno(self) -> int: ...
+    def dropped(self) -> int: ...
+
+class _EventLogger(IVorlinLogger):
+    def __init__(self, queue: _EventQueue) -> None: ...
+
 class VorlinSession:
     """A session with a machine's control server: one connection, one I/O thread."""
 
@@ -172,3 +186,14 @@ class VorlinSession:
         """Have `callback(payload)` called for every notification of one command, on the I/O thread."""
     def on_frame(self, callback: Callable[[FrameDirection, bytes], object]) -> None:
         """Have `callback(direction, frame)` called for every frame sent and received, on the I/O thread."""
+    def _attach(self, queue: _EventQueue) -> None: ...
+    def _request(
+        self, command_id: int, payload: bytes, timeout_ms: int, connection: int
+    ) -> tuple[int, str, bytes, int, int]: ...
+    def _send(
+        self, command_id: int, payload: bytes, timeout_ms: int, connection: int, token: object
+    ) -> None: ...
+    def _start_connect(self, token: object) -> None: ...
+    def _start_disconnect(self, token: object) -> None: ...
+    def _watch(self, command_id: int) -> None: ...
+    def _close(self) -> None: ...

@@ -125,6 +125,7 @@ class Command:
     without notifications. ``address``: the keys of the request's fields that name what the notifications are
     about; asking again about the same object replaces the earlier subscription. ``progress``: the key of the
     notification's field that says, in percent, how far the task is that the request began, "" if none does.
+    ``about``: what else is worth knowing of it, mostly nothing.
     """
 
     id: int
@@ -142,6 +143,7 @@ class Command:
     address: tuple[str, ...]
     unasked: str
     progress: str
+    about: str = ""
 
     @property
     def request(self) -> Message | None:
@@ -263,6 +265,7 @@ def _command(entry: Mapping[str, Any]) -> Command:
         address=tuple(entry["address"]),
         unasked=entry["unasked"],
         progress=entry["progress"],
+        about=entry.get("about", ""),
     )
 
 

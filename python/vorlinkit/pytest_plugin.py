@@ -17,13 +17,13 @@ one counts::
 
 from __future__ import annotations
 
-import importlib
 from collections.abc import Callable, Generator, Iterator
 from typing import TYPE_CHECKING, Any, Final, TypeVar
 
 import pytest
 
 if TYPE_CHECKING:
+    from .client.machine import Machine
     from .simulator import SimulatorProcess
 
 KEYWORDS: Final = ("rules", "control", "connect")
@@ -58,10 +58,11 @@ def vorlin_simulator(request: pytest.FixtureRequest) -> Iterator[SimulatorProces
 
 
 @pytest.fixture
-def vorlin_machine(request: pytest.FixtureRequest, vorlin_simulator: SimulatorProcess) -> Iterator[Any]:
+def vorlin_machine(request: pytest.FixtureRequest, vorlin_simulator: SimulatorProcess) -> Iterator[Machine]:
     """A `vorlinkit.Machine` that is connected to the simulator of this test, and closed behind it."""
+    from .client.machine import connect
+
     _, wanted = _marked(request)
-    connect = importlib.import_module("vorlinkit").connect
     with connect(vorlin_simulator.host, vorlin_simulator.port, **wanted.get("connect", {})) as machine:
         yield machine
 

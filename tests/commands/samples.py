@@ -4,7 +4,8 @@ must be rendered as. The coder and the renderer here are written apart from thos
   python3 samples.py CATALOGUE_FOLDER OUT_FOLDER [OVERLAY...]     (with the generator on PYTHONPATH)
 
 Writes samples.txt, one line per payload (type, hexadecimal bytes, JSON text, separated by tabs), and for
-the C++ test headers.inc and decoders.inc, a table of all decoders.
+the C++ test headers.inc, decoders.inc, a table of all decoders, and descriptions.inc, what each command's description
+must say.
 """
 
 import random
@@ -114,6 +115,16 @@ def samples(command: Command, message: Message):
         yield bytes(sample.bytes), "{" + ", ".join(entries) + "}"
 
 
+def described(command: Command) -> str:
+    messages = {message.role: message.record.type for message in command.messages}
+    types = (messages.get(role, "void") for role in ("request", "response", "notification"))
+    subscribing = str(bool(command.facts.subscribes)).lower()
+    return (
+        f'static_assert(describes<{command.name}, {", ".join(types)}>({command.id}, "{command.name}", '
+        f"{subscribing}));\n"
+    )
+
+
 def main() -> None:
     folder, out, *overlays = map(Path, sys.argv[1:])
     catalogue, findings = read_catalogue(folder, overlays, partial=True)
@@ -132,6 +143,7 @@ def main() -> None:
     headers = [f"#include <vorlinkit/commands/{family.name}.hpp>\n" for family in catalogue.families]
     write(out / "headers.inc", "".join(headers))
     write(out / "decoders.inc", "".join(decoders))
+    write(out / "descriptions.inc", "".join(map(described, catalogue.commands())))
 
 
 if __name__ == "__main__":

@@ -132,6 +132,7 @@ public:
       expectReady(send(id));
     expectReady(send(Echo, largePayload));
     sendQueued();
+    sendCalled();
     call([this] { session_->onFrame([this](FrameDirection, std::span<const std::byte> frame) { keep(frame); }); });
     expectReady(send(Among));
     call([this] { session_->onFrame({}); });
@@ -156,6 +157,21 @@ private:
     std::array<std::future<Outcome>, 4> outcomes;
     std::ranges::generate(outcomes, [this] { return send(Echo); });
     std::ranges::for_each(outcomes, [this](auto& outcome) { expectReady(outcome); });
+  }
+
+  /// A call that throws is made again, so whoever was told by it would be told twice.
+  void sendCalled() {
+    std::atomic<int> told = 0;
+    std::promise<void> all;
+    const auto tell = [&told, &all](const auto&...) {
+      if (++told == 4) all.set_value();
+    };
+    call([&] { session_->send(Echo, {}, {}, tell); });
+    call([&] { session_->send(Forgets, largePayload, {.timeout = std::chrono::milliseconds(5)}, tell); });
+    call([&] { session_->startDisconnect([&] { tell(); }); });
+    call([&] { session_->connect(tell); });
+    expectReady(all.get_future());
+    EXPECT_EQ(told, 4) << "allocation " << current;
   }
 
   void registerCallbacks() {

@@ -23,7 +23,7 @@ template <typename Number> Number number(Words& words) {
 
 class Requests {
 public:
-  explicit Requests(const std::string& title) : fsm_(100ms, title.ends_with("(3 attempts)") ? 3 : 1, counters_) {}
+  explicit Requests(const std::string& title) : fsm_(title.ends_with("(3 attempts)") ? 3 : 1, counters_) {}
 
   std::string play(const std::string& event, Words& words) {
     const Error error{ErrorCode::Transport, event};
@@ -59,13 +59,16 @@ public:
 private:
   using Time = RequestFsm::TimePoint;
   static constexpr Time start{1h};
+  static constexpr std::uint16_t hasty = 30;
 
   struct Silent final : PendingRequest {
     using PendingRequest::PendingRequest;
     void complete(Outcome) noexcept override {}
   };
   static std::unique_ptr<PendingRequest> request(Words& words) {
-    return std::make_unique<Silent>(number<std::uint16_t>(words), std::span<const std::byte>());
+    const auto commandId = number<std::uint16_t>(words);
+    const auto timeout = commandId == hasty ? 30ms : 100ms;
+    return std::make_unique<Silent>(commandId, std::span<const std::byte>(), SendOptions{timeout});
   }
   static Time at(Words& words) { return start + std::chrono::milliseconds(number<int>(words)); }
   void submitWritten(Words& words) {
@@ -94,7 +97,8 @@ private:
   bool tell(const RequestFsm::ReadLine&) { return say("read line"); }
   bool tell(const RequestFsm::Complete& done) {
     return say(std::to_string(done.request->commandId) +
-               (done.outcome ? " ok" : " failed: " + done.outcome.error().message));
+               (done.outcome ? " ok" : " failed: " + done.outcome.error().message) +
+               (done.outcome || done.outcome.error().majorError == 0 ? "" : " by its flags"));
   }
   bool tell(const RequestFsm::LogRetry& log) {
     static const char* const causes[] = {"write failed ", "observer threw ", "timed out "};
@@ -109,7 +113,10 @@ private:
 
 class Connections {
 public:
-  explicit Connections(const std::string&) {}
+  explicit Connections(const std::string& title)
+      : fsm_(std::make_error_code(std::errc::operation_canceled), {100ms, title.ends_with("(up to 1000)") ? 1000ms
+                                                                          : title.ends_with("(up to 50)") ? 50ms
+                                                                                                          : 0ms}) {}
 
   std::string play(const std::string& event, Words& words) {
     const auto attempt = number<ConnectionFsm::Number>(words);
@@ -131,19 +138,21 @@ public:
   }
 
 private:
-  static std::string text(const ConnectionFsm::Decision& decision) {
+  std::string text(const ConnectionFsm::Decision& decision) {
     std::string text;
     if (decision.cancelReconnect) text += "cancel, ";
     if (const auto failed = decision.attemptFailed)
       text += failed->timedOut ? "timed out, " : "attempt failed: " + failed->reason.message() + ", ";
     if (decision.lost) text += "lost: " + decision.lost->message() + ", ";
-    if (decision.scheduleReconnect) text += "schedule, ";
+    const auto delay = [this](double random) { return std::to_string(fsm_.reconnectDelay(random) / 1ms); };
+    if (decision.scheduleReconnect)
+      text += "schedule " + delay(0) + (delay(1) == delay(0) ? "" : "-" + delay(1)) + ", ";
     if (decision.lookUp) text += "look up, ";
     if (decision.connectToAddress) text += "connect to " + std::to_string(*decision.connectToAddress) + ", ";
     return decision.connected ? text + "connected, " : text;
   }
 
-  ConnectionFsm fsm_{std::make_error_code(std::errc::operation_canceled)};
+  ConnectionFsm fsm_;
 };
 
 std::string trimmed(std::string text) {

@@ -15,8 +15,12 @@ namespace {
 using namespace std::chrono_literals;
 using Result = DirectWrite::Result;
 
+constexpr auto timeout = 1h;
+constexpr auto never = DirectWrite::TimePoint::max();
+constexpr auto past = DirectWrite::TimePoint(); // a timer that will fire in time for everything
+
 std::unique_ptr<PendingRequest> request(std::uint16_t commandId = 9) {
-  return std::make_unique<FutureRequest>(commandId, std::span<const std::byte>());
+  return std::make_unique<FutureRequest>(commandId, std::span<const std::byte>(), SendOptions{timeout});
 }
 
 Result tryWrite(DirectWrite& direct, std::unique_ptr<PendingRequest> given = request(), bool stillGood = true) {
@@ -26,17 +30,17 @@ Result tryWrite(DirectWrite& direct, std::unique_ptr<PendingRequest> given = req
 TEST(DirectWrite, IsOpenOnlyBetweenOpenAndTheNextClaimWriteOrDetach) {
   DirectWrite direct;
   const auto takesAll = [](std::span<const std::byte> bytes) { return bytes.size(); };
-  EXPECT_FALSE(direct.open(true)) << "no line";
+  EXPECT_FALSE(direct.open(past)) << "no line";
   direct.attach(takesAll);
   EXPECT_EQ(tryWrite(direct), Result::NotWritten) << "closed";
   EXPECT_FALSE(direct.claim());
 
-  ASSERT_TRUE(direct.open(true));
+  ASSERT_TRUE(direct.open(past));
   EXPECT_TRUE(direct.isOpen());
   EXPECT_EQ(tryWrite(direct, request(), false), Result::NotWritten) << "the frame is stale";
   EXPECT_EQ(tryWrite(direct), Result::Written);
   EXPECT_EQ(tryWrite(direct), Result::NotWritten) << "handed over";
-  EXPECT_FALSE(direct.open(true)) << "handed over";
+  EXPECT_FALSE(direct.open(past)) << "handed over";
   direct.detach();
   const auto claimed = direct.claim();
   ASSERT_TRUE(claimed) << "what was handed over survives the line";
@@ -44,14 +48,17 @@ TEST(DirectWrite, IsOpenOnlyBetweenOpenAndTheNextClaimWriteOrDetach) {
   EXPECT_FALSE(direct.claim());
 
   direct.attach(takesAll);
-  ASSERT_TRUE(direct.open(false));
+  ASSERT_TRUE(direct.open(never));
   EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake) << "no timer runs";
   direct.claim();
-  ASSERT_TRUE(direct.open(true));
+  ASSERT_TRUE(direct.open(std::chrono::steady_clock::now() + 2 * timeout));
+  EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake) << "the timer fires too late for this request";
+  direct.claim();
+  ASSERT_TRUE(direct.open(past));
   direct.detach();
   EXPECT_EQ(tryWrite(direct), Result::NotWritten) << "detached";
   direct.attach(takesAll);
-  ASSERT_TRUE(direct.open(true));
+  ASSERT_TRUE(direct.open(past));
   EXPECT_FALSE(direct.claim());
   EXPECT_EQ(tryWrite(direct), Result::NotWritten) << "claimed";
 }
@@ -60,13 +67,13 @@ TEST(DirectWrite, HandsOnWhatTheLineDidNotTake) {
   std::expected<std::size_t, std::error_code> taken = 0;
   DirectWrite direct;
   direct.attach([&](std::span<const std::byte>) { return taken; });
-  ASSERT_TRUE(direct.open(true));
+  ASSERT_TRUE(direct.open(past));
   EXPECT_EQ(tryWrite(direct), Result::NotWritten) << "nothing was written, so the I/O thread may do it all";
   EXPECT_TRUE(direct.isOpen());
   taken = 5;
   EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake);
   EXPECT_EQ(direct.claim()->from, 5U);
-  ASSERT_TRUE(direct.open(true));
+  ASSERT_TRUE(direct.open(past));
   taken = std::unexpected(std::make_error_code(std::errc::broken_pipe));
   EXPECT_EQ(tryWrite(direct), Result::WrittenAndWake);
   EXPECT_EQ(direct.claim()->failure, std::errc::broken_pipe);
@@ -84,7 +91,7 @@ TEST(DirectWrite, ClaimAndDetachWaitForTheEndOfAWrite) {
       written = true;
       return bytes.size();
     });
-    ASSERT_TRUE(direct.open(true));
+    ASSERT_TRUE(direct.open(past));
     std::thread caller([&] { EXPECT_EQ(tryWrite(direct), Result::Written); });
     writing.get_future().wait();
     auto ioThread = std::async(std::launch::async, [&] {
@@ -105,13 +112,13 @@ TEST(DirectWrite, ARequestIsTakenOverWhileItsCallerStillWrites) {
       DirectWrite direct;
       direct.attach([&](std::span<const std::byte>) {
         // The I/O thread meanwhile: the answer is there.
-        EXPECT_EQ(direct.claimWritten().value().request->commandId, 9);
-        EXPECT_FALSE(direct.claimWritten());
-        EXPECT_TRUE(!answered || direct.open(true));
+        EXPECT_EQ(direct.beginRead().written.value().request->commandId, 9);
+        EXPECT_FALSE(direct.beginRead().written);
+        EXPECT_TRUE(!answered || direct.open(past));
         EXPECT_EQ(tryWrite(direct), Result::NotWritten);
         return taken;
       });
-      ASSERT_TRUE(direct.open(true));
+      ASSERT_TRUE(direct.open(past));
       EXPECT_EQ(tryWrite(direct), taken == 18 ? Result::Written : Result::WrittenAndWake);
       EXPECT_EQ(direct.isOpen(), taken == 18 && answered);
       const auto rest = direct.claim();
@@ -122,6 +129,21 @@ TEST(DirectWrite, ARequestIsTakenOverWhileItsCallerStillWrites) {
       EXPECT_EQ(rest->unwritten.size(), 18U);
     }
   }
+}
+
+TEST(DirectWrite, NothingThatIsWrittenDuringAReadCanBeAnsweredByIt) {
+  DirectWrite direct;
+  direct.attach([](std::span<const std::byte> bytes) { return bytes.size(); });
+  ASSERT_TRUE(direct.open(past));
+  auto reading = direct.beginRead();
+  EXPECT_FALSE(reading.written);
+  auto caller = std::async(std::launch::async, [&] { return tryWrite(direct); });
+  EXPECT_EQ(caller.wait_for(20ms), std::future_status::timeout) << "else an earlier answer would be taken for its own";
+  reading.nobodyWrites.unlock();
+  EXPECT_EQ(caller.get(), Result::Written);
+  reading = direct.beginRead();
+  EXPECT_TRUE(reading.written) << "it is known before its answer is read";
+  EXPECT_FALSE(reading.nobodyWrites.owns_lock());
 }
 
 TEST(DirectWrite, ManyCallersAndTheIoThreadNeverWriteAtOnceAndLoseNothing) {
@@ -152,9 +174,9 @@ TEST(DirectWrite, ManyCallersAndTheIoThreadNeverWriteAtOnceAndLoseNothing) {
   begin.arrive_and_wait();
   int claimed = 0;
   while (running > 0) {
-    direct.open(true);
+    direct.open(past);
     std::this_thread::yield();
-    if (direct.claimWritten()) ++claimed;
+    if (direct.beginRead().written) ++claimed;
     if (direct.claim()) ++claimed;
     writeOne(); // as the I/O thread does, with all claimed
   }

@@ -21,7 +21,6 @@ public:
   std::optional<Written> write(std::vector<std::byte> frame, std::size_t) noexcept override {
     written.push_back(std::move(frame));
     if (onWrite) onWrite();
-    if (takesLong) return std::nullopt;
     if (failures.empty()) return Written();
     const Error failure = failures.front();
     failures.pop_front();
@@ -31,14 +30,12 @@ public:
     if (onRead) onRead();
   }
   asio::any_io_executor getExecutor() override { return context.get_executor(); }
-  void endWrite() { onWritten_(Written()); }
 
   asio::io_context context;
   std::vector<Bytes> written;
   std::deque<Error> failures;
   std::function<void()> onWrite;
   std::function<void()> onRead;
-  bool takesLong = false; // writes end by endWrite()
 };
 
 struct Framer : testing::Test {
@@ -46,14 +43,16 @@ struct Framer : testing::Test {
   std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
   CallbackSlots slots;
   int clientId = 3;
+  std::chrono::milliseconds requestTimeout{};
   std::unique_ptr<MessageFramer> framer;
 
   void SetUp() override { make(1); }
   /// In place of the framer that was there; with a time-out that never comes unless the test is about it.
   void make(std::uint32_t attempts, std::chrono::milliseconds timeout = 1h) {
+    requestTimeout = timeout;
     if (framer) TearDown();
     framer = std::make_unique<MessageFramer>(
-        timeout, attempts, std::make_shared<VorlinCodec>(), channel,
+        attempts, std::make_shared<VorlinCodec>(), channel,
         MessageFramer::Callbacks{.slots = slots,
                                  .clientId = [this] { return static_cast<std::uint8_t>(clientId); },
                                  .setClientId = [this](std::uint8_t id) { clientId = id; }},
@@ -70,7 +69,7 @@ struct Framer : testing::Test {
     channel.context.poll();
   }
   std::future<MessageFramer::Outcome> send(std::uint16_t commandId, const Bytes& payload = {}) {
-    auto request = std::make_unique<FutureRequest>(commandId, payload);
+    auto request = std::make_unique<FutureRequest>(commandId, payload, SendOptions{requestTimeout});
     auto outcome = request->future();
     framer->submit(std::move(request));
     settle();
@@ -103,51 +102,26 @@ struct Framer : testing::Test {
   }
 };
 
-TEST_F(Framer, SendsOneRequestAtATimeAndMatchesByCommandId) {
-  auto nine = send(9, bytes({1}));
-  auto eleven = send(11);
-  ASSERT_EQ(channel.written, std::vector<Bytes>(1, request(9, 3, bytes({1})))) << "the second waits for the first";
-  receive(response(7, {}));
-  EXPECT_FALSE(ready(nine));
-  receive(response(9, bytes({42})) + notification(4, {}));
-  const auto result = nine.get();
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->payload.size(), 1U);
-  ASSERT_EQ(channel.written.size(), 2U);
-  EXPECT_EQ(channel.written[1], request(11, 3, {}));
-  receive(response(11, {}));
-  EXPECT_TRUE(eleven.get());
-  EXPECT_THAT(records(), ElementsAre("3 Received response for commandId=7 but no active pending request found",
-                                     "3 No handler for notification commandId=4"));
-}
-
-TEST_F(Framer, LogsRefusalsWarningsAndRetries) {
+TEST_F(Framer, LogsWhatIsUnexpectedRefusalsWarningsAndRetries) {
   make(2);
+  receive(response(7, {}) + notification(4, {}));
   channel.failures = {{ErrorCode::Transport, "Write failed: x"}};
   auto refused = send(5);
   receive(response(5, {}, 0x21));
-  EXPECT_EQ(errorOf(refused),
-            (Error{ErrorCode::Protocol, "VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
-                                        "ExclusiveControlRequired (0x00000020)"}));
+  EXPECT_EQ(errorOf(refused), (Error{ErrorCode::Protocol,
+                                     "VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
+                                     "ExclusiveControlRequired (0x00000020)",
+                                     0x21}));
   auto warned = send(5);
   receive(response(5, {}, 0, 1));
   EXPECT_TRUE(warned.get());
-  EXPECT_THAT(records(), ElementsAre("3 Write failed for commandId=5, retrying attempt 2 of 2",
+  EXPECT_EQ(channel.written, std::vector<Bytes>(3, request(5, 3, {})));
+  EXPECT_THAT(records(), ElementsAre("3 Received response for commandId=7 but no active pending request found",
+                                     "3 No handler for notification commandId=4",
+                                     "3 Write failed for commandId=5, retrying attempt 2 of 2",
                                      "4 VORLIN protocol error (majorError): HeaderLengthIncorrect (0x00000001) | "
                                      "ExclusiveControlRequired (0x00000020)",
                                      "3 VORLIN protocol warning (minorError): UnknownRequestVersion (0x00000001)"));
-}
-
-TEST_F(Framer, TheNextRequestWaitsForTheEndOfAWriteWhoseRequestIsOver) {
-  channel.takesLong = true;
-  auto refused = send(5);
-  receive(response(5, {}, 0x20));
-  EXPECT_TRUE(ready(refused));
-  auto next = send(6);
-  EXPECT_EQ(channel.written.size(), 1U);
-  EXPECT_FALSE(framer->isQuiet());
-  channel.endWrite();
-  EXPECT_EQ(channel.written.size(), 2U);
 }
 
 TEST_F(Framer, LooksAtWhatHasArrivedBeforeItGivesUp) {

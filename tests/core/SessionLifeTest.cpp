@@ -90,12 +90,17 @@ TEST(SessionLife, EveryFutureIsAnsweredWhenTheIoThreadDies) {
   ASSERT_TRUE(session.connect().get());
   auto inFlight = session.send(9, {});
   auto queued = session.send(10, {});
+  std::atomic<int> told = 0;
+  session.send(12, {}, {}, [&](const Outcome&) { ++told; });
   asio::post(session.ioContext(), [] { throw std::runtime_error("broken handler"); });
   EXPECT_FALSE(inFlight.get());
   EXPECT_FALSE(queued.get());
   EXPECT_FALSE(session.send(11, {}).get());
   EXPECT_FALSE(session.connect().get());
+  session.send(12, {}, {}, [&](const Outcome&) { ++told; });
+  session.connect([&](const auto&) { ++told; });
   session.startDisconnect().wait();
+  EXPECT_EQ(told, 3);
   EXPECT_EQ(logger->count("4 src/VorlinSessionImpl io_context run exception: broken handler"), 1);
 }
 
@@ -141,7 +146,11 @@ TEST(SessionLife, AForkedChildDropsASessionWithoutWaiting) {
   const pid_t child = fork();
   if (child == 0) {
     alarm(5);
-    const bool lost = !session->is_connected() && !session->send(3).get() && !session->connect().get();
+    int told = 0;
+    session->send(3, {}, {}, [&](const Outcome& outcome) { told += outcome ? 0 : 1; });
+    session->connect([&](const auto& outcome) { told += outcome ? 0 : 1; });
+    session->start_disconnect([&] { ++told; });
+    const bool lost = !session->is_connected() && !session->send(3).get() && !session->connect().get() && told == 3;
     session->disconnect();
     session->on_notification(4, {});
     session->on_frame({});

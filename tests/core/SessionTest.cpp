@@ -98,6 +98,106 @@ TEST(Session, FailsEverythingPendingWhenTheConnectionIsLost) {
   EXPECT_THAT(states, ElementsAre("up", StartsWith("Disconnected: "), "up", StartsWith("Disconnected: ")));
 }
 
+/// Sends without a future; what comes of it can be waited for all the same.
+std::future<Outcome> sendCalled(VorlinSession& session, std::uint16_t commandId, SendOptions options = {}) {
+  const auto told = std::make_shared<std::promise<Outcome>>();
+  session.send(commandId, {}, options, [told, &session](Outcome outcome) {
+    EXPECT_TRUE(session.is_io_thread());
+    told->set_value(std::move(outcome));
+  });
+  return told->get_future();
+}
+
+TEST(Session, CompletionsAreToldOnceWhatFuturesAreTold) {
+  ScriptedMachine machine({[](Peer& peer) {
+    while (const auto got = peer.read()) {
+      if (got->commandId == 8) peer.write(response(8, {}, 0x20));
+      if (got->commandId == 9) peer.write(response(9, bytes({1})));
+    }
+  }});
+  const auto logger = std::make_shared<RecordingLogger>(LogLevel::err);
+  std::optional<VorlinSession> session(std::in_place, configFor(machine.port()), logger);
+  EXPECT_EQ(errorOf(sendCalled(*session, 9).get()), (Error{ErrorCode::Transport, "Not connected"}));
+  std::promise<bool> connected;
+  session->connect([&](const auto& outcome) { connected.set_value(outcome.has_value()); });
+  ASSERT_TRUE(connected.get_future().get());
+  for (const bool observed : {false, true}) { // with an observer no caller writes
+    if (observed) session->on_frame([](FrameDirection, std::span<const std::byte>) {});
+    EXPECT_EQ(payloadOf(sendCalled(*session, 9).get()), bytes({1}));
+    EXPECT_EQ(errorOf(sendCalled(*session, 8).get()).majorError, 0x20U);
+    EXPECT_EQ(errorOf(sendCalled(*session, 7, {.timeout = 20ms}).get()).code, ErrorCode::Timeout);
+  }
+  session->send(9, {}, {}, [](const Outcome&) { throw std::runtime_error("no use"); });
+  session->send(9, {}, {}, [](const Outcome&) { throw 1; });
+  auto unanswered = sendCalled(*session, 7);
+  std::promise<void> closed;
+  session->start_disconnect([&] { closed.set_value(); });
+  closed.get_future().wait();
+  EXPECT_THAT(errorOf(unanswered.get()).message, StartsWith("Disconnected: "));
+  EXPECT_EQ(logger->count("4 src/VorlinSessionImpl completion exception: no use"), 1);
+  EXPECT_EQ(logger->count("4 src/VorlinSessionImpl completion exception: unknown"), 1);
+
+  ASSERT_TRUE(session->connect().get());
+  std::atomic<int> told = 0;
+  for (int i = 0; i < 100; ++i)
+    session->send(7, {}, {}, [&](const Outcome& outcome) { told += outcome ? 1000 : 1; });
+  session.reset();
+  EXPECT_EQ(told, 100) << "nobody waits for a session that is gone";
+}
+
+TEST(Session, ATimeOutOfItsOwnIsKeptByWhateverRoad) {
+  ScriptedMachine machine({&Peer::ignore});
+  VorlinSession session(configFor(machine.port())); // 15 s
+  ASSERT_TRUE(session.connect().get());
+  auto patient = session.send(8); // leaves the timer running
+  auto hasty = session.send(9, {}, {.timeout = 30ms});
+  EXPECT_EQ(hasty.wait_for(50ms), std::future_status::timeout) << "its time begins when it is written";
+  session.disconnect();
+  ASSERT_TRUE(session.connect().get());
+  for (int round = 0; round < 2; ++round) // the timer runs for a connection that is gone
+    EXPECT_EQ(errorOf(session.send(9, {}, {.timeout = 30ms}).get()).code, ErrorCode::Timeout);
+}
+
+TEST(Session, ARequestOfAnOldConnectionNeverGoesOutOnTheNext) {
+  std::atomic<int> strays = 0;
+  ScriptedMachine machine({[&](Peer& peer) { // payloads are the number of the connection that they are for
+    std::optional<Bytes> own;
+    for (int answered = 0; answered < 20; ++answered) {
+      const auto got = peer.read();
+      if (!got) return;
+      if (!own) own = got->payload();
+      if (got->payload() != *own) ++strays;
+      peer.write(response(got->commandId, got->payload()));
+    }
+    peer.reset();
+  }});
+  VorlinSession session(configFor(machine.port(), 1ms));
+  EXPECT_EQ(session.connection(), 0U);
+  ASSERT_TRUE(session.connect().get());
+  const std::uint64_t first = session.connection();
+  EXPECT_GT(first, 0U);
+  std::vector<std::thread> senders;
+  for (std::uint16_t sender = 0; sender < 8; ++sender)
+    senders.emplace_back([&, sender] {
+      std::uint64_t before = 0;
+      while (session.connection() < first + 40) {
+        const std::uint64_t number = session.connection();
+        if (number == 0) continue;
+        EXPECT_GE(number, before);
+        before = number;
+        const Bytes payload = bigEndian(static_cast<std::uint32_t>(number), 4);
+        const auto outcome = session.send(100 + sender, payload, {.connection = number}).get();
+        EXPECT_TRUE(outcome || outcome.error().code == ErrorCode::Transport);
+      }
+    });
+  for (auto& sender : senders)
+    sender.join();
+  EXPECT_EQ(strays, 0);
+  EXPECT_EQ(errorOf(session.send(9, {}, {.connection = first}).get()).message, "Not connected");
+  session.disconnect();
+  EXPECT_EQ(session.connection(), 0U);
+}
+
 TEST(Session, CallbacksMayThrowRegisterAndSend) {
   ScriptedMachine machine({[](Peer& peer) {
     peer.write(notification(4, {}));

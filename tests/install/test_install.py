@@ -9,6 +9,7 @@ from pathlib import Path
 
 import pytest
 from conftest import CMAKE, CXX, CXXFLAGS, ROOT, assert_runs, configure, run
+from vorlinkit.simulator import SimulatorProcess
 
 BUILD = os.environ["VORLINKIT_BUILD_DIR"]
 EXAMPLE = ROOT / "examples" / "first_session.cpp"
@@ -20,6 +21,13 @@ def prefix(tmp_path_factory: pytest.TempPathFactory) -> Path:
     folder = tmp_path_factory.mktemp("install test")  # with a blank, as people have them
     run(CMAKE, "--install", BUILD, "--prefix", folder / "first")
     return Path(shutil.move(folder / "first", folder / "moved"))
+
+
+def flags_of(prefix: Path) -> list[str]:
+    (found,) = prefix.rglob("vorlinkit.pc")
+    return shlex.split(
+        run("pkg-config", "--cflags", "--libs", "vorlinkit", PKG_CONFIG_PATH=str(found.parent))
+    )
 
 
 def test_no_installed_file_names_a_place_of_the_build(prefix: Path) -> None:
@@ -39,17 +47,27 @@ def test_a_consumer_builds_with_cmake(prefix: Path, tmp_path: Path) -> None:
 
 
 def test_a_consumer_builds_with_pkg_config_and_without_asio(prefix: Path, tmp_path: Path) -> None:
-    (found,) = prefix.rglob("vorlinkit.pc")
-    flags = shlex.split(
-        run("pkg-config", "--cflags", "--libs", "vorlinkit", PKG_CONFIG_PATH=str(found.parent))
-    )
+    flags = flags_of(prefix)
     compiler = [CXX, *shlex.split(CXXFLAGS), "-std=c++23"]
     program = tmp_path / "first_session"
     run(*compiler, EXAMPLE, "-o", program, *flags)
     assert_runs(program)
     headers = run(*compiler, "-M", EXAMPLE, *flags)
-    assert "vorlinkit/VorlinSession.hpp" in headers
+    assert "vorlinkit/VorlinSession.hpp" in headers and "vorlinkit/call.hpp" in headers
     assert "asio" not in headers
+
+
+def test_the_program_in_the_readme_builds_and_runs(prefix: Path, tmp_path: Path) -> None:
+    """Against a simulator whose port is put into it."""
+    readme = (ROOT / "README.md").read_text(encoding="utf-8")
+    code = readme.partition("<!-- cpp: against a simulator -->\n```cpp\n")[2].partition("```")[0]
+    source, program = tmp_path / "program.cpp", tmp_path / "program"
+    with SimulatorProcess() as simulator:
+        host = '.host = "127.0.0.1"'
+        assert host in code
+        source.write_text(code.replace(host, f"{host}, .port = {simulator.port}"), encoding="utf-8")
+        run(CXX, *shlex.split(CXXFLAGS), "-std=c++23", source, "-o", program, *flags_of(prefix))
+        assert run(program) == "1 3\n2 5\n"
 
 
 def test_python_finds_module_and_companion(prefix: Path) -> None:

@@ -46,6 +46,7 @@ NEEDS_INIT = {
     **{kind: public(kind) for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues)},
     **dict.fromkeys((vorlin.LogLevel, vorlin.CodedValueKind, vorlin.FrameDirection), ENUM),
     vorlin.VorlinSession: [*public(vorlin.VorlinSession), "config", "logger"],
+    **{kind: public(kind) for kind in (vorlin._EventQueue,)},
 }
 
 

@@ -41,7 +41,7 @@ ONE_REQUEST = "(request: vorlinkit_python.FlushLogRequest) -> "
     (lambda f: f(b"", data=b""), "decode_flush_log_response", ONE_BYTES, "b''; kwargs: data=b''"),
     (lambda f: f(payload=b""), "decode_flush_log_response", ONE_BYTES, "kwargs: payload=b''"),
     (lambda f: f(b""), "encode_flush_log_request", ONE_REQUEST + "bytes", "b''"),
-    (lambda f: f(vorlin.FlushLogResponse()), "flush_log_request_to_json", ONE_REQUEST + "str", "<vorlinkit_python.Fl"),
+    (lambda f: f(vorlin.FlushLogResponse()), "flush_log_request_to_json", ONE_REQUEST + "str", "FlushLogResponse("),
     (lambda f: f(None), "flush_log_request_to_json", ONE_REQUEST + "str", "None"),
     (lambda f: f(65536), "flush_log_command_error_string", "(code: int) -> str", "65536"),
     (lambda f: f(-1), "flush_log_command_error_string", "(code: int) -> str", "-1"),

@@ -17,6 +17,7 @@ def check(arguments, folder):
 
 # Every kind of attribute and function; they all come from one emitter, which knows kinds only.
 SAMPLE = """\
+import copy
 from typing import assert_type
 import vorlinkit_python as v
 assert_type(v.CAPTURE_FRAME_EX_COMMAND_ID, int)
@@ -35,6 +36,8 @@ use = v.GetArchiveStatisticsResponseDataPointsItemLampUse()
 point.archived_data_point = use
 assert_type(use.list_of_lamps[0].use_time, int)
 assert_type(v.flush_log_command_error_string(1), str)
+frame = v.CaptureFrameExNotification(frame_size=1, frame_bytes=b"x", frame=[frame.frame[0]])
+assert_type(copy.copy(v.GetArchiveStatisticsResponseDataPointsItem(archived_data_point=use)) == point, bool)
 assert_type(v.flush_log_command_error_codes().values[0].description, str)
 """
 MISTAKES = """\
@@ -43,6 +46,9 @@ v.GetAttachedMotorsResponse().list_of_motors = [v.FlushLogRequest()]
 v.CaptureFrameExRequestCaptureOptionsItem().capture_option = v.FlushLogRequest()
 v.encode_flush_log_request(b'')
 v.FlushLogRequest().logname
+v.FlushLogRequest("Events")
+v.FlushLogRequest(logname="Events")
+v.FlushLogRequest(log_name=5)
 """
 
 

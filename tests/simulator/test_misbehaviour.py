@@ -62,7 +62,8 @@ def test_frames_that_answer_a_request(bench: Bench, rule: str, seen: list[tuple[
 
 
 def test_command_error_bits(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)), identified=False)
+    peer = bench.peer(bench.simulator(rules=("command_error=0x0003",)))
+    assert peer.client_id == 1
     assert peer.ask("FlushLog", LogName="System") == {"CommandError": 3}
     assert peer.ask("GetLogFlushBehaviour") == {"FlushBehaviour": 0}
 
@@ -82,7 +83,7 @@ def test_what_is_refused_or_lost_changes_nothing(bench: Bench) -> None:
 
 
 def test_a_duplicate_may_come_later(bench: Bench) -> None:
-    peer = bench.peer(bench.simulator(rules=("command=11 request=1 duplicate later=30",)))
+    peer = bench.peer(bench.simulator(rules=("command=11 request=1 duplicate later=500",)))
     peer.send("GetMachineInfo")
     peer.send("GetServerTime")
     assert [peer.frame().command_id for _ in range(3)] == [11, 10, 11]
@@ -120,7 +121,7 @@ def test_another_client_takes_control(bench: Bench, side: str) -> None:
 
 
 def test_a_restart_forgets_what_belongs_to_clients(bench: Bench) -> None:
-    simulator = bench.simulator(rules=("command=SetFeedRate restart=100",))
+    simulator = bench.simulator(rules=("command=SetFeedRate restart=1000",))
     peer, holder = bench.peer(simulator), bench.peer(simulator)
     holder.ask("StartRemoteAccess")
     holder.ask("ForcedGetExclusiveControl")

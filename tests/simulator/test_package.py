@@ -10,15 +10,16 @@ from graphlib import CycleError, TopologicalSorter
 from pathlib import Path
 
 import pytest
+import vorlinkit
 from conftest import ROOT
 
 WIRE = {"wire", "catalogue"}
 MODULE = "vorlinkit_python"
 MAY_IMPORT: Mapping[str, set[str] | None] = {
-    "": set(),
+    "": {"client", "aio", "records", "catalogue"},  # for type checkers; at run time only what is used
     **dict.fromkeys(("wire", "catalogue"), WIRE),
     **{part: {part, *WIRE} for part in ("simulator", "capture", "layouts")},
-    **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin")),
+    **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin", "__main__")),
 }
 """The parts of the package, and which of its parts each may import; None: all, and the extension module, too."""
 HOSTS = {"pytest_plugin": "pytest"}
@@ -88,6 +89,15 @@ def test_the_package_keeps_the_rule() -> None:
     assert circle(found) == []
 
 
+def test_the_root_loads_nothing_before_it_is_used() -> None:
+    watch = "import vorlinkit, sys; told = vorlinkit.__version__, vorlinkit.VorlinError, dir(vorlinkit); "
+    shown = "print(*sorted(name for name in sys.modules if name.startswith('vorlinkit')))"
+    done = subprocess.run([sys.executable, "-c", watch + shown], capture_output=True, text=True)
+    used = ["vorlinkit", "vorlinkit.client", "vorlinkit.client.errors", "vorlinkit.version"]
+    used += ["vorlinkit.wire", "vorlinkit.wire.frames"]
+    assert done.stdout.split() == sorted(used), done.stdout + done.stderr
+
+
 @pytest.mark.parametrize(
     ("path", "source", "wrong"),
     [
@@ -113,6 +123,7 @@ def test_a_circle_is_noticed() -> None:
 
 
 def test_a_strict_type_checker_accepts_the_package(tmp_path: Path) -> None:
+    built = Path(vorlinkit.__file__).parent.parent  # with what is generated, and the extension module's stub
     words = [sys.executable, "-m", "mypy", "--strict", "--cache-dir", str(tmp_path), "-p", "vorlinkit"]
-    done = subprocess.run(words, cwd=ROOT / "python", capture_output=True, text=True, timeout=300)
+    done = subprocess.run(words, cwd=built, capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stdout + done.stderr

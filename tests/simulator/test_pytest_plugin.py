@@ -32,6 +32,21 @@ def test_mistyped(vorlin_simulator): ...
 @pytest.mark.vorlin(control=["set GetFedRate FeedRate=1"])
 def test_refused(vorlin_simulator): ...
 """
+WITH_A_CLIENT = """
+import pytest
+import vorlinkit.client.errors as errors
+
+@pytest.mark.vorlin(
+    rules=["command=GetServerTime no_answer"],
+    control=["set GetFeedRate FeedConfigurerID=F1 FeedRate=33"],
+    connect={"timeout": 0.2},
+)
+def test_a_program(vorlin_machine, vorlin_simulator):
+    assert vorlin_machine.get_feed_rate("F1").feed_rate == 33
+    with pytest.raises(errors.RequestTimeout):
+        vorlin_machine.get_server_time()
+    vorlin_simulator.wait_for("request", name="GetFeedRate", client=1, carried_out=True)
+"""
 ALONE = """
 import sys
 
@@ -62,6 +77,13 @@ def test_every_test_has_a_simulator_of_its_own_and_its_log(suite: pytest.Pyteste
             "*there is no command 'GetFedRate'; did you mean GetFeedRate?",
         ]
     )
+
+
+def test_a_client_is_connected_to_it(suite: pytest.Pytester, monkeypatch: pytest.MonkeyPatch) -> None:
+    pytest.importorskip("vorlinkit.client.methods", reason="the client was not built")
+    monkeypatch.setenv("VORLINKIT_BACKEND", "python")
+    suite.makepyfile(WITH_A_CLIENT)
+    suite.runpytest_subprocess("-p", "vorlinkit.pytest_plugin").assert_outcomes(passed=1)
 
 
 def test_nothing_is_imported_for_other_tests(suite: pytest.Pytester) -> None:

@@ -56,6 +56,13 @@ bool interpreterLockHeld() noexcept {
   return running && running == PyGILState_GetThisThreadState();
 }
 
+void releaseAnywhere(PyObject* object) noexcept {
+  if (interpreterLockHeld())
+    Py_DECREF(object);
+  else if (const InterpreterLock lock; lock)
+    Py_DECREF(object);
+}
+
 InterpreterLock::InterpreterLock() noexcept {
   if (interpreterLockHeld()) {
     usable_ = !gate().closed();

@@ -14,6 +14,9 @@ namespace vorlinkit::python {
 /// Whether the calling thread holds the interpreter lock.
 bool interpreterLockHeld() noexcept;
 
+/// Lets go of an object on any thread. Takes the lock for it; an interpreter on its way out keeps the object.
+void releaseAnywhere(PyObject* object) noexcept;
+
 /// Holds the interpreter lock for a scope, on any thread. False when Python must not be called any more,
 /// since the interpreter is on its way out. An I/O thread that is inside a received chunk keeps the lock
 /// to the end of that chunk, so that a burst of frames costs one acquisition.

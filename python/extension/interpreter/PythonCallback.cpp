@@ -64,11 +64,7 @@ void callReported(std::string_view where, py::handle callable, const py::object*
 }
 
 PythonCallback::~PythonCallback() {
-  if (!callable_) return;
-  if (interpreterLockHeld())
-    Py_DECREF(callable_);
-  else if (const InterpreterLock lock; lock)
-    Py_DECREF(callable_);
+  if (callable_) releaseAnywhere(callable_);
 }
 
 void PythonCallback::replace(const py::function& callable) {

@@ -4,8 +4,20 @@
 
 #include <memory>
 #include <set>
+#include <vector>
 
 namespace vorlinkit::python {
+
+/// What threads wait for inside bound calls without a session.
+class Wakeable {
+public:
+  Wakeable() = default;
+  Wakeable(const Wakeable&) = delete;
+  Wakeable& operator=(const Wakeable&) = delete;
+  virtual ~Wakeable() = default;
+  /// Ends their waits.
+  virtual void wake() noexcept = 0;
+};
 
 /// Knows the core of every live session of the process, for the two moments that concern them all: the
 /// interpreter's exit, which takes the cores away and closes them, and a fork. Used with the interpreter lock held.
@@ -18,11 +30,13 @@ public:
 
   static void add(Core& core);
   static void remove(Core& core);
+  static void add(const std::shared_ptr<Wakeable>& waited);
 
 private:
   /// Called by `atexit`, after the exit functions of scripts that imported the module first.
   static void interpreterExits();
   static std::set<Core*>& cores();
+  static std::vector<std::weak_ptr<Wakeable>>& waited();
 };
 
 } // namespace vorlinkit::python

@@ -3,6 +3,7 @@
 #include "bindings.hpp"
 #include "records/Conversions.hpp"
 #include "records/RecordErrors.hpp"
+#include "records/RecordMethods.hpp"
 #include "records/RecordObject.hpp"
 
 #include <cstring>
@@ -141,6 +142,7 @@ py::object makeFunction(BlockEntry& entry, py::handle module, py::handle moduleN
 
 void registerCommandBlocks(py::module_& module) {
   const auto moduleName = py::object(module.attr("__name__"));
+  registerRebuild(module);
   for (const std::span<BlockEntry> family : commandBlocks()) {
     for (BlockEntry& entry : family)
       if (entry.record != nullptr)

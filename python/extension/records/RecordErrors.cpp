@@ -1,7 +1,10 @@
 #include "records/RecordErrors.hpp"
 
 #include "records/RecordType.hpp"
+#include "records/RecordValue.hpp"
 
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -64,6 +67,35 @@ void setConstructorError(const RecordType& type, PyObject* args, PyObject* kwarg
     }
   }
   setError("__init__", "constructor", std::string(type.name) + "()", invokedWith);
+}
+
+void setKeywordError(const RecordType& type, PyObject* name) {
+  py::list known;
+  for (std::size_t i = 0; i < type.attributeCount; ++i)
+    known.append(py::handle(type.attributeNames[i]));
+  py::object near = known;
+  if (PyUnicode_Check(name)) near = py::module_::import("difflib").attr("get_close_matches")(py::handle(name), known);
+  const bool isNear = py::len(near) != 0;
+  const py::object listed = py::str(isNear ? " or " : ", ").attr("join")(isNear ? near : known);
+  const char* const hint = isNear ? "; did you mean " : "; it takes ";
+  const std::string_view shown = shortName(type.name);
+  if (py::len(known) == 0)
+    PyErr_Format(PyExc_TypeError, "%s() takes no arguments, not %R", shown.data(), name);
+  else
+    PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument %R%s%U%s", shown.data(), name, hint,
+                 listed.ptr(), isNear ? "?" : "");
+}
+
+void setKeywordValueError(const RecordType& type, const Field& field, PyObject* value) {
+  std::string taken(resultOf(firstLine(field.doc)));
+  if (field.kind == FieldKind::Number)
+    taken += " of 0 to " + std::to_string(std::numeric_limits<std::uint64_t>::max() >> (64 - 8 * field.width));
+  const py::error_already_set cause;
+  PyErr_Format(PyExc_TypeError, "%s(): %s takes %s, not %.200R", shortName(type.name).data(), field.attribute,
+               taken.c_str(), value);
+  const py::error_already_set error;
+  PyException_SetCause(error.value().ptr(), py::object(cause.value()).release().ptr());
+  PyErr_SetObject(error.type().ptr(), error.value().ptr());
 }
 
 void setAttributeError(const Field& field, PyObject* self, PyObject* value) {

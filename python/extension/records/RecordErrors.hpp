@@ -15,6 +15,13 @@ struct RecordType;
 /// TypeError of a class called with arguments; `args` does not hold the object itself.
 void setConstructorError(const RecordType& type, PyObject* args, PyObject* kwargs);
 
+/// TypeError of a class called with a name that no attribute has; says which ones come near it.
+void setKeywordError(const RecordType& type, PyObject* name);
+
+/// TypeError of a class called with a value that the attribute does not take; the TypeError that is set becomes its
+/// cause.
+void setKeywordValueError(const RecordType& type, const Field& field, PyObject* value);
+
 /// TypeError of an attribute that does not take `value`.
 void setAttributeError(const Field& field, PyObject* self, PyObject* value);
 

@@ -22,14 +22,6 @@ const Field& asField(void* closure) { return *static_cast<const Field*>(closure)
 /// Asked for anew after anything that may run Python code: a write elsewhere can move an alternative.
 void* memberOf(PyObject* self, const Field& field) { return static_cast<char*>(asRecord(self)->record) + field.offset; }
 
-const ListOperations& listOperations(const Field& field) {
-  return *static_cast<const ListOperations*>(field.operations);
-}
-
-const VariantOperations& variantOperations(const Field& field) {
-  return *static_cast<const VariantOperations*>(field.operations);
-}
-
 /// The rules of a setter: no deletion, a value that does not convert is a TypeError, nothing is half done.
 /// `write` returns false for a value of the wrong kind.
 template <typename Write> int writeAttribute(PyObject* self, PyObject* value, void* closure, Write&& write) noexcept {
@@ -146,8 +138,8 @@ int writeBlob(PyObject* self, PyObject* value, void* closure) {
     if (PyUnicode_Check(value)) return false;
     const BytesView bytes(value);
     if (!bytes.good()) return false;
-    const auto& operations = static_cast<const BlobOperations&>(listOperations(field));
-    replaceBytes(*asRecord(self)->anchor->root, memberOf(self, field), operations, bytes.data(), bytes.size());
+    replaceBytes(*asRecord(self)->anchor->root, memberOf(self, field), blobOperations(field), bytes.data(),
+                 bytes.size());
     return true;
   });
 }

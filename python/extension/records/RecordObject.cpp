@@ -1,8 +1,8 @@
 #include "records/RecordObject.hpp"
 
 #include "records/RecordErrors.hpp"
+#include "records/RecordMethods.hpp"
 
-#include <cstring>
 #include <string>
 
 namespace py = pybind11;
@@ -34,16 +34,16 @@ void deallocateRecord(PyObject* self) {
   Py_DECREF(pythonType);
 }
 
-/// The record type of a class of ours, or of the one that a Python class derives from.
-const RecordType& recordTypeOf(const PyTypeObject* pythonType) {
-  while (pythonType->tp_dealloc != deallocateRecord)
+/// The class of ours that a class is or derives from; null if there is none.
+const PyTypeObject* ownClassOf(const PyTypeObject* pythonType) {
+  while (pythonType != nullptr && pythonType->tp_dealloc != deallocateRecord)
     pythonType = pythonType->tp_base;
-  return *reinterpret_cast<const RecordType*>(pythonType->tp_methods);
+  return pythonType;
 }
 
 PyObject* newRecord(PyTypeObject* pythonType, PyObject*, PyObject*) {
   return guarded([&]() -> PyObject* {
-    const RecordType& type = recordTypeOf(pythonType);
+    const RecordType& type = *reinterpret_cast<const RecordType*>(ownClassOf(pythonType)->tp_methods);
     RootAnchor* const root = allocateRoot(type);
     type.construct(root->record());
     root->holders = 1;
@@ -56,10 +56,11 @@ PyObject* newRecord(PyTypeObject* pythonType, PyObject*, PyObject*) {
   });
 }
 
-/// The record was made by newRecord; all that is left is to refuse arguments.
+/// The record was made by newRecord; all that is left is to assign what was given by name.
 int initRecord(PyObject* self, PyObject* args, PyObject* kwargs) {
-  if (PyTuple_GET_SIZE(args) == 0 && (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0)) return 0;
-  return guarded([&] { return setConstructorError(*asRecord(self)->type, args, kwargs), -1; });
+  if (PyTuple_GET_SIZE(args) != 0)
+    return guarded([&] { return setConstructorError(*asRecord(self)->type, args, kwargs), -1; });
+  return kwargs == nullptr ? 0 : assignAttributes(self, kwargs);
 }
 
 PyObject* callInit(PyObject* self, PyObject* args, PyObject* kwargs) {
@@ -89,8 +90,11 @@ void shortenAttributeAccess(RecordType& type) {
   while (type.attributes[type.attributeCount].name != nullptr)
     ++type.attributeCount;
   type.attributeNames = new PyObject*[type.attributeCount]; // as long-lived as the class
-  for (std::size_t i = 0; i < type.attributeCount; ++i)
-    type.attributeNames[i] = PyUnicode_InternFromString(type.attributes[i].name);
+  PyObject* name = nullptr;
+  PyObject* member = nullptr;
+  std::size_t i = 0;
+  for (Py_ssize_t place = 0; PyDict_Next(pythonType.tp_dict, &place, &name, &member) != 0;)
+    if (Py_IS_TYPE(member, &PyGetSetDescr_Type)) type.attributeNames[i++] = Py_NewRef(name); // interned, in order
   if (type.attributeCount != 0)
     _PyType_Lookup(&pythonType, type.attributeNames[0]); // has the interpreter give the class a version
   type.classVersion = pythonType.tp_version_tag;
@@ -101,12 +105,11 @@ void shortenAttributeAccess(RecordType& type) {
 void describeInit(RecordType& type) {
   const auto* const doc = new std::string(std::string("__init__(self: ") + type.name + ") -> None\n"); // as long-lived
   type.methods[0] = {"__init__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(callInit)),
-                     METH_VARARGS | METH_KEYWORDS | METH_COEXIST, doc->c_str()};
+                     METH_VARARGS | METH_KEYWORDS, doc->c_str()};
 }
 
 PyTypeObject* createClass(RecordType& type) {
   PyType_Slot slots[] = {{Py_tp_new, reinterpret_cast<void*>(newRecord)},
-                         {Py_tp_init, reinterpret_cast<void*>(initRecord)},
                          {Py_tp_dealloc, reinterpret_cast<void*>(deallocateRecord)},
                          {Py_tp_getset, type.attributes},
                          {Py_tp_methods, type.methods},
@@ -115,6 +118,8 @@ PyTypeObject* createClass(RecordType& type) {
   PyType_Spec definition{type.name, sizeof(RecordObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
   auto* const made = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&definition));
   if (made == nullptr) throw py::error_already_set();
+  made->tp_init = initRecord; // not as a slot, which would make `__init__` once more
+  addRecordMethods(*made);
   made->tp_weaklistoffset = offsetof(RecordObject, weakReferences); // as a member it would be an attribute, too
   return made;
 }
@@ -127,12 +132,20 @@ PyObject* newView(const RecordType& type, void* record, RecordAnchor& anchor) no
   return settle(PyObject_Init(static_cast<PyObject*>(memory), type.pythonType), type, record, anchor);
 }
 
+bool isRecordClass(const PyTypeObject* pythonType) { return ownClassOf(pythonType) != nullptr; }
+
+py::object newRecordOf(PyTypeObject* pythonType) {
+  auto made = py::reinterpret_steal<py::object>(newRecord(pythonType, nullptr, nullptr));
+  if (!made) throw py::error_already_set();
+  return made;
+}
+
 void registerRecord(const py::module_& module, RecordType& type) {
   describeInit(type);
   type.pythonType = createClass(type);
   shortenAttributeAccess(type);
-  const char* const name = std::strrchr(type.name, '.') + 1;
-  if (PyModule_AddObjectRef(module.ptr(), name, reinterpret_cast<PyObject*>(type.pythonType)) != 0)
+  auto* const made = reinterpret_cast<PyObject*>(type.pythonType);
+  if (PyObject_SetAttr(module.ptr(), reinterpret_cast<PyHeapTypeObject*>(made)->ht_name, made) != 0)
     throw py::error_already_set();
 }
 

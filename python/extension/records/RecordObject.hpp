@@ -23,6 +23,12 @@ inline RecordObject* asRecord(PyObject* object) { return reinterpret_cast<Record
 /// anchor. Null with MemoryError set if there is no memory.
 PyObject* newView(const RecordType& type, void* record, RecordAnchor& anchor) noexcept;
 
+/// Whether a class is one of ours, or derives from one.
+bool isRecordClass(const PyTypeObject* pythonType);
+
+/// A new record of a class of ours, or of one that derives from it, whose `__init__` has not been called. Throws.
+pybind11::object newRecordOf(PyTypeObject* pythonType);
+
 /// Makes the class of a record and puts it into the module. Throws pybind11::error_already_set.
 void registerRecord(const pybind11::module_& module, RecordType& type);
 

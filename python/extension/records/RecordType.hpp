@@ -71,6 +71,16 @@ struct VariantOperations {
   void (*drop)(void* former);
 };
 
+/// What lies in the record at a field's place.
+enum class FieldKind : unsigned char {
+  Number,
+  Text,
+  List,
+  BlobItems, ///< the bytes of a blob as a list of items; its Blob follows
+  Blob,
+  Variant
+};
+
 /// One attribute of a record class; what the accessor functions get to see.
 struct Field {
   const char* attribute;
@@ -78,8 +88,22 @@ struct Field {
   getter get;
   setter set;
   std::size_t offset;
+  FieldKind kind;
+  unsigned char width = 0;          ///< bytes of a number
   const void* operations = nullptr; ///< ListOperations or VariantOperations; for a blob, those inside BlobOperations
 };
+
+inline const ListOperations& listOperations(const Field& field) {
+  return *static_cast<const ListOperations*>(field.operations);
+}
+
+inline const BlobOperations& blobOperations(const Field& field) {
+  return static_cast<const BlobOperations&>(listOperations(field));
+}
+
+inline const VariantOperations& variantOperations(const Field& field) {
+  return *static_cast<const VariantOperations*>(field.operations);
+}
 
 // The accessors, one pair per kind of field; the closure is the Field.
 template <typename Number> PyObject* readNumber(PyObject* self, void* field);
@@ -175,26 +199,31 @@ constexpr VariantOperations variantOf(RecordType* const (&alternatives)[Count]) 
 /// A number or a text.
 template <typename Member> constexpr Field field(const char* attribute, std::size_t offset, const char* doc) {
   if constexpr (std::is_same_v<Member, std::string>) {
-    return {attribute, doc, readText, writeText, offset};
+    return {attribute, doc, readText, writeText, offset, FieldKind::Text};
   } else {
     static_assert(std::is_unsigned_v<Member>);
-    return {attribute, doc, readNumber<Member>, writeNumber<Member>, offset};
+    return {attribute, doc, readNumber<Member>, writeNumber<Member>, offset, FieldKind::Number, sizeof(Member)};
   }
 }
 
 constexpr Field list(const char* attribute, std::size_t offset, const ListOperations& operations, const char* doc) {
-  return {attribute, doc, readList, writeList, offset, &operations};
+  return {attribute, doc, readList, writeList, offset, FieldKind::List, 0, &operations};
+}
+
+constexpr Field list(const char* attribute, std::size_t offset, const BlobOperations& operations, const char* doc) {
+  const ListOperations& listOperations = operations;
+  return {attribute, doc, readList, writeList, offset, FieldKind::BlobItems, 0, &listOperations};
 }
 
 /// The same list again, as the bytes it holds.
 constexpr Field blob(const char* attribute, std::size_t offset, const BlobOperations& operations, const char* doc) {
   const ListOperations& listOperations = operations;
-  return {attribute, doc, readBlob, writeBlob, offset, &listOperations};
+  return {attribute, doc, readBlob, writeBlob, offset, FieldKind::Blob, 0, &listOperations};
 }
 
 constexpr Field variant(const char* attribute, std::size_t offset, const VariantOperations& operations,
                         const char* doc) {
-  return {attribute, doc, readVariant, writeVariant, offset, &operations};
+  return {attribute, doc, readVariant, writeVariant, offset, FieldKind::Variant, 0, &operations};
 }
 
 /// The fields in the form in which the interpreter takes attributes.

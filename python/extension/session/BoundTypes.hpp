@@ -12,6 +12,7 @@
 
 namespace vorlinkit::python {
 
+class PyEventQueue;
 class PySession;
 
 /// Refuses an object whose `__init__` has not run, for every argument of a bound type, `self` included. The
@@ -22,11 +23,19 @@ public:
     if (source && this->typeinfo && PyObject_TypeCheck(source.ptr(), this->typeinfo->type)) {
       auto* const instance = reinterpret_cast<pybind11::detail::instance*>(source.ptr());
       const auto slot = instance->get_value_and_holder(this->typeinfo, false);
-      if (!slot.inst || !slot.holder_constructed())
+      if (!(slot.inst ? slot.holder_constructed() : isInitialised(instance)))
         throw pybind11::type_error(std::string(this->typeinfo->type->tp_name) +
                                    ".__init__() must be called before the object is used");
     }
     return Caster::load(source, convert);
+  }
+
+private:
+  /// An object of a bound type that derives from this one.
+  static bool isInitialised(pybind11::detail::instance* instance) {
+    for (const auto& slot : pybind11::detail::values_and_holders(instance))
+      if (!slot.holder_constructed()) return false;
+    return true;
   }
 };
 
@@ -57,6 +66,7 @@ template <> class type_caster<vorlinkit::IVorlinLogger> : public bound::Initiali
 template <>
 class type_caster<std::shared_ptr<vorlinkit::IVorlinLogger>>
     : public bound::InitialisedHolder<vorlinkit::IVorlinLogger> {};
+template <> class type_caster<bound::PyEventQueue> : public bound::InitialisedObject<bound::PyEventQueue> {};
 template <> class type_caster<bound::PySession> : public bound::InitialisedObject<bound::PySession> {};
 
 } // namespace pybind11::detail

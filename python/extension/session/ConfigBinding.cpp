@@ -68,6 +68,10 @@ void registerConfig(py::module_& module) {
                        "leave it at 1 for commands that must not be carried out twice. Default 1.");
   defineMilliseconds(config, "reconnect_delay", &SessionConfig::reconnect_delay,
                      "Milliseconds to wait before each re-connect. Default 1000.");
+  defineMilliseconds(
+      config, "_reconnect_delay_max", &SessionConfig::reconnect_delay_max,
+      "Milliseconds up to which the wait before re-connects doubles, less a random part of at most half; "
+      "0: it stays `reconnect_delay`. Default 0.");
   config.def_readwrite("auto_reconnect", &SessionConfig::auto_reconnect,
                        "Re-connect after a failed connect or a lost connection, again and again, until `disconnect`. "
                        "Default True.");

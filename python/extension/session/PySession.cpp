@@ -2,6 +2,7 @@
 
 #include "interpreter/CoreText.hpp"
 #include "interpreter/SessionLifetime.hpp"
+#include "session/CallsOfSession.hpp"
 
 #include <span>
 #include <stdexcept>
@@ -13,36 +14,12 @@ namespace vorlinkit::python {
 
 namespace {
 
-constexpr std::string_view notAwaitable =
-    "The session can no longer be used: the interpreter is exiting, or the session was made before a fork";
-
-std::string fromCallback(const char* method) {
-  return std::string(method) +
-         " was called from a callback of its own session, on the thread that would bring the answer; "
-         "call it from another thread, for example through a queue.Queue";
-}
-
 py::bytes bytesOf(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-std::span<const std::byte> viewOf(const py::bytes& bytes) {
-  return {reinterpret_cast<const std::byte*>(PyBytes_AS_STRING(bytes.ptr())),
-          static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr()))};
-}
-
 py::tuple connectFailed(std::string_view text) { return py::make_tuple(false, decodeCoreText(text)); }
 py::tuple sendFailed(std::string_view text) { return py::make_tuple(py::none(), decodeCoreText(text)); }
-
-/// Starts something in the core and waits for what comes of it, with the interpreter lock given up. Nothing when
-/// the interpreter is on its way out.
-template <typename Start> auto awaitOutcome(Start&& start) -> std::optional<decltype(start().get())> {
-  InterpreterRelease unlocked;
-  if (!unlocked) return std::nullopt;
-  auto future = start();
-  if (!unlocked.wait(future)) return std::nullopt;
-  return future.get();
-}
 
 } // namespace
 
@@ -54,21 +31,25 @@ PySession::PySession(const SessionConfig& config, std::shared_ptr<IVorlinLogger>
   SessionLifetime::add(core_);
 }
 
-PySession::~PySession() {
+PySession::~PySession() { endCore(); }
+
+void PySession::endCore() noexcept {
   SessionLifetime::remove(core_);
-  if (!core_) return;
+  auto core = std::move(core_);
+  if (!core) return;
   const InterpreterRelease unlocked;
-  core_.reset();
+  core.reset();
 }
 
 VorlinSession* PySession::usableCore() const noexcept {
-  return generation_ == FinalisationGate::instance().generation() ? core_.get() : nullptr;
+  return !closed_ && generation_ == FinalisationGate::instance().generation() ? core_.get() : nullptr;
 }
 
 py::tuple PySession::connect() {
   auto* const core = usableCore();
   if (!core) return connectFailed(notAwaitable);
   if (core->is_io_thread()) return connectFailed(fromCallback("connect"));
+  const Inside here(*this);
   const auto result = awaitOutcome([core] { return core->connect(); });
   if (!result) return connectFailed(notAwaitable);
   if (!*result) return connectFailed(result->error().message);
@@ -78,6 +59,7 @@ py::tuple PySession::connect() {
 void PySession::disconnect() {
   auto* const core = usableCore();
   if (!core) return;
+  const Inside here(*this);
   InterpreterRelease unlocked;
   if (unlocked) unlocked.wait(core->start_disconnect());
 }
@@ -98,6 +80,7 @@ py::tuple PySession::send(std::uint16_t commandId, const std::optional<py::bytes
   if (core->is_io_thread()) return sendFailed(fromCallback("send"));
   // The bytes object cannot change and is held by the caller; the core copies it before it returns.
   const auto view = payload ? viewOf(*payload) : std::span<const std::byte>{};
+  const Inside here(*this);
   const auto result = awaitOutcome([&] { return core->send(commandId, view); });
   if (!result) return sendFailed(notAwaitable);
   if (!*result) return sendFailed(result->error().message);
@@ -115,6 +98,7 @@ void PySession::keep(Slot& slot, const char* name, const py::function& callback,
   auto* const core = usableCore();
   if (!core || slot.inCore) return;
   {
+    const Inside here(*this);
     const auto kept = slot.callback;
     const InterpreterRelease unlocked;
     if (!unlocked) return;

@@ -4,6 +4,7 @@
 #include "interpreter/PythonCallback.hpp"
 #include "session/BoundTypes.hpp"
 #include "session/EnumMembers.hpp"
+#include "session/Events.hpp"
 
 #include <vorlinkit/VorlinSession.hpp>
 
@@ -39,11 +40,36 @@ public:
   void onNotification(std::uint16_t commandId, const pybind11::function& callback);
   void onFrame(const pybind11::function& callback);
 
+  // For the typed client (PySessionEvents.cpp)
+  void attach(const PyEventQueue& queue);
+  pybind11::tuple request(std::uint16_t commandId, const pybind11::bytes& payload, std::int64_t timeout,
+                          std::uint64_t connection);
+  void sendForReply(std::uint16_t commandId, const pybind11::bytes& payload, std::int64_t timeout,
+                    std::uint64_t connection, const pybind11::object& token);
+  void startConnect(const pybind11::object& token);
+  void startDisconnect(const pybind11::object& token);
+  void watch(std::uint16_t commandId);
+  void close();
+
   /// For the garbage collector: the callables are all that this object owns of Python.
   int visitCallbacks(visitproc visit, void* context) const;
   void clearCallbacks();
 
 private:
+  /// A call that gives the interpreter lock up with the core in its hands: nobody ends the core meanwhile.
+  class Inside {
+  public:
+    explicit Inside(PySession& session) noexcept : session_(session) { ++session_.inside_; }
+    ~Inside() {
+      if (--session_.inside_ == 0 && session_.closed_) session_.endCore();
+    }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+  private:
+    PySession& session_;
+  };
+
   /// A callable that has been registered, and whether the core knows of it already.
   struct Slot {
     std::shared_ptr<PythonCallback> callback;
@@ -55,8 +81,13 @@ private:
   /// The core session; null when it must not be called: the interpreter's exit has taken it, or this is the child
   /// of a fork, where the locks of an inherited session may be held for ever.
   VorlinSession* usableCore() const noexcept;
+  template <typename Start> void startForReply(const pybind11::object& token, Start&& start);
+  void endCore() noexcept;
 
   std::unique_ptr<VorlinSession> core_;
+  std::shared_ptr<Outlet> outlet_; // null until a queue is attached
+  int inside_ = 0;
+  bool closed_ = false;            // its core ends, or has ended
   const std::uint32_t generation_; // of the process that made the session
   Slot stateSlot_;
   Slot frameSlot_;

@@ -12,7 +12,9 @@ namespace {
 
 constexpr std::string_view callbackName = "IVorlinLogger.log";
 
-std::string formatted(std::string_view format, format_args args) {
+} // namespace
+
+std::string formattedRecord(std::string_view format, format_args args) {
   try {
     return formatting::vformat(format, args);
   } catch (const format_error& error) {
@@ -20,11 +22,9 @@ std::string formatted(std::string_view format, format_args args) {
   }
 }
 
-} // namespace
-
 void PyVorlinLogger::log(LogLevel level, const std::source_location& location, std::thread::id /*thread*/,
                          std::chrono::system_clock::time_point /*time*/, std::string_view format, format_args args) {
-  const auto message = formatted(format, args);
+  const auto message = formattedRecord(format, args);
   const std::string file = location.file_name();
   const InterpreterLock lock;
   if (!lock) return;

@@ -13,6 +13,9 @@ namespace vorlinkit::python {
 
 using LogLevels = EnumMembers<LogLevel, 7>;
 
+/// The text of a record; also when its arguments do not fit.
+std::string formattedRecord(std::string_view format, format_args args);
+
 /// The native half of a Python object that derives from IVorlinLogger: passes records on to its method
 /// `log(level, file, line, message)`. The session shares this half only; once the Python object is gone,
 /// or while its class has no such method, records are dropped.

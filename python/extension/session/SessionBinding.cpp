@@ -118,7 +118,18 @@ void registerSession(py::module_& module) {
       .def("on_connection_state_changed", &PySession::onConnectionStateChanged, py::arg("callback"), stateDoc)
       .def("send", &PySession::send, py::arg("commandId"), py::arg("payload") = py::none(), sendDoc)
       .def("on_notification", &PySession::onNotification, py::arg("commandId"), py::arg("callback"), notificationDoc)
-      .def("on_frame", &PySession::onFrame, py::arg("callback"), frameDoc);
+      .def("on_frame", &PySession::onFrame, py::arg("callback"), frameDoc)
+      .def("_attach", &PySession::attach, py::arg("queue"),
+           "Have the session's events put into a queue, before `connect`.")
+      .def("_request", &PySession::request, py::arg("command_id"), py::arg("payload"), py::arg("timeout_ms"),
+           py::arg("connection"),
+           "Send on the connection of that number (0: on any) and wait: (code, text, payload, majorError, minorError).")
+      .def("_send", &PySession::sendForReply, py::arg("command_id"), py::arg("payload"), py::arg("timeout_ms"),
+           py::arg("connection"), py::arg("token"), "The same without waiting: the reply with `token` is an event.")
+      .def("_start_connect", &PySession::startConnect, py::arg("token"), "Connect; the reply is an event.")
+      .def("_start_disconnect", &PySession::startDisconnect, py::arg("token"), "Disconnect; the reply is an event.")
+      .def("_watch", &PySession::watch, py::arg("command_id"), "Have notifications of a command put into the queue.")
+      .def("_close", &PySession::close, "End the session; whoever waits is answered with code 6.");
   sessionType = py::detail::get_type_info(typeid(PySession));
 }
 

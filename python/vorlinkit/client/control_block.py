@@ -3,24 +3,13 @@
 from __future__ import annotations
 
 from types import TracebackType
-from typing import TYPE_CHECKING, Any, Self
+from typing import TYPE_CHECKING, Self
 
 from . import plans
-from .controlling import give_back, take_control
+from .controlling import control_plan, give_back, take_control
 
 if TYPE_CHECKING:
     from .keeper import Keeper
-    from .plan import Plan
-
-
-def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[Any, ...]]:
-    """The command that takes control so, and its values."""
-    if user is None:
-        return (plans.FORCED_GET_EXCLUSIVE_CONTROL if force else plans.GET_EXCLUSIVE_CONTROL), ()
-    with_user = (
-        plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER if force else plans.GET_EXCLUSIVE_CONTROL_WITH_USER
-    )
-    return with_user, (user,)
 
 
 class ExclusiveControl:

@@ -4,11 +4,21 @@ from __future__ import annotations
 
 from typing import Any
 
+from . import plans
 from .actions import Steps
 from .calls import Call, call
 from .conversation import Conversation
 from .errors import VorlinError
 from .plan import Plan
+
+
+def control_plan(user: str | None, force: bool) -> tuple[Plan[Any, Any], tuple[Any, ...]]:
+    """The command that takes control so, and its values."""
+    if user is not None:
+        if force:
+            return plans.FORCED_GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+        return plans.GET_EXCLUSIVE_CONTROL_WITH_USER, (user,)
+    return (plans.FORCED_GET_EXCLUSIVE_CONTROL, ()) if force else (plans.GET_EXCLUSIVE_CONTROL, ())
 
 
 def take_control(
@@ -20,11 +30,12 @@ def take_control(
     if control.blocks:
         control.blocks += 1
         return
+    control.take(plan.id)
     answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
     if control.blocks:  # another thread has been quicker; the machine gave control to both, as one client
         control.blocks += 1
     else:
-        control.taken(answer.connection, plan.id)
+        control.taken(answer.connection)
     if talk.ready != answer.connection:
         control.lose("the connection was lost")
     talk.update()

@@ -37,24 +37,18 @@ class Dispatcher:
                     self._thread.start()
         self._queue.put(backlog)
 
-    def call(self, handler: Callable[[Any], object], item: Any) -> None:
-        """One call; what it raises goes to the log and to `on_error`."""
-        try:
-            handler(item)
-        except Exception as error:
-            self._log.exception("a handler failed: %r", handler)
-            self._report(error)
-
-    def stop(self) -> None:
-        self._queue.put(None)
-
-    def _report(self, error: Exception) -> None:
+    def failed(self, handler: Callable[[Any], object], error: Exception) -> None:
+        """What a handler raised goes to the log and to `on_error`. Called where it was caught."""
+        self._log.exception("a handler failed: %r", handler)
         if self.on_error is None:
             return
         try:
             self.on_error(error)
         except Exception:
             self._log.exception("on_handler_error failed")
+
+    def stop(self) -> None:
+        self._queue.put(None)
 
     def _run(self) -> None:
         while (backlog := self._queue.get()) is not None:

@@ -6,6 +6,7 @@ tell comes out of its event queue, in the order in which it happened; no code of
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any, Final, NamedTuple, Protocol
 
@@ -38,7 +39,7 @@ class Outcome(NamedTuple):
 #                                           is a tuple in the order of `Outcome`
 #   (STATE, connection, reason)             `connection`: the number of the connection that is up now, 0 for none; each
 #                                           new connection has a higher number. `reason`: "" when connected
-#   (NOTIFICATION, command_id, payload)     of a command that is watched
+#   (NOTIFICATION, command_id, payloads)    of a command that is watched: a list of those that came in a row
 #   (LOG, level, file, line, function, text, time)   level: the core's, trace 0 to critical 5; time: seconds since 1970
 Event = tuple[Any, ...]
 
@@ -60,6 +61,14 @@ class EventQueue(Protocol):
 
     def dropped(self) -> int:
         """Notifications that were thrown away, oldest first, because nobody took them."""
+
+
+class CallingEventQueue(EventQueue, Protocol):
+    """A queue that can do without a descriptor, too. The link on sockets has one, the compiled session has not."""
+
+    def set_wake(self, callback: Callable[[], None] | None) -> None:
+        """For event loops that cannot watch descriptors: `callback` is called, on any thread, when there are events
+        after there were none. It must neither block nor raise; a loop's `call_soon_threadsafe` is fine."""
 
 
 @dataclass(frozen=True)

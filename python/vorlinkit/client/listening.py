@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from typing import Any, Protocol
 
 from .errors import DecodeError
@@ -12,7 +12,7 @@ from .plan import Plan
 class Listener(Protocol):
     """One subscription as a user holds it. Called on the thread or loop that looks after the link."""
 
-    def deliver(self, notification: Any) -> None: ...
+    def deliver(self, notifications: Sequence[Any]) -> None: ...
     def end(self, error: Exception | None) -> None:
         """Nothing comes any more; `error` says why, None if the user ended it."""
 
@@ -82,15 +82,14 @@ class Topics:
         there = self._by_command.get(topic.plan.id, ())
         self._by_command[topic.plan.id] = tuple(one for one in there if one is not topic)
 
-    def route(self, command_id: int, payload: bytes) -> list[DecodeError]:
-        """Hands a notification to everybody whom it concerns; what could not be read is returned."""
+    def route(self, command_id: int, payloads: Sequence[bytes]) -> list[DecodeError]:
+        """Hands notifications of a command to everybody whom they concern; what could not be read is returned."""
         errors: list[DecodeError] = []
         topics = self._by_command.get(command_id, ())
-        if len(topics) == 1:
-            _deliver(topics, errors, payload)
-        elif topics:  # two commands may share an id, and then read it each in its own way
-            for plan in dict.fromkeys(topic.plan for topic in topics):
-                _deliver(tuple(topic for topic in topics if topic.plan is plan), errors, payload)
+        for plan in dict.fromkeys(topic.plan for topic in topics):
+            # Two commands may share an id; each reads its notifications in its own way.
+            notifications: list[Any] = plan.decode_notifications(payloads, errors)
+            _deliver([topic for topic in topics if topic.plan is plan], notifications)
         return errors
 
     def end(self, error: Exception | None) -> None:
@@ -100,14 +99,12 @@ class Topics:
         self._by_command = {}
 
 
-def _deliver(topics: tuple[Topic, ...], errors: list[DecodeError], payload: bytes) -> None:
+def _deliver(topics: list[Topic], notifications: list[Any]) -> None:
     plan = topics[0].plan
-    try:
-        notification = plan.decode_notification(payload)
-    except DecodeError as error:
-        errors.append(error)
-        return
     for topic in topics:
-        if not topic.address or plan.concerns(topic.address, notification):
+        mine = notifications
+        if topic.address:
+            mine = [one for one in notifications if plan.concerns(topic.address, one)]
+        if mine:
             for listener in topic.listeners:
-                listener.deliver(notification)
+                listener.deliver(mine)

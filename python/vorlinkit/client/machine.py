@@ -5,26 +5,24 @@ from __future__ import annotations
 import weakref
 from collections.abc import Callable
 from types import TracebackType
-from typing import Any, Final, Self
+from typing import Any, Self
 
 from . import backend
 from .calls import call, call_of
 from .control_block import ExclusiveControl
 from .conversation import LateAnswerPolicy, MachineEvent, Options
 from .dispatcher import ErrorHandler
-from .errors import MachineWarning
+from .errors import DecodeError, MachineWarning
 from .handshake import connect as first_connection
 from .keeper import Keeper
 from .link import Link, LinkOptions
 from .listening import asks
 from .methods import Methods, SubscribeMethods
+from .options import options_of, patience
 from .plan import N, Plan, R
 from .raw import raw_notifications, raw_plan
 from .subscribing import subscribe, unsubscribe
 from .subscription import Inbox, Subscription
-
-LONGEST: Final = 1_000_000.0
-"""Seconds; what is longer is taken for this, which a link can still count in milliseconds."""
 
 
 def connect(
@@ -60,24 +58,18 @@ def connect(
 
     Raises ConnectError.
     """
-    options = Options(
+    options, link_options = options_of(
         host,
         port,
-        patience(timeout),
+        timeout,
+        connect_timeout,
         client_id,
         reconnect,
+        reconnect_delay,
+        reconnect_delay_max,
         retry_reads,
         late_answers,
         idle_check,
-    )
-    link_options = LinkOptions(
-        host,
-        port,
-        connect_timeout=patience(connect_timeout),
-        request_timeout=options.timeout,
-        reconnect_delay=reconnect_delay,
-        reconnect_delay_max=reconnect_delay_max,
-        reconnect=reconnect,
     )
     return open_machine(options, link_options, on_event, on_handler_error)
 
@@ -99,12 +91,6 @@ def open_machine(
         keeper.close("the first connection could not be made")
         raise
     return Machine(keeper)
-
-
-def patience(seconds: float) -> float:
-    if not seconds > 0:
-        raise ValueError(f"a time-out is a number of seconds above 0, not {seconds!r}")
-    return min(seconds, LONGEST)
 
 
 class Machine(Methods):
@@ -217,16 +203,19 @@ class Machine(Methods):
         with self._slots[plan.id]:
             connection, sent = talk.clear[plan.effect], None
             if connection:
-                talk.asked += 1
                 try:
                     outcome = self._request(plan.id, payload, timeout, connection)
                 except BaseException:
                     self._keeper.interrupted(plan.id)
                     raise
                 if not (outcome[0] or outcome[4]):
-                    response = plan.decode_response(outcome[2])
-                    if plan.echoes(values, response) and not (check and plan.command_error(response)):
-                        return response
+                    try:
+                        response = plan.decode_response(outcome[2])
+                        if plan.echoes(values, response) and not (check and plan.command_error(response)):
+                            talk.answers += 1
+                            return response
+                    except DecodeError:
+                        pass  # raised below, as a decision
                 sent = connection, tuple(outcome)
             wanted = call_of(talk, plan, values, payload, timeout, check)
             result: R = self._keeper.decide(call(talk, wanted, sent)).response

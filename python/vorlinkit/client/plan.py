@@ -6,7 +6,7 @@ catalogue and the record classes are loaded when a plan is used that needs them.
 
 from __future__ import annotations
 
-from collections.abc import Callable, Mapping
+from collections.abc import Callable, Mapping, Sequence
 from struct import Struct
 from struct import error as struct_error
 from typing import Any, Final, Generic, NoReturn, TypeVar
@@ -15,14 +15,16 @@ from .errors import DecodeError
 
 R = TypeVar("R")
 N = TypeVar("N")
+R_co = TypeVar("R_co", covariant=True)
+N_co = TypeVar("N_co", covariant=True)
 
 Values = tuple[Any, ...]
 Path = tuple[str, ...]
 """Attributes to go through, one after the other."""
 
 
-class Plan(Generic[R, N]):
-    """How to ask one command, typed by its response `R` and its notification `N`. Any thread may use it.
+class Plan(Generic[R_co, N_co]):
+    """How to ask one command, typed by its response and its notification. Any thread may use it.
 
     `names`, `kinds`: of the request's parameters, in wire order; counts, lengths and discriminators are derived and
     are none. `effect`: "read" or "change". `subscribes`: the index of the parameter that asks for notifications, -1 if
@@ -103,9 +105,9 @@ class Plan(Generic[R, N]):
                 pass
         from .values import encode
 
-        return encode(self, values)
+        return encode(self.name, values)
 
-    def decode_response(self, payload: bytes) -> R:
+    def decode_response(self, payload: bytes) -> R_co:
         """The response's record, or None if the command has none. Raises DecodeError."""
         try:
             return self._decoders["response"](payload)  # type: ignore[no-any-return]
@@ -114,7 +116,7 @@ class Plan(Generic[R, N]):
         except RuntimeError as error:
             self._undecodable("response", payload, error)
 
-    def decode_notification(self, payload: bytes) -> N:
+    def decode_notification(self, payload: bytes) -> N_co:
         """The notification's record. Raises DecodeError."""
         try:
             return self._decoders["notification"](payload)  # type: ignore[no-any-return]
@@ -122,6 +124,20 @@ class Plan(Generic[R, N]):
             return self._decode("notification", payload)  # type: ignore[no-any-return]
         except RuntimeError as error:
             self._undecodable("notification", payload, error)
+
+    def decode_notifications(self, payloads: Sequence[bytes], errors: list[DecodeError]) -> list[N]:
+        """The records of those that can be read; why the others cannot is added to `errors`."""
+        try:
+            return list(map(self._decoders["notification"], payloads))
+        except (KeyError, RuntimeError):
+            pass  # the first time, or there is one that cannot be read
+        records: list[Any] = []
+        for payload in payloads:
+            try:
+                records.append(self.decode_notification(payload))
+            except DecodeError as error:
+                errors.append(error)
+        return records
 
     def command_error(self, response: Any) -> int:
         """The machine's CommandError, 0 if all is well or the response has none."""

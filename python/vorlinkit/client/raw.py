@@ -16,13 +16,13 @@ def raw_plan(command_id: int) -> Plan[bytes, bytes]:
     """Asks what is given, and returns what comes. Its effect is the catalogue's, "change" where that knows none."""
     known = _known(command_id)
     reads = known and all(plan.effect == "read" for plan in known)
-    return RawPlan(command_id, _name(command_id), "", "read" if reads else "change")
+    return RawPlan(command_id, _name(command_id), "read" if reads else "change")
 
 
 @cache
 def raw_notifications(command_id: int) -> Plan[bytes, bytes]:
     """Listens, and asks for nothing."""
-    return RawPlan(command_id, _name(command_id), "", "change", unasked=True)
+    return RawPlan(command_id, _name(command_id), "change", unasked=True)
 
 
 def _known(command_id: int) -> list[Plan[Any, Any]]:
@@ -36,10 +36,10 @@ def _name(command_id: int) -> str:
 
 
 class RawPlan(Plan[bytes, bytes]):
+    """A plan whose records are the payloads themselves."""
+
     __slots__ = ()
 
-    def decode_response(self, payload: bytes) -> bytes:
-        return bytes(payload)
-
-    def decode_notification(self, payload: bytes) -> bytes:
-        return bytes(payload)
+    def __init__(self, id: int, name: str, effect: str, *, unasked: bool = False) -> None:
+        super().__init__(id, name, name, effect, unasked=unasked)
+        self._decoders.update(response=bytes, notification=bytes)

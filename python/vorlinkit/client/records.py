@@ -241,17 +241,17 @@ class _Columns(NamedTuple):
 
 @cache
 def _columns(name: str) -> _Columns:
-    return _below(layouts()[name], set(), "")
+    return _below(layouts()[name], {}, "")
 
 
-def _below(layout: Layout, taken: set[str], prefix: str) -> _Columns:
-    """The columns of a record type inside others whose columns are `taken`; adds its own to them."""
+def _below(layout: Layout, taken: dict[str, None], prefix: str) -> _Columns:
+    """The columns of a record type inside others whose columns are `taken`, in their order; adds its own to them."""
 
     def column(attribute: str) -> str:
         name = attribute if attribute not in taken else f"{prefix}{attribute}"
         while name in taken:
             name += "_"
-        taken.add(name)
+        taken[name] = None
         return name
 
     columns = _Columns([], [], [])
@@ -260,13 +260,13 @@ def _below(layout: Layout, taken: set[str], prefix: str) -> _Columns:
             columns.own.append((field.attribute, column(field.attribute)))
     for field in layout.fields:
         if isinstance(field, ListField):
-            before = set(taken)
+            before = len(taken)
             inner = _below(layouts()[field.type], taken, field.attribute.removeprefix("list_of_") + "_")
-            columns.lists.append((field.attribute, inner, sorted(taken - before)))
+            columns.lists.append((field.attribute, inner, list(taken)[before:]))
         elif isinstance(field, VariantField):
             shown = column(field.attribute)
             alternatives = {
-                one.type: _below(layouts()[one.type], set(taken), prefix) for one in field.alternatives
+                one.type: _below(layouts()[one.type], dict(taken), prefix) for one in field.alternatives
             }
             columns.variants.append((field, shown, alternatives))
     return columns

@@ -41,8 +41,8 @@ class Connecting:
     """Decides what becomes of attempts and connections, and when another attempt follows.
 
     Each attempt has a number, which its connection keeps. `delay` and `delay_max` (seconds): the wait before a
-    re-connect doubles with each failure, less a random part of at most half; without room to grow it is fixed. None:
-    there are no re-connects. The link's thread tells it of events, with the link's lock.
+    re-connect doubles with each failure, less a random part of at most half; with a `delay_max` of 0 it is fixed. A
+    `delay` of None: there are no re-connects. The link's thread tells it of events, with the link's lock.
     """
 
     def __init__(
@@ -59,6 +59,7 @@ class Connecting:
     def connect(self) -> Decision:
         # An attempt or a connection that is given up counts as any failure: it is followed by another.
         decision = self._end()
+        self._failures = 0
         if decision.attempt_failed is not None or decision.lost is not None:
             decision.reconnect_in = self._wait()
         self._start(decision)
@@ -74,7 +75,6 @@ class Connecting:
         decision = self._end()
         decision.cancel_reconnect = True
         self.state = State.CLOSED
-        self._failures = 0
         return decision
 
     def looked_up(self, addresses: Sequence[Address], failure: str) -> Decision:
@@ -103,12 +103,9 @@ class Connecting:
         self.state = State.IDLE
         return Decision(lost=reason, reconnect_in=self._wait())
 
-    def attempting(self) -> bool:
-        return self.state in (State.LOOKING_UP, State.CONNECTING)
-
     def _end(self) -> Decision:
         decision = Decision()
-        if self.attempting():
+        if self.state in (State.LOOKING_UP, State.CONNECTING):
             decision.attempt_failed = ENDED
         if self.state is State.CONNECTED:
             decision.lost = ENDED
@@ -125,7 +122,7 @@ class Connecting:
         return Decision(attempt_failed=reason, reconnect_in=self._wait())
 
     def _wait(self) -> float | None:
-        if self._delay is None or self._delay_max <= self._delay:
+        if self._delay is None or self._delay_max <= 0:
             return self._delay
         # The exponent is bounded so that the power stays a float.
         longest = min(self._delay * 2.0 ** min(self._failures, 64), self._delay_max)

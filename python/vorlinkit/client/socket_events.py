@@ -55,6 +55,9 @@ class Waker:
         self.receiver.close()
         self._sender.close()
 
+    def __del__(self) -> None:
+        self.close()  # its owner has gone without; nobody has to be warned of two ends of nothing
+
 
 class SocketEvents:
     """The `EventQueue` of a `SocketLink`: its thread puts, one thread or event loop at a time takes."""
@@ -113,9 +116,6 @@ class SocketEvents:
             return self._waker.receiver.fileno()
 
     def set_wake(self, callback: Callable[[], None] | None) -> None:
-        """Instead of `fileno`, for event loops that cannot watch descriptors: the callback is called, on any thread,
-        when there are events after there were none. It must not block nor raise; `loop.call_soon_threadsafe` is fine.
-        """
         with self._lock:
             self._call = callback
             if callback is not None and self._events:

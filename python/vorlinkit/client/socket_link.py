@@ -22,6 +22,7 @@ from .socket_requests import Request, Requests
 from .socket_transport import ERR, INFO, WARN, Transport
 
 _CLIENT_ID_AT: Final = 8  # in a request's header
+_LONGEST_SLEEP: Final = 3600.0  # systems take no time without end
 _NOT_CONNECTED: Final = Outcome(TRANSPORT, "Not connected", b"", 0, 0)
 _STOPPED: Final = Outcome(STOPPED, "MessageFramer stopped", b"", 0, 0)
 _TOO_LARGE: Final = Outcome(ENCODE, "Payload too large for 32-bit VORLIN length field", b"", 0, 0)
@@ -170,12 +171,13 @@ class SocketLink:
 
     # --- what the transport tells ------------------------------------------------------------------------
 
-    def log(self, level: int, text: str, depth: int = 1) -> None:
-        if level < self._level:
-            return
-        place = sys._getframe(depth).f_code
-        line = sys._getframe(depth).f_lineno
-        self._out.append((LOG, level, place.co_filename, line, place.co_qualname, text, time.time()))
+    def log(self, level: int, text: str) -> None:
+        if level >= self._level:
+            frame = sys._getframe(1)
+            code = frame.f_code
+            self._out.append(
+                (LOG, level, code.co_filename, frame.f_lineno, code.co_qualname, text, time.time())
+            )
 
     def reply(self, token: object, outcome: Outcome) -> None:
         self._out.append((REPLY, token, outcome))
@@ -208,7 +210,7 @@ class SocketLink:
         command_id = frame.command_id
         if frame.message_type == frames.NOTIFICATION:
             if command_id in self._watched:
-                self._out.append((NOTIFICATION, command_id, frame.payload))
+                self._out.append((NOTIFICATION, command_id, [frame.payload]))
             else:
                 self.log(WARN, f"No handler for notification commandId={command_id}")
         elif frame.message_type == frames.RESPONSE:
@@ -269,7 +271,7 @@ class SocketLink:
         for key, mask in ready:
             if key.fileobj is self._waker.receiver:
                 self._waker.drain()
-            elif self._transport.ready(key.fileobj, mask, now):
+            elif self._transport.ready(key.fileobj, mask):
                 self._requests.written(now)
         while self._jobs:
             token, connect = self._jobs.popleft()
@@ -303,11 +305,11 @@ class SocketLink:
 
 def _run(link: weakref.ref[SocketLink], selector: selectors.BaseSelector, waker: Waker) -> None:
     """The thread of a link; it ends with `close`, and when nobody holds the link any more."""
-    if hasattr(signal, "pthread_sigmask"):
+    if sys.platform != "win32":  # signals are the main thread's
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
     wait: float | None = 0.0
     while wait is not None:
-        ready = selector.select(None if wait == inf else max(0.0, wait))
+        ready = selector.select(None if wait == inf else min(max(0.0, wait), _LONGEST_SLEEP))
         held = link()
         wait = None if held is None else held.turn(ready)
         del held

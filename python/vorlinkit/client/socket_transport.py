@@ -3,18 +3,15 @@
 from __future__ import annotations
 
 import errno
-import os
 import selectors
 import socket
-import sys
-import threading
 import time
-from collections.abc import Callable
 from math import inf
 from typing import Any, Final, Protocol
 
 from .link import OK, TIMEOUT, TRANSPORT, LinkOptions, Outcome
 from .socket_connecting import Address, Connecting, Decision, StallWatch, State
+from .socket_system import NameLookup, prepare, text_of, text_of_code, unacknowledged
 
 READ_SIZE: Final = 65_536
 READS_IN_A_ROW: Final = 4  # then requests and timers get their turn
@@ -24,13 +21,12 @@ WARN: Final = 3
 ERR: Final = 4
 
 _UNDER_WAY: Final = (errno.EINPROGRESS, errno.EWOULDBLOCK, errno.EINTR)
-_KEEP_ALIVE: Final = {"TCP_KEEPIDLE": 15, "TCP_KEEPALIVE": 15, "TCP_KEEPINTVL": 5, "TCP_KEEPCNT": 3}
 
 
 class Owner(Protocol):
     """Whom a transport tells, on the link's thread and with the link's lock."""
 
-    def log(self, level: int, text: str, depth: int = 1) -> None: ...
+    def log(self, level: int, text: str) -> None: ...
     def reply(self, token: object, outcome: Outcome) -> None: ...
     def on_state(self, connection: int, reason: str) -> None: ...
     def on_lost(self, text: str) -> None: ...
@@ -81,7 +77,7 @@ class Transport:
         except BlockingIOError:
             sent = 0
         except OSError as error:
-            self.break_off(_text(error))
+            self.break_off(text_of(error))
             return False
         if sent == len(frame):
             return True
@@ -96,7 +92,7 @@ class Transport:
 
     # --- events, on the link's thread -----------------------------------------------------------------
 
-    def ready(self, sock: Any, mask: int, now: float) -> bool:
+    def ready(self, sock: Any, mask: int) -> bool:
         """What the selector has found; True when what was to be written has left."""
         if sock is not self._socket or sock is None:
             return False  # it was closed meanwhile
@@ -158,7 +154,6 @@ class Transport:
 
     def _attempt_failed(self, reason: str, timed_out: bool) -> Outcome:
         self._connect_deadline = inf
-        self._lookup.abandon()
         self._close_socket()
         self._owner.log(ERR, f"Connection failed: {reason}")
         self._owner.on_state(0, f"Connection failed: {reason}")
@@ -206,26 +201,26 @@ class Transport:
             self._selector.register(self._socket, selectors.EVENT_WRITE)
             failure = self._socket.connect_ex(address[1])
         except OSError as error:
-            self._carry_out(self._connecting.connect_ended(_text(error)))
+            self._carry_out(self._connecting.connect_ended(text_of(error)))
             return
         if failure not in _UNDER_WAY:
             self._connect_ended(failure)
 
     def _connect_ended(self, failure: int) -> None:
         assert self._socket is not None
-        text = _system_text(failure) if failure else None
+        text = text_of_code(failure) if failure else None
         try:
             if text is None and self._socket.getsockname() == self._socket.getpeername():
                 text = "Connection refused"  # connected to itself, which a free local port makes possible
         except OSError as error:
-            text = _text(error)
+            text = text_of(error)
         self._carry_out(self._connecting.connect_ended(text))
 
     def _connected(self) -> None:
         assert self._socket is not None
         self._connect_deadline = inf
         self.connection = self._connecting.number
-        _prepare(self._socket, self._stall.limit)
+        prepare(self._socket, self._stall.limit)
         self._selector.modify(self._socket, selectors.EVENT_READ)
         self._owner.log(INFO, "Connected successfully")
         self._owner.on_state(self.connection, "")
@@ -243,7 +238,7 @@ class Transport:
             except (BlockingIOError, InterruptedError):
                 return
             except OSError as error:
-                return self._fail(_text(error))
+                return self._fail(text_of(error))
             except MemoryError:  # the stream cannot be followed any more
                 return self._fail("Cannot allocate memory")
             if not chunk:
@@ -258,7 +253,7 @@ class Transport:
         except (BlockingIOError, InterruptedError):
             pass
         except OSError as error:
-            self._fail(_text(error))
+            self._fail(text_of(error))
             return False
         if self._outgoing:
             return False
@@ -269,7 +264,7 @@ class Transport:
 
     def _look_for_stall(self, now: float) -> None:
         assert self._socket is not None
-        pending = len(self._outgoing) + _unacknowledged(self._socket)
+        pending = len(self._outgoing) + unacknowledged(self._socket)
         if not self._waits_to_write:
             self._waits_to_write = True
             self._selector.modify(self._socket, selectors.EVENT_READ | selectors.EVENT_WRITE)
@@ -282,104 +277,3 @@ class Transport:
 
     def _fail(self, reason: str) -> None:
         self._carry_out(self._connecting.connection_failed(reason))
-
-
-class NameLookup:
-    """Finds the addresses of a host, on a thread of its own: the system's look-up cannot be ended and may hang for
-    as long as a name server is silent. An abandoned one ends by itself some time later."""
-
-    def __init__(self, host: str, port: int, wake: Callable[[], None]) -> None:
-        self._host = host
-        self._port = port
-        self._wake = wake
-        self._lock = threading.Lock()
-        self._running = False
-        self._found: tuple[list[Address], str] | None = None
-
-    def find(self) -> tuple[list[Address], str] | None:
-        """The addresses at once if the host is a number, else None, and they can be taken later. A thread that an
-        abandoned look-up left behind is waited for instead of starting another one."""
-        addresses, failure = _look_up(self._host, self._port, socket.AI_NUMERICHOST)
-        if addresses:
-            return addresses, failure
-        with self._lock:
-            self._found = None
-            if self._running:
-                return None
-            try:
-                threading.Thread(target=self._run, name="vorlinkit look-up", daemon=True).start()
-            except RuntimeError:  # there are too many threads, or the interpreter ends
-                return [], "Resource temporarily unavailable"
-            self._running = True
-        return None
-
-    def take(self) -> tuple[list[Address], str] | None:
-        return self._found
-
-    def abandon(self) -> None:
-        self._found = None
-
-    def _run(self) -> None:
-        found = _look_up(self._host, self._port, 0)
-        with self._lock:
-            self._running = False
-            self._found = found
-        self._wake()
-
-
-def _look_up(host: str, port: int, flags: int) -> tuple[list[Address], str]:
-    """The addresses, or why there are none."""
-    try:
-        found = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM, flags=flags)
-        return [(family, address) for family, _, _, _, address in found], ""
-    except socket.gaierror as error:
-        texts = {
-            socket.EAI_NONAME: "Host not found (authoritative)",
-            socket.EAI_AGAIN: "Host not found (non-authoritative), try again later",
-        }
-        return [], texts.get(error.errno or 0) or _text(error)
-    except (OSError, ValueError) as error:  # a name with a 0 in it, or one that no host can have
-        return [], _text(error) if isinstance(error, OSError) else "Invalid argument"
-
-
-def _prepare(sock: socket.socket, stall_limit: float) -> None:
-    """What cannot be set is left as it is."""
-    options = [(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1), (socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1)]
-    for name, value in _KEEP_ALIVE.items():
-        if hasattr(socket, name):
-            options.append((socket.IPPROTO_TCP, getattr(socket, name), value))
-    if hasattr(socket, "TCP_USER_TIMEOUT"):
-        longest = min(int(stall_limit * 1000), 2**31 - 1)
-        options.append((socket.IPPROTO_TCP, socket.TCP_USER_TIMEOUT, longest))
-    for level, option, value in options:
-        try:
-            sock.setsockopt(level, option, value)
-        except OSError:
-            pass
-
-
-def _unacknowledged(sock: socket.socket) -> int:
-    """The bytes that the system has taken and the peer has not acknowledged, 0 where it does not say."""
-    try:
-        if sys.platform == "linux":
-            import fcntl
-            import termios
-
-            return int.from_bytes(fcntl.ioctl(sock, termios.TIOCOUTQ, bytes(4)), sys.byteorder)
-        if sys.platform == "darwin":
-            return sock.getsockopt(socket.SOL_SOCKET, 0x1024)  # SO_NWRITE
-    except OSError:
-        pass
-    return 0
-
-
-def _text(error: OSError) -> str:
-    return error.strerror or str(error)
-
-
-def _system_text(code: int) -> str:
-    if sys.platform == "win32":
-        import ctypes
-
-        return ctypes.FormatError(code)
-    return os.strerror(code)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections import deque
+from collections.abc import Sequence
 from typing import Generic, TypeVar
 
 T = TypeVar("T")
@@ -11,7 +12,7 @@ T = TypeVar("T")
 class Stream(Generic[T]):
     """What the subscriptions of both faces share. One thread delivers; it never waits for those who take.
 
-    `_attention`: somebody wants to be told of the next item. Who takes sets it and then looks again; who delivers adds
+    `cancelled`: its user has ended it, or the machine. `_attention`: somebody wants to be told of the next item. Who takes sets it and then looks again; who delivers adds
     and then looks at it: so nothing is overlooked without a lock.
     """
 
@@ -23,6 +24,7 @@ class Stream(Generic[T]):
         self._dropped = 0
         self._attention = False
         self._ended = False
+        self.cancelled = False
         self._error: Exception | None = None
 
     @property
@@ -35,10 +37,10 @@ class Stream(Generic[T]):
         """Why nothing comes any more; None while it does, and if the user has ended it."""
         return self._error
 
-    def deliver(self, item: T) -> None:
-        items = self._items
-        items.append(item)
-        if len(items) > self._buffer:
+    def deliver(self, items: Sequence[T]) -> None:
+        """On the thread or loop that looks after the link."""
+        self._items.extend(items)
+        if len(self._items) > self._buffer:
             self._drop()
         if self._attention:
             self._attention = False
@@ -49,15 +51,17 @@ class Stream(Generic[T]):
         if not self._ended:
             self._error = error
             self._ended = True
+            self.cancelled = error is None
             self._attention = False
             self._wake()
 
     def _drop(self) -> None:
         try:
-            self._items.popleft()
+            while len(self._items) > self._buffer:
+                self._items.popleft()
+                self._dropped += 1
         except IndexError:  # taken meanwhile
-            return
-        self._dropped += 1
+            pass
 
     def _wake(self) -> None:
         raise NotImplementedError

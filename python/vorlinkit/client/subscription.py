@@ -35,10 +35,15 @@ class Inbox(Stream[T]):
         self._attention = handler is not None
 
     def __iter__(self) -> Self:
+        self._check_free()
         return self
 
     def __next__(self) -> T:
         """The next one. Raises StopIteration when it was ended by the user, and otherwise why it has ended."""
+        try:
+            return self._items.popleft()
+        except IndexError:
+            pass
         try:
             return self._take(None)
         except Closed:
@@ -58,35 +63,38 @@ class Inbox(Stream[T]):
             self._dispatcher.put(self)
 
     def run_handler(self, dispatcher: Dispatcher) -> None:
-        """On the dispatcher's thread."""
-        items, left = self._items, AT_ONCE
-        while left and not self._done and (handler := self._handler) is not None:
-            try:
-                item = items.popleft()
-            except IndexError:
-                self._attention = True
-                if not items:
+        """On the dispatcher's thread: what waits, but no more at once than leaves other handlers their turn."""
+        handler, take = self._handler, self._items.popleft
+        if handler is None:
+            return
+        try:
+            for _ in range(AT_ONCE):
+                if self.cancelled:
                     return
-                self._attention = False
-                continue
-            dispatcher.call(handler, item)
-            left -= 1
-        if not self._done and self._handler is not None:
-            dispatcher.put(self)
-
-    @property
-    def _done(self) -> bool:
-        """The user has ended it; after an error the handler still gets what came before."""
-        return self._ended and self._error is None
+                try:
+                    item = take()
+                except IndexError:
+                    self._attention = True
+                    if not self._items:
+                        return
+                    self._attention = False
+                    continue
+                handler(item)
+        except Exception as error:
+            dispatcher.failed(handler, error)
+        dispatcher.put(self)
 
     def inherit(self, error: Exception) -> None:
         """In a child process, where nothing is delivered any more."""
         self._condition = threading.Condition()
         self.end(error)
 
-    def _take(self, timeout: float | None) -> T:
+    def _check_free(self) -> None:
         if self._handler is not None:
             raise VorlinError(f"{self.name} has a handler, which gets everything; it is not iterated over")
+
+    def _take(self, timeout: float | None) -> T:
+        self._check_free()
         end = None if timeout is None else time.monotonic() + timeout
         while True:
             try:

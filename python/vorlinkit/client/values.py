@@ -9,7 +9,7 @@ from __future__ import annotations
 import difflib
 import operator
 from collections.abc import Iterable, Mapping, Sequence
-from typing import TYPE_CHECKING, Any, Final, NoReturn
+from typing import Any, Final, NoReturn
 from uuid import UUID
 
 from vorlinkit.catalogue import (
@@ -25,20 +25,17 @@ from vorlinkit.catalogue import (
 from .errors import EncodeError
 from .layouts import Layout, bytes_attribute, catalogue, layouts
 
-if TYPE_CHECKING:
-    from .plan import Plan
-
 SHOWN: Final = 60
 """Characters of a refused value that an error's text shows."""
 
 
-def encode(plan: Plan[Any, Any], values: Sequence[Any]) -> bytes:
-    """The payload of a request with these parameters. Raises EncodeError."""
-    request = catalogue().named(plan.name).request
+def encode(command: str, values: Sequence[Any]) -> bytes:
+    """The payload of a command's request with these parameters. Raises EncodeError."""
+    request = catalogue().named(command).request
     if request is None:
         return b""
     layout = layouts()[request.type]
-    writer = _Writer(plan.name)
+    writer = _Writer(command)
     writer.record(layout, dict(zip((field.attribute for field in layout.given), values, strict=True)), "")
     return bytes(writer.out)
 

@@ -14,15 +14,15 @@ from .faults.misbehaviour import ScenarioError
 from .faults.scenario import parse_text, read_file
 from .network.events import EventLog
 from .network.server import ListenError, SimulatorServer, open_scenario
-from .options import Options, parse
+from .options import PROGRAM, Options, parse
 from .state.machine import disclaimer
 
 STOPPING_SIGNALS = (signal.SIGINT, signal.SIGTERM)
 
 
-def main(arguments: Sequence[str] | None = None) -> int:
-    """Run the simulator; returns the exit code."""
-    options = parse(arguments)
+def main(arguments: Sequence[str] | None = None, program: str = PROGRAM) -> int:
+    """Run the simulator as a program of this name; returns the exit code."""
+    options = parse(arguments, program)
     try:
         return asyncio.run(_serve(options))
     except (catalogues.CatalogueError, ScenarioError, ListenError) as error:

@@ -52,9 +52,12 @@ class Options:
     control: bool
 
 
-def parse(arguments: Sequence[str] | None = None) -> Options:
-    """Read the command line; exits with a message on a mistake."""
-    given = _parser().parse_args(arguments)
+PROGRAM: Final = "python3 -m vorlinkit.simulator"
+
+
+def parse(arguments: Sequence[str] | None = None, program: str = PROGRAM) -> Options:
+    """Read the command line of a program of this name; exits with a message on a mistake."""
+    given = _parser(program).parse_args(arguments)
     return Options(
         host=given.host,
         port=given.port,
@@ -77,9 +80,9 @@ def parse(arguments: Sequence[str] | None = None) -> Options:
     )
 
 
-def _parser() -> argparse.ArgumentParser:
+def _parser(program: str = PROGRAM) -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
-        prog="python3 -m vorlinkit.simulator",
+        prog=program,
         description="A simulated sorting machine that speaks VORLIN, for when no real one is at hand.",
         epilog=_EPILOGUE,
         formatter_class=argparse.RawDescriptionHelpFormatter,

@@ -8,11 +8,6 @@ from typing import Final, NamedTuple
 from . import frames
 
 _START: Final = struct.Struct(">2sBB")
-_HEADERS: Final = {
-    frames.REQUEST: frames.REQUEST_HEADER,
-    frames.RESPONSE: frames.RESPONSE_HEADER,
-    frames.NOTIFICATION: frames.NOTIFICATION_HEADER,
-}
 _NAMES: Final = {
     frames.REQUEST: "Request",
     frames.RESPONSE: "Response",
@@ -78,7 +73,7 @@ class FrameAssembler:
             at = 0
             while len(view) - at >= _START.size:
                 protocol, _, message_type = _START.unpack_from(view, at)
-                header = _HEADERS.get(message_type)
+                header = frames.HEADERS.get(message_type)
                 if protocol != frames.PROTOCOL:
                     fault = "Invalid protocol ID (expected 'VR')"
                     return [*found, StreamFault(fault, "Invalid protocol ID in RX stream")]

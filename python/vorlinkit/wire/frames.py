@@ -19,7 +19,8 @@ RESPONSE_HEADER: Final = struct.Struct(">2sBBHHIII")
 NOTIFICATION_HEADER: Final = struct.Struct(">2sBBHHI")
 START_SIZE: Final = 4
 
-_HEADERS: Final = {REQUEST: REQUEST_HEADER, RESPONSE: RESPONSE_HEADER, NOTIFICATION: NOTIFICATION_HEADER}
+HEADERS: Final = {REQUEST: REQUEST_HEADER, RESPONSE: RESPONSE_HEADER, NOTIFICATION: NOTIFICATION_HEADER}
+"""By message type."""
 
 
 class MajorError(IntFlag):
@@ -73,7 +74,7 @@ class RequestFrame:
 
 def header_size(message_type: int) -> int | None:
     """The size of the whole header of this kind of frame; None for a kind that does not exist."""
-    header = _HEADERS.get(message_type)
+    header = HEADERS.get(message_type)
     return header.size if header is not None else None
 
 

@@ -226,8 +226,11 @@ class Burst:
         return replace(answer, burst=chain(answer.burst, made), burst_count=answer.burst_count + self.count)
 
 
-def leaves_undone(action: Misbehaviour) -> bool:
-    """Whether a request that this happens to is not carried out: what is refused, too, changes nothing."""
+def leaves_undone(action: Misbehaviour, has_command_error: bool) -> bool:
+    """Whether a request that this happens to is not carried out: what is refused, too, changes nothing.
+
+    ``has_command_error``: whether its answer can say so.
+    """
     if isinstance(action, SetCommandError):
-        return action.bits != 0
+        return has_command_error and action.bits != 0
     return isinstance(action, (NotCarriedOut, SetMajorError, Freeze))

@@ -45,10 +45,9 @@ class Rule:
         self._met += 1
         return self._met >= self.first and (self.last is None or self._met <= self.last)
 
-    @property
-    def leaves_undone(self) -> bool:
-        """Whether the request is not carried out."""
-        return any(leaves_undone(action) for action in self.actions)
+    def leaves_undone(self, has_command_error: bool) -> bool:
+        """Whether the request is not carried out; ``has_command_error``: whether its answer has one."""
+        return any(leaves_undone(action, has_command_error) for action in self.actions)
 
     def apply(self, answer: Answer) -> Answer:
         for action in self.actions:

@@ -5,9 +5,8 @@ from __future__ import annotations
 import asyncio
 import socket
 import struct
-from collections.abc import Iterable, Iterator, Sequence
-from dataclasses import dataclass, replace
-from itertools import chain, islice
+from collections.abc import Iterable, Sequence
+from dataclasses import replace
 from typing import Final, Protocol
 
 from vorlinkit.wire import frames
@@ -23,35 +22,14 @@ from ..state.rights import needs_control
 from ..state.subscriptions import Client
 from .bursts import maker
 from .events import EventLog
+from .outgoing import Outgoing, blocks
 
-BLOCK: Final = 64 * 1024
 LONGEST_VALUES: Final = 2000
 """Requests with longer payloads are told without their values."""
 LONGEST_BACKLOG: Final = 256 * 1024
 """How many bytes may wait for a client before no more of its requests are read."""
 LAST_PATIENCE: Final = 1.0
 """How many seconds a client that sends no more gets to take its last answers."""
-
-
-@dataclass(frozen=True)
-class Outgoing:
-    """What leaves next: whole frames or pieces of them, and how the connection ends behind them, if so.
-
-    ``burst`` comes behind the parts; its frames are made when the client takes them.
-    """
-
-    parts: Sequence[bytes]
-    frames: int = 0
-    burst: Iterable[bytes] = ()
-    chunk: int | None = None
-    together: bool = False
-    ending: Ending | None = None
-    answered: int | None = None
-
-    @property
-    def size(self) -> int:
-        """The bytes that are held in memory."""
-        return sum(len(part) for part in self.parts)
 
 
 class Surroundings(Protocol):
@@ -179,7 +157,9 @@ class ClientConnection:
 
     async def _serve(self, frame: RequestFrame) -> None:
         rules = () if self._frozen else self._scenario.for_request(frame.command_id, self.number)
-        carry_out = not self._frozen and not any(rule.leaves_undone for rule in rules)
+        command = self._machine.command_with_id(frame.command_id)
+        can_refuse = command is not None and command.errors is not None
+        carry_out = not self._frozen and not any(rule.leaves_undone(can_refuse) for rule in rules)
         has_control = self._machine.holder is self.client
         self._held_back = []
         reply = self._machine.answer(self.client, frame, carry_out)
@@ -281,7 +261,7 @@ class ClientConnection:
     async def _write(self, outgoing: Outgoing) -> None:
         if self._shut or self._writer.is_closing():
             return
-        for at, block in enumerate(_blocks(outgoing, self._frames_left())):
+        for at, block in enumerate(blocks(outgoing, self._frames_left())):
             if at > 0:
                 await asyncio.sleep(0)
             self._writer.write(block)
@@ -312,35 +292,3 @@ class ClientConnection:
             self._writer.close()
         if how == "half-close":
             self._events("half-closed", connection=self.number)
-
-
-def _blocks(outgoing: Outgoing, frames_left: int | None) -> Iterator[bytes]:
-    """The writes that send it: one per frame, or one for all, or many small frames to a block, or pieces."""
-    parts = islice(chain(outgoing.parts, outgoing.burst), frames_left)
-    if outgoing.chunk is not None:
-        yield from _pieces(parts, outgoing.chunk)
-        return
-    if outgoing.together:
-        yield b"".join(islice(parts, len(outgoing.parts)))
-    yield from parts if outgoing.frames < 100 else _filled(parts)
-
-
-def _pieces(parts: Iterable[bytes], size: int) -> Iterator[bytes]:
-    rest = bytearray()
-    for part in parts:
-        rest += part
-        while len(rest) >= size:
-            yield bytes(rest[:size])
-            del rest[:size]
-    if rest:
-        yield bytes(rest)
-
-
-def _filled(parts: Iterable[bytes]) -> Iterator[bytes]:
-    block = bytearray()
-    for part in parts:
-        block += part
-        if len(block) >= BLOCK:
-            yield bytes(block)
-            block.clear()
-    yield bytes(block)
