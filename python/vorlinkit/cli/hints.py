@@ -21,7 +21,8 @@ def near(word: str, names: Iterable[str], most: int = 3) -> list[str]:
     for name in names:
         by_fold.setdefault(folded(name), name)
     wanted = folded(word)
-    found = difflib.get_close_matches(wanted, by_fold, most)
+    found = difflib.get_close_matches(wanted, by_fold, most, 0.8)
+    found = found or difflib.get_close_matches(wanted, by_fold, most)
     if len(wanted) > 2:
         found += sorted((name for name in by_fold if wanted in name and name not in found), key=len)
     return [by_fold[name] for name in found[:most]]

@@ -16,6 +16,7 @@ PATIENCE: Final = 1.0
 """Seconds without a word."""
 TICK: Final = 0.5
 CELLS: Final = 24
+NARROWEST: Final = 80
 MEASURED: Final = "{desc} {percentage:3.0f}% |{bar}| {elapsed}, {remaining} left"
 
 
@@ -95,7 +96,8 @@ class PlainPainter:
         if fraction is not None:
             done = round(fraction * CELLS)
             text = f"{self._what} [{'#' * done}{'.' * (CELLS - done)}] {fraction:4.0%} {seconds:.0f} s"
-        text = text[: os.get_terminal_size(self._stream.fileno()).columns - 1]
+        width = os.get_terminal_size(self._stream.fileno()).columns or NARROWEST  # 0 where nobody knows
+        text = text[: width - 1]
         self._write("\r" + text.ljust(self._shown))
         self._shown = len(text)
 
