@@ -1,9 +1,14 @@
 """What the README shows is what its programs print."""
 
 import re
+import shlex
 import subprocess
 import sys
 from pathlib import Path
+
+import pytest
+from vorlinkit.cli import main
+from vorlinkit.simulator import SimulatorProcess
 
 ROOT = Path(__file__).resolve().parents[2]
 README = (ROOT / "README.md").read_text(encoding="utf-8")
@@ -35,3 +40,14 @@ def test_the_python_lines_of_the_readme_run() -> None:
     done = subprocess.run([sys.executable, "-c", program, code], capture_output=True, text=True, timeout=60)
     assert (done.returncode, done.stderr) == (0, "")
     assert done.stdout == shown_after("output: against a simulator")
+
+
+def test_the_typed_lines_of_the_readme_run(capsys: pytest.CaptureFixture[str]) -> None:
+    with SimulatorProcess() as simulator:
+        code = shown_after("typed: python").replace('"127.0.0.1"', f'"127.0.0.1", {simulator.port}')
+        exec(compile(code, "README.md", "exec"), {})
+        assert capsys.readouterr().out == "SIM-0001\n"
+        for line in shown_after("typed: shell").splitlines():
+            command = line.replace("127.0.0.1", f"127.0.0.1:{simulator.port}")
+            assert main(shlex.split(command)[1:]) == 0, line
+            assert capsys.readouterr().out
