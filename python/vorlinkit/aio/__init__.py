@@ -7,7 +7,11 @@ Requests go out in the order in which they were made, one at a time. Cancelling 
 at once; what was sent cannot be called back, and the machine may carry it out.
 """
 
+from vorlinkit.client import backend
+
 from .machine import Connecting, Machine, connect
 from .subscription import Subscription
 
 __all__ = ["Connecting", "Machine", "Subscription", "connect"]
+
+backend.records()  # takes a moment in pure Python: better now than while an event loop runs

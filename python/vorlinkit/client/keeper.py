@@ -10,7 +10,7 @@ import time
 import weakref
 from collections.abc import Callable
 from dataclasses import replace
-from functools import partial
+from functools import cache, partial
 from typing import Any, Final, TypeVar
 
 from .actions import Action, Ask, AwaitChange, Connect, GiveUp, Steps
@@ -55,6 +55,7 @@ class Keeper:
         self.events: Final[Inbox[MachineEvent]] = Inbox("machine.events", 1000, None, self.dispatcher)
         self.talk: Final = Conversation(options, time.monotonic, self._changed, self._tell)
         self.link: Final = make_link(replace(link_options, log_level=core_level(self.talk.log)))
+        _close_at_exit()
         self._attendant: Final = Attendant(self.talk, self.link, self._lock)
         name = f"vorlinkit keeper {options.host}"
         self._thread: Final = threading.Thread(target=self._run, name=name, daemon=True)
@@ -172,6 +173,12 @@ class Keeper:
         attendant.handle(queue.take())
 
 
+@cache
+def _close_at_exit() -> None:
+    """Once there is a link: what its module does at exit comes behind this."""
+    atexit.register(_at_exit)
+
+
 def _at_exit() -> None:
     for keeper in list(_keepers):
         keeper.close("the interpreter ends")
@@ -185,6 +192,5 @@ def _after_fork() -> None:
         keeper.inherit()
 
 
-atexit.register(_at_exit)
 if hasattr(os, "register_at_fork"):
     os.register_at_fork(after_in_child=_after_fork)

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
-from functools import cache
 from typing import Any
 
 from vorlinkit.catalogue import (
@@ -20,6 +19,8 @@ from vorlinkit.catalogue import (
     load,
 )
 from vorlinkit.wire.coder import PayloadError, decode
+
+from .once import once
 
 
 @dataclass(frozen=True)
@@ -60,7 +61,7 @@ def bytes_attribute(layout: Layout, field: BlobField) -> str:
     return name
 
 
-@cache
+@once
 def catalogue() -> Catalogue:
     return load()
 
@@ -76,7 +77,7 @@ def layout_of(record: Any) -> Layout:
     raise TypeError(f"{kind.__name__} is no record of a command")
 
 
-@cache
+@once
 def layouts() -> Mapping[str, Layout]:
     """The layouts of all record types by name."""
     found = {}

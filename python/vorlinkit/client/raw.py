@@ -2,16 +2,16 @@
 
 from __future__ import annotations
 
-from functools import cache
 from typing import Any, Final
 
 from . import plans
+from .once import once
 from .plan import Plan
 
 LAST_ID: Final = 0xFFFF
 
 
-@cache
+@once
 def raw_plan(command_id: int) -> Plan[bytes, bytes]:
     """Asks what is given, and returns what comes. Its effect is the catalogue's, "change" where that knows none."""
     known = _known(command_id)
@@ -19,7 +19,7 @@ def raw_plan(command_id: int) -> Plan[bytes, bytes]:
     return RawPlan(command_id, _name(command_id), "read" if reads else "change")
 
 
-@cache
+@once
 def raw_notifications(command_id: int) -> Plan[bytes, bytes]:
     """Listens, and asks for nothing."""
     return RawPlan(command_id, _name(command_id), "change", unasked=True)

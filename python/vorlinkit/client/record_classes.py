@@ -9,7 +9,7 @@ from __future__ import annotations
 
 from collections.abc import Callable, Iterator, Sequence
 from enum import IntEnum
-from functools import cache, partial
+from functools import partial
 from typing import Any, NamedTuple
 
 from vorlinkit.catalogue import (
@@ -27,6 +27,7 @@ from vorlinkit.wire import coder, render
 from vorlinkit.wire import records as wire
 
 from .layouts import Layout, bytes_attribute, catalogue, layouts
+from .once import once
 from .record import Attribute, Blob, BlobItems, Items, Number, OneOf, Record, Text
 
 
@@ -57,7 +58,7 @@ def __dir__() -> list[str]:
     return sorted({*globals(), *layouts(), *_functions()})
 
 
-@cache
+@once
 def record_class(name: str) -> type[Record]:
     """The class of a record type of the catalogue."""
     layout = layouts()[name]
@@ -82,7 +83,7 @@ def _attributes(layout: Layout, field: Field) -> Iterator[Attribute]:
         yield Blob(name)
     elif isinstance(field, VariantField):
         types = [one.type for one in field.alternatives]
-        yield OneOf(field.attribute, cache(lambda: tuple(map(record_class, types))))
+        yield OneOf(field.attribute, once(lambda: tuple(map(record_class, types))))
     elif field.kind in NUMBER_WIDTHS:
         yield Number(field.attribute, NUMBER_WIDTHS[field.kind])
     else:
@@ -133,7 +134,7 @@ def from_wire(name: str, record: wire.Record) -> Record:
 # -- functions ----------------------------------------------------------------------------------------
 
 
-@cache
+@once
 def _functions() -> dict[str, Any]:
     """Every function and command id, by name."""
     return {name: made for command in catalogue().commands for name, made in _block(command)}
