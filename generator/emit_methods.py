@@ -133,15 +133,14 @@ def plan(command: Command) -> str:
     passed = parameters(command)
     keys = [getattr(each.field, "key", "") for each in passed]
     facts = command.facts
+    address = [keys.index(key) for key in facts.address if key in keys]
     arguments = [str(command.id), f'"{command.name}"', f'"{command.snake}"', f'"{facts.effect}"']
     arguments += [repr(tuple(each.name for each in passed)), repr(tuple(each.kind for each in passed))]
     options = {
         "subscribes": keys.index(facts.subscribes) if facts.subscribes else -1,
         "unasked": bool(facts.unasked),
-        "address": tuple(keys.index(key) for key in facts.address),
-        "carried": tuple(
-            carried(passed[keys.index(key)].field, command.message("notification")) for key in facts.address
-        ),
+        "address": tuple(address),
+        "carried": tuple(carried(passed[at].field, command.message("notification")) for at in address),
         "echoed": tuple(
             (at, path)
             for at, key in enumerate(keys)

@@ -30,7 +30,7 @@ def messages(*kinds: MessageKind) -> list[tuple[Command, MessageKind, Message]]:
 def wire_records(message: Message) -> Iterator[Record]:
     """Records of a message by protocol keys: counts fit, and every alternative occurs."""
     most = max((len(f.alternatives) for f in below(message.fields) if isinstance(f, VariantField)), default=1)
-    return (filled(message.fields, choice, []) for choice in range(most))
+    return (filled(message.fields, choice, 0, []) for choice in range(most))
 
 
 def below(fields: Sequence[Field]) -> Iterator[Field]:
@@ -43,24 +43,24 @@ def below(fields: Sequence[Field]) -> Iterator[Field]:
                 yield from below(one.fields)
 
 
-def filled(fields: Sequence[Field], choice: int, outer: list[Record]) -> Record:
+def filled(fields: Sequence[Field], choice: int, item: int, outer: list[Record]) -> Record:
+    """`choice`: the alternative of every variant; `item`: makes the values of neighbours differ."""
     record: Record = {}
     scopes = [*outer, record]
     for at, field in enumerate(fields):
         if isinstance(field, ScalarField):
-            record[field.key] = scalar(field, at + choice)
+            record[field.key] = scalar(field, at + choice + item)
         elif isinstance(field, BlobField):
             record[field.key] = bytes(range(253, 256)) * (choice + 1)
             record[field.count] = 3 * (choice + 1)
         elif isinstance(field, ListField):
-            record[field.key] = [filled(field.items, choice + item, scopes) for item in range(2)]
+            record[field.key] = [filled(field.items, choice, each, scopes) for each in range(2)]
             record[field.count] = 2
         else:
-            # In a list, the second item has the next alternative if the number that selects it is in the item.
-            one = field.alternatives[(choice if field.inside else 0) % len(field.alternatives)]
-            inner = filled(one.fields, choice, scopes)
+            one = field.alternatives[choice % len(field.alternatives)]
+            inner = filled(one.fields, choice, item, scopes)
             holder = inner if field.inside else next(scope for scope in reversed(scopes) if field.on in scope)
-            holder[field.on] = one.when[0]
+            holder[field.on] = one.when[-1]
             record[field.attribute] = Variant(one.name, inner)
     return record
 

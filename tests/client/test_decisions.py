@@ -211,6 +211,21 @@ def test_the_last_block_gives_control_back() -> None:
     assert machine.talk.clear["change"] == 1
 
 
+def test_control_that_is_taken_away_ahead_of_the_answer_was_never_there() -> None:
+    def taken_away(machine: Machine) -> Any:
+        machine.talk.control.notified(plans.GET_EXCLUSIVE_CONTROL.id)
+        return ok(b"\0\0")
+
+    machine = Machine()
+    assert (
+        machine.plays(
+            take_control(machine.talk, plans.GET_EXCLUSIVE_CONTROL, (), 10), ("ask 2 on 1", taken_away)
+        )
+        is None
+    )
+    assert isinstance(machine.plays(machine.call(*CHANGE)), errors.ControlLost)
+
+
 # --- connections and subscriptions ------------------------------------------------------------------------
 
 
@@ -309,6 +324,26 @@ def test_a_machine_that_does_not_answer_the_handshake() -> None:
     old.talk.connected(2)
     assert old.plays(handshake(old.talk, 2), ("ask 1 on 2", TIMEOUT), ("GiveUp", None)) is None
     assert old.talk.ready == 0
+
+
+def test_a_machine_that_answers_nothing_is_given_up() -> None:
+    machine = Machine()
+    late_answer(machine, *READ)
+    unanswered = machine.plays(machine.call(*READ), (FENCE, TIMEOUT))
+    assert isinstance(unanswered, errors.RequestTimeout) and machine.talk.ready == 1
+    machine.later(10)
+    assert isinstance(
+        machine.plays(machine.call(*READ), (FENCE, TIMEOUT), ("GiveUp", None)), errors.RequestTimeout
+    )
+    assert machine.told == [Lost("given up, as the machine has answered nothing for 10 s")]
+
+
+def test_a_client_id_that_cannot_be_right_is_asked_for_again() -> None:
+    for answers, ready in (((JUNK, ok(b"\5")), 1), ((ok(), REFUSED), 0), (((3, "", b"", 8, 0),), 1)):
+        machine = Machine(client_id=True, ready=False)
+        machine.talk.connected(1)
+        machine.plays(handshake(machine.talk, 1), *(("ask 1 on 1", answer) for answer in answers))
+        assert (machine.talk.ready, bool(machine.talk.failed)) == (ready, not ready)
 
 
 def test_an_idle_machine_that_does_not_answer_is_given_up() -> None:

@@ -6,7 +6,11 @@ import copy
 import csv
 import io
 import json
+import os
 import pickle
+import subprocess
+import sys
+from pathlib import Path
 from typing import Any
 
 import pytest
@@ -50,6 +54,21 @@ def test_every_answer_becomes_plain_data_and_back(
             == copy.copy(pure)
             == from_dict(type(pure), to_dict(pure))
         )
+
+
+def test_fields_of_every_kind_in_every_place(tmp_path: Path) -> None:
+    """The same with the catalogue that has them all; a run of its own, as a program knows one catalogue."""
+    root, made = Path(__file__).parents[2], tmp_path / "catalogue.json"
+    kinds = root / "tests" / "commands" / "every_kind"
+    subprocess.run(
+        [sys.executable, "-m", "generator", "--catalogue", kinds, "--json", made], cwd=root, check=True
+    )
+    same = ["-k", "becomes_plain_data", __file__, "-p", "no:cacheprovider", "-q"]
+    environment = os.environ | {"VORLINKIT_CATALOGUE": str(made), "VORLINKIT_BACKEND": "python"}
+    done = subprocess.run(
+        [sys.executable, "-m", "pytest", *same], env=environment, capture_output=True, text=True
+    )
+    assert done.returncode == 0, done.stdout
 
 
 @pytest.mark.parametrize(("command", "kind", "message"), ANSWERS, ids=lambda x: getattr(x, "type", ""))

@@ -493,7 +493,7 @@ def test_notifications_come_in_order_beside_log_records() -> None:
         next_event(link, STATE)
         link.watch(5)
         link.send(9, b"", 0, 1, "burst")
-        assert [next_event(link, NOTIFICATION)[2] for _ in range(1000)] == [b"%d" % n for n in range(1000)]
+        assert [next_event(link, NOTIFICATION)[2] for _ in range(1000)] == [[b"%d" % n] for n in range(1000)]
         level, file, line, function, text = next_event(link, LOG)[1:6]
         assert (level, text) == (3, "No handler for notification commandId=6")
         assert file.endswith("socket_link.py") and line > 1 and function.startswith("SocketLink.")

@@ -9,7 +9,7 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-from generator import emit_cpp, emit_json, names
+from generator import emit_cpp, emit_json, emit_methods, names
 from generator.__main__ import main, read_catalogue, write
 from generator.load import Document
 from generator.model import Catalogue, Finding, Index
@@ -465,3 +465,37 @@ def test_no_definition_upsets_the_generator(entries: list[object]) -> None:
     catalogue = Catalogue(read_families([Document("x.toml", "x", 0, data)], findings))
     findings += validate(catalogue, Index("index.toml"), partial=True)
     assert all(str(finding) for finding in findings)
+
+
+ODD = """
+[Foo]
+id = 1
+subscribes = "Level"
+address = ["Class"]
+request = [
+  "Level: u8", "Timeout: u8", "Class: string", "Size: u32", { blob = "Data", count = "Size", item = "Byte" },
+  "Kind: u8", { variant = "shape", on = "Kind", alternatives = [
+    { name = "A", when = [1], fields = ["X: u8"] }, { name = "B", when = [2], fields = ["Y: u8"] } ] },
+]
+response = ["Kind: u8"]
+notification = ["Class: string"]
+"""
+
+
+def test_parameters_of_a_method(tmp_path: Path) -> None:
+    files = emit_methods.emit(accepted(folder_with(tmp_path, odd=HEAD + ODD)))
+    for name, text in files.items():
+        compile(text, name, "exec")
+    # What follows from other values is none; a name that is taken is marked; what may be left out goes by name alone.
+    takes = "self, timeout_: int, class_: str, data: bytes | bytearray | memoryview, shape: {}, *, level: int = {}, "
+    shape = "records.FooRequestA | records.FooRequestB | tuple[str, Any]"
+    listens = "handler: Callable[[records.FooNotification], object] | None = None, buffer: int = 1000, "
+    end = "timeout: float | None = None"
+    methods = files["client/methods.py"]
+    assert f"def foo({takes.format(shape, 0)}{end}, check: bool = True) -> records.FooResponse:" in methods
+    assert (
+        f"def foo({takes.format(shape, 1)}{listens}{end}) -> Subscription[records.FooNotification]:"
+        in methods
+    )
+    assert methods.count("(level, timeout_, class_, data, shape)") == 2
+    assert "subscribes=0, address=(2,), carried=(('class',),))" in files["client/plans.py"]

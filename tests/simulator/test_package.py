@@ -19,6 +19,7 @@ MAY_IMPORT: Mapping[str, set[str] | None] = {
     "": {"client", "aio", "records", "catalogue"},  # for type checkers; at run time only what is used
     **dict.fromkeys(("wire", "catalogue"), WIRE),
     **{part: {part, *WIRE} for part in ("simulator", "capture", "layouts")},
+    "__main__": {"cli"},
     **dict.fromkeys(("client", "aio", "cli", "records", "pytest_plugin")),
 }
 """The parts of the package, and which of its parts each may import; None: all, and the extension module, too."""

@@ -75,9 +75,22 @@ void EventQueue::pushDroppable(std::unique_ptr<Event> event) noexcept {
   std::unique_ptr<Event> oldest; // outlives the lock
   const std::lock_guard guard(lock_);
   add(droppable_, std::move(event));
-  if (droppable_.size() <= limit) return;
-  oldest = droppable_.pop();
-  if (oldest->isNotification_) ++dropped_;
+  oldest = bound();
+}
+
+bool EventQueue::addNotification(std::uint16_t commandId, std::span<const std::byte> payload) {
+  std::unique_ptr<Event> oldest; // outlives the lock
+  const std::lock_guard guard(lock_);
+  if (!droppable_.addToLast(number_, commandId, payload)) return false;
+  signal();
+  oldest = bound();
+  return true;
+}
+
+std::unique_ptr<Event> EventQueue::bound() noexcept {
+  if (droppable_.weight() <= limit) return nullptr;
+  if (droppable_.first()->notifications() > 0) ++dropped_;
+  return droppable_.dropOldest();
 }
 
 void EventQueue::noteDropped() noexcept {

@@ -5,12 +5,14 @@
 
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <utility>
 
 namespace vorlinkit::python {
@@ -18,21 +20,24 @@ namespace vorlinkit::python {
 /// Something that has happened. Made and queued on any thread, without the interpreter lock.
 class Event {
 public:
-  Event() : Event(false) {}
+  Event() = default;
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   virtual ~Event() = default;
   /// As Python sees it; may be called again when Python had no memory for it. Interpreter lock held.
   virtual pybind11::tuple toPython() const = 0;
 
-protected:
-  explicit Event(bool isNotification) : isNotification_(isNotification) {}
+  /// How many notifications it stands for.
+  virtual std::size_t notifications() const noexcept { return 0; }
+  /// Takes one more in, if it can: with the queue's lock, when nothing has happened since.
+  virtual bool add(std::uint16_t /*commandId*/, std::span<const std::byte> /*payload*/) { return false; }
+  /// Throws its oldest part away; false if that is all of it.
+  virtual bool dropOldest() noexcept { return false; }
 
 private:
   friend class EventList;
   friend class EventQueue;
   friend class TakenEvents;
-  const bool isNotification_;
   std::unique_ptr<Event> next_;
   std::uint64_t number_ = 0; // in the order in which they happened
 };
@@ -43,26 +48,40 @@ public:
   EventList() = default;
   EventList(EventList&& other) noexcept
       : first_(std::move(other.first_)), last_(std::exchange(other.last_, nullptr)),
-        size_(std::exchange(other.size_, 0)) {}
+        weight_(std::exchange(other.weight_, 0)) {}
   EventList& operator=(EventList&&) = delete;
   ~EventList() {
     while (first_) // not by the chain of pointers, which would nest as deep as it is long
       pop();
   }
 
-  std::size_t size() const noexcept { return size_; }
+  /// How many events there are, each notification counted.
+  std::size_t weight() const noexcept { return weight_; }
+  bool empty() const noexcept { return !first_; }
   const Event* first() const noexcept { return first_.get(); }
   void push(std::unique_ptr<Event> event) noexcept {
     Event* const added = event.get();
     (last_ ? last_->next_ : first_) = std::move(event);
     last_ = added;
-    ++size_;
+    weight_ += weightOf(*added);
+  }
+  /// Into the event `number`, if that is the last one and takes it.
+  bool addToLast(std::uint64_t number, std::uint16_t commandId, std::span<const std::byte> payload) {
+    if (!last_ || last_->number_ != number || !last_->add(commandId, payload)) return false;
+    ++weight_;
+    return true;
+  }
+  /// The oldest event, or null when a part of it was enough.
+  std::unique_ptr<Event> dropOldest() noexcept {
+    if (!first_->dropOldest()) return pop();
+    --weight_;
+    return nullptr;
   }
   std::unique_ptr<Event> pop() noexcept {
     auto event = std::move(first_);
     first_ = std::move(event->next_);
     if (!first_) last_ = nullptr;
-    --size_;
+    weight_ -= weightOf(*event);
     return event;
   }
   /// Puts older events in front.
@@ -71,15 +90,17 @@ public:
     older.last_->next_ = std::move(first_);
     first_ = std::move(older.first_);
     if (!last_) last_ = older.last_;
-    size_ += older.size_;
+    weight_ += older.weight_;
     older.last_ = nullptr;
-    older.size_ = 0;
+    older.weight_ = 0;
   }
 
 private:
+  static std::size_t weightOf(const Event& event) noexcept { return std::max<std::size_t>(event.notifications(), 1); }
+
   std::unique_ptr<Event> first_;
   Event* last_ = nullptr;
-  std::size_t size_ = 0;
+  std::size_t weight_ = 0;
 };
 
 /// What a taker has at hand, in the order in which it happened.
@@ -119,6 +140,9 @@ public:
 
   void push(std::unique_ptr<Event> event) noexcept;
   void pushDroppable(std::unique_ptr<Event> event) noexcept;
+  /// Adds a notification to the last event, if that is one of the same command; false: it needs an event of its own.
+  /// Throws std::bad_alloc.
+  bool addNotification(std::uint16_t commandId, std::span<const std::byte> payload);
   /// A notification for which there was no memory.
   void noteDropped() noexcept;
 
@@ -134,9 +158,11 @@ public:
   std::uint64_t dropped() const noexcept;
 
 private:
-  bool empty() const noexcept { return kept_.size() == 0 && droppable_.size() == 0; }
+  bool empty() const noexcept { return kept_.empty() && droppable_.empty(); }
   void add(EventList& list, std::unique_ptr<Event> event) noexcept;
   void signal() noexcept;
+  /// The event of which nothing is left, to be destroyed without the lock.
+  std::unique_ptr<Event> bound() noexcept;
 
   mutable std::mutex lock_;
   std::condition_variable arrived_;

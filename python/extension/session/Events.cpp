@@ -6,6 +6,7 @@
 
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace py = pybind11;
 
@@ -22,15 +23,63 @@ py::bytes bytesOf(const RawMessage& message) {
   return {reinterpret_cast<const char*>(message.payload.data()), message.payload.size()};
 }
 
-class Notification final : public Event {
+/// A notification whose bytes are too many to be copied.
+class LargeNotification final : public Event {
 public:
-  explicit Notification(const RawMessage& message) : Event(true), message_(message) {}
+  explicit LargeNotification(const RawMessage& message) : message_(message) {}
+  std::size_t notifications() const noexcept override { return 1; }
   py::tuple toPython() const override {
-    return py::make_tuple(number(Kind::Notification), message_.commandId, bytesOf(message_));
+    py::list payloads(1);
+    payloads[0] = bytesOf(message_);
+    return py::make_tuple(number(Kind::Notification), message_.commandId, std::move(payloads));
   }
 
 private:
   const RawMessage message_;
+};
+
+/// Small notifications of one command that came one after the other. One object for many of them, since with one
+/// each, passing them to Python would take most of its time for memory.
+class Notifications final : public Event {
+public:
+  static constexpr std::size_t small = 1024; // bytes
+  static constexpr std::size_t most = 512;
+
+  Notifications(std::uint16_t commandId, std::span<const std::byte> payload) : commandId_(commandId) {
+    append(payload);
+  }
+
+  std::size_t notifications() const noexcept override { return ends_.size() - dropped_; }
+  bool add(std::uint16_t commandId, std::span<const std::byte> payload) override {
+    if (commandId != commandId_ || payload.size() > small || ends_.size() == most) return false;
+    append(payload);
+    return true;
+  }
+  bool dropOldest() noexcept override {
+    if (notifications() == 1) return false;
+    ++dropped_;
+    return true;
+  }
+  py::tuple toPython() const override {
+    py::list payloads(notifications());
+    for (std::size_t at = dropped_; at < ends_.size(); ++at) {
+      const std::size_t begin = at == 0 ? 0 : ends_[at - 1];
+      payloads[at - dropped_] = py::bytes(reinterpret_cast<const char*>(bytes_.data()) + begin, ends_[at] - begin);
+    }
+    return py::make_tuple(number(Kind::Notification), commandId_, std::move(payloads));
+  }
+
+private:
+  void append(std::span<const std::byte> payload) {
+    if (ends_.size() == ends_.capacity()) ends_.reserve(2 * ends_.size() + 1); // so that the last line cannot fail
+    bytes_.insert(bytes_.end(), payload.begin(), payload.end());
+    ends_.push_back(bytes_.size());
+  }
+
+  const std::uint16_t commandId_;
+  std::size_t dropped_ = 0;
+  std::vector<std::byte> bytes_;
+  std::vector<std::size_t> ends_; // of each payload in the bytes
 };
 
 class LogRecord final : public Event {
@@ -85,7 +134,11 @@ void Outlet::tellState(std::uint64_t connection, const std::string& reason) noex
 
 void Outlet::tellNotification(const RawMessage& message) noexcept {
   try {
-    queue_->pushDroppable(std::make_unique<Notification>(message));
+    if (queue_->addNotification(message.commandId, message.payload)) return;
+    if (message.payload.size() > Notifications::small)
+      queue_->pushDroppable(std::make_unique<LargeNotification>(message));
+    else
+      queue_->pushDroppable(std::make_unique<Notifications>(message.commandId, message.payload));
   } catch (const std::bad_alloc&) {
     queue_->noteDropped();
   }

@@ -5,10 +5,10 @@ from __future__ import annotations
 import asyncio
 import logging
 import os
+import threading
 import time
 import weakref
 from collections.abc import Callable
-from contextlib import nullcontext
 from dataclasses import replace
 from functools import partial
 from typing import Any, Final, TypeVar
@@ -43,7 +43,9 @@ class Keeper:
         self.events: Final[Inbox[MachineEvent]] = Inbox("machine.events", 1000, None, self.handlers)
         self.talk: Final = Conversation(options, time.monotonic, self._changed, self._tell)
         self.link: Final = make_link(replace(link_options, log_level=core_level(self.talk.log)))
-        self._attendant: Final = Attendant(self.talk, self.link, nullcontext())
+        self._attendant: Final = Attendant(self.talk, self.link, threading.RLock())
+        self._tokens: Final = self._attendant.tokens
+        self._replies: Final = self._attendant.replies
         self._queue: Final = self.link.events
         self._waiting: list[asyncio.Future[None]] = []
         self._timer: asyncio.TimerHandle | None = None
@@ -52,21 +54,24 @@ class Keeper:
         self._look()
         _keepers.add(self)
 
-    def send(self, request: Ask) -> tuple[int, asyncio.Future[Outcome]]:
-        """Sends, and returns the token and what its outcome arrives in."""
+    async def ask(
+        self, command_id: int, payload: bytes, timeout: float, connection: int, holds_slot: bool
+    ) -> Outcome:
+        """One request. Whoever is cancelled meanwhile is free at once; if the answer then comes too late, or not at
+        all, that leaves a gap, and until it is known the next request of the command waits."""
         future: asyncio.Future[Outcome] = self.loop.create_future()
-        token = next(self._attendant.tokens)
-        self._attendant.replies[token] = partial(_arrive, future)
-        self.link.send(*request, token)
-        return token, future
-
-    def orphan(self, token: int, request: Ask, holds_slot: bool) -> None:
-        """Nobody waits for this answer any more. If it comes too late, or not at all, it leaves a gap; until that is
-        known, the next request of the command waits."""
-        if token in self._attendant.replies:
-            if holds_slot:
-                self.slots.keep(request.command_id)
-            self._attendant.replies[token] = partial(self._orphan_answered, request, holds_slot)
+        token = next(self._tokens)
+        self._replies[token] = partial(_arrive, future)
+        self.link.send(command_id, payload, timeout, connection, token)
+        try:
+            return await future
+        except BaseException:
+            if token in self._replies:
+                if holds_slot:
+                    self.slots.keep(command_id)
+                orphan = partial(self._orphan_answered, command_id, connection, holds_slot)
+                self._replies[token] = orphan
+            raise
 
     async def decide(self, steps: Steps[T], slot: int = -1) -> T:
         """Carries a decision out. `slot`: the command whose slot the caller has taken."""
@@ -76,7 +81,7 @@ class Keeper:
                 action = steps.send(outcome)
                 outcome = None
                 if isinstance(action, Ask):
-                    outcome = await self._ask(action, action.command_id == slot)
+                    outcome = await self.ask(*action[:4], action.command_id == slot)
                 elif isinstance(action, AwaitChange):
                     await self._await_change(action)
                 elif isinstance(action, Connect):
@@ -108,26 +113,18 @@ class Keeper:
         if self._timer is not None:
             self._timer.cancel()
         ended = self.loop.create_future()
-        token = next(self._attendant.tokens)
-        self._attendant.replies[token] = partial(_arrive, ended)
+        token = next(self._tokens)
+        self._replies[token] = partial(_arrive, ended)
         self.link.disconnect(token)
         await asyncio.wait([ended], timeout=LAST_PATIENCE)
         self._unwatch_queue()
         self.link.close()
         self._take()
 
-    async def _ask(self, request: Ask, holds_slot: bool) -> Outcome:
-        token, future = self.send(request)
-        try:
-            return await future
-        except BaseException:
-            self.orphan(token, request, holds_slot)
-            raise
-
     async def _connect(self) -> Outcome:
         future: asyncio.Future[Outcome] = self.loop.create_future()
-        token = next(self._attendant.tokens)
-        self._attendant.replies[token] = partial(_arrive, future)
+        token = next(self._tokens)
+        self._replies[token] = partial(_arrive, future)
         self.link.connect(token)
         return await future
 
@@ -146,11 +143,11 @@ class Keeper:
             if not change.done():
                 change.set_result(None)
 
-    def _orphan_answered(self, request: Ask, held_slot: bool, outcome: Outcome) -> None:
+    def _orphan_answered(self, command_id: int, connection: int, held_slot: bool, outcome: Outcome) -> None:
         if outcome[0] != links.OK:
-            settle(self.talk, request.command_id, request.connection, outcome)
+            settle(self.talk, command_id, connection, outcome)
         if held_slot:
-            self.slots.leave(request.command_id)
+            self.slots.leave(command_id)
 
     # --- events ---------------------------------------------------------------------------------------
 

@@ -7,7 +7,6 @@ from types import TracebackType
 from typing import Any, Self
 
 from vorlinkit.client import backend, plans
-from vorlinkit.client.actions import Ask
 from vorlinkit.client.calls import call, call_of
 from vorlinkit.client.controlling import control_plan, give_back, take_control
 from vorlinkit.client.conversation import LateAnswerPolicy, MachineEvent, Options
@@ -212,23 +211,17 @@ class Machine(Methods):
     ) -> R:
         """The common call goes out at once and is answered; whatever is different is decided in `calls`."""
         talk, keeper, slots = self._talk, self._keeper, self._slots
-        if not slots.free(plan.id):
+        if not slots.take_free(plan.id):
             await slots.enter(plan.id)
         try:
             connection, sent = talk.clear[plan.effect], None
             if connection:
-                talk.asked += 1
-                request = Ask(plan.id, payload, timeout, connection)
-                token, future = keeper.send(request)
-                try:
-                    outcome = await future
-                except BaseException:
-                    keeper.orphan(token, request, True)
-                    raise
+                outcome = await keeper.ask(plan.id, payload, timeout, connection, True)
                 if not (outcome[0] or outcome[4]):
                     try:
                         response = plan.decode_response(outcome[2])
                         if plan.echoes(values, response) and not (check and plan.command_error(response)):
+                            talk.answers += 1
                             return response
                     except DecodeError:
                         pass  # raised below, as a decision

@@ -7,25 +7,37 @@ from collections import deque
 
 
 class _Slot:
-    def __init__(self) -> None:
-        self.owners = 1
+    """`owners`: who has to leave before the next one gets it."""
+
+    __slots__ = ("owners", "waiting")
+
+    def __init__(self, owners: int) -> None:
+        self.owners = owners
         self.waiting: deque[Future[None]] = deque()
 
 
 class Slots:
-    """Of one machine, by command; who waits gets its turn in order. On the event loop alone."""
+    """Of one machine, by command; who waits gets its turn in order. On the event loop alone.
+
+    None stands for the common slot, which has one owner and nobody who waits.
+    """
 
     def __init__(self, loop: AbstractEventLoop) -> None:
         self._loop = loop
-        self._taken: dict[int, _Slot] = {}
+        self._taken: dict[int, _Slot | None] = {}
+
+    def take_free(self, command_id: int) -> bool:
+        """Takes a slot that nobody has, without waiting."""
+        if command_id in self._taken:
+            return False
+        self._taken[command_id] = None
+        return True
 
     async def enter(self, command_id: int) -> None:
-        slot = self._taken.get(command_id)
-        if slot is None:
-            self._taken[command_id] = _Slot()
+        if self.take_free(command_id):
             return
         turn = self._loop.create_future()
-        slot.waiting.append(turn)
+        self._slot(command_id).waiting.append(turn)
         try:
             await turn
         except BaseException:
@@ -33,26 +45,26 @@ class Slots:
                 self.leave(command_id)
             raise
 
-    def free(self, command_id: int) -> bool:
-        """Takes a slot that nobody has, without waiting."""
-        if command_id in self._taken:
-            return False
-        self._taken[command_id] = _Slot()
-        return True
-
     def keep(self, command_id: int) -> None:
         """It is left once more before the next one gets it: its request is still on its way."""
-        self._taken[command_id].owners += 1
+        self._slot(command_id).owners += 1
 
     def leave(self, command_id: int) -> None:
         slot = self._taken[command_id]
-        slot.owners -= 1
-        if slot.owners:
-            return
-        while slot.waiting:
-            turn = slot.waiting.popleft()
-            if not turn.done():
-                slot.owners = 1
-                turn.set_result(None)
+        if slot is not None:
+            slot.owners -= 1
+            if slot.owners:
                 return
+            while slot.waiting:
+                turn = slot.waiting.popleft()
+                if not turn.done():
+                    slot.owners = 1
+                    turn.set_result(None)
+                    return
         del self._taken[command_id]
+
+    def _slot(self, command_id: int) -> _Slot:
+        slot = self._taken[command_id]
+        if slot is None:
+            slot = self._taken[command_id] = _Slot(owners=1)
+        return slot

@@ -114,14 +114,9 @@ def count(text: str) -> int:
     raise argparse.ArgumentTypeError(f"{text!r} is not a whole number above 0")
 
 
-def version() -> str:
-    """Of the package, as its wheel or its build says."""
-    return str(getattr(vorlinkit, "__version__", "of unknown version"))
-
-
 class _Version(argparse.Action):
     def __call__(self, parser: argparse.ArgumentParser, *_: object) -> None:
-        print(f"vorlinkit {version()}")
+        print(f"vorlinkit {vorlinkit.__version__}")
         sys.exit(0)
 
 

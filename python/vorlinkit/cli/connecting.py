@@ -4,7 +4,8 @@ from __future__ import annotations
 
 import sys
 from argparse import Namespace
-from contextlib import AbstractContextManager, nullcontext
+from collections.abc import Iterator
+from contextlib import ExitStack, contextmanager
 from typing import TYPE_CHECKING, Any
 
 from .exits import UsageError
@@ -32,11 +33,14 @@ def open_machine(arguments: Namespace, **options: Any) -> Machine:
         return connect(arguments.host.name, arguments.host.port, **options)
 
 
-def control(machine: Machine, arguments: Namespace) -> AbstractContextManager[object]:
+@contextmanager
+def control(machine: Machine, arguments: Namespace) -> Iterator[None]:
     """Exclusive control for the length of a block, if it was asked for."""
-    if not arguments.control:
-        return nullcontext()
-    return machine.exclusive_control(user=arguments.user, force=arguments.force)
+    with ExitStack() as held:
+        if arguments.control:
+            with Waiting(f"exclusive control of {arguments.host}"):
+                held.enter_context(machine.exclusive_control(user=arguments.user, force=arguments.force))
+        yield
 
 
 def consent(command: Command, arguments: Namespace, *, sent: bool = True) -> None:

@@ -10,12 +10,13 @@ from argparse import Namespace
 from collections.abc import Callable, Iterator
 from typing import Final, NamedTuple
 
+import vorlinkit
 from vorlinkit import catalogue
 from vorlinkit.client import backend
 from vorlinkit.client.errors import CommandRefused, ProtocolRefusal, VorlinError
 from vorlinkit.wire import frames
 
-from .arguments import Host, version
+from .arguments import Host
 from .connecting import open_machine
 from .exits import NO_CONNECTION, OK, PROTOCOL, TIME_OUT, USAGE, code_of
 from .output import Output
@@ -51,7 +52,7 @@ def run(arguments: Namespace, output: Output) -> int:
 
 
 def _findings(arguments: Namespace) -> Iterator[Finding]:
-    yield Finding("version", f"vorlinkit {version()}")
+    yield Finding("version", f"vorlinkit {vorlinkit.__version__}")
     yield Finding("Python", f"{platform.python_version()} at {sys.executable}, {platform.platform()}")
     yield _back_end()
     yield _catalogue()
@@ -169,7 +170,7 @@ def _session(arguments: Namespace) -> Iterator[Finding]:
     try:
         machine = open_machine(arguments, reconnect=False)
     except VorlinError as error:
-        yield Finding("session", str(error), code_of(error))
+        yield Finding("session", str(error), code_of(error), "--debug tells more.")
         return
     with machine:
         given = machine.client_id

@@ -3,11 +3,14 @@
 from __future__ import annotations
 
 from collections.abc import Iterable
+from typing import Final
+
+_NOTHING: Final = str.maketrans("", "", "_- ")
 
 
 def folded(name: str) -> str:
-    """A name as it is compared: case, underscores and dashes do not count."""
-    return name.replace("_", "").replace("-", "").lower()
+    """A name as it is compared: case, underscores, dashes and blanks do not count."""
+    return name.translate(_NOTHING).lower()
 
 
 def near(word: str, names: Iterable[str], most: int = 3) -> list[str]:
@@ -18,7 +21,8 @@ def near(word: str, names: Iterable[str], most: int = 3) -> list[str]:
     for name in names:
         by_fold.setdefault(folded(name), name)
     wanted = folded(word)
-    found = difflib.get_close_matches(wanted, by_fold, most, 0.7)
+    found = difflib.get_close_matches(wanted, by_fold, most, 0.8)
+    found = found or difflib.get_close_matches(wanted, by_fold, most)
     if len(wanted) > 2:
         found += sorted((name for name in by_fold if wanted in name and name not in found), key=len)
     return [by_fold[name] for name in found[:most]]

@@ -4,8 +4,6 @@ from __future__ import annotations
 
 from argparse import Namespace
 
-from vorlinkit.client.errors import CommandRefused, ProtocolRefusal
-
 from .connecting import open_machine, warn
 from .exits import OK
 from .output import Output
@@ -25,10 +23,6 @@ def run(arguments: Namespace, output: Output) -> int:
             "interface_type": about.interface_type,
             "module_count": about.module_count,
         }
-        try:
-            found["timestamp"] = machine.get_server_time().timestamp
-        except (CommandRefused, ProtocolRefusal):
-            pass  # a machine that does not tell its time is known well enough
         warn(machine)
     if output.as_json:
         output.record(found)

@@ -13,17 +13,17 @@ from .output import open_output
 
 def run(argv: Sequence[str]) -> int:
     """Carry the command line out; errors become a line on standard error and their exit code."""
+    arguments = Namespace(debug=False)
     try:
         arguments = parse(argv)
-    except SystemExit as end:  # --help, --version, or a mistake that argparse has told
-        return end.code if isinstance(end.code, int) else 2
-    if arguments.debug:
-        _log_everything()
-    try:
+        if arguments.debug:
+            _log_everything()
         output = open_output(arguments.json, arguments.table, arguments.colour)
         code: int = import_module(f"vorlinkit.cli.{arguments.module}").run(arguments, output)
         sys.stdout.flush()
         return code
+    except SystemExit as end:  # --help, --version, or a mistake that argparse has told
+        return end.code if isinstance(end.code, int) else 2
     except BrokenPipeError:
         raise
     except Exception as error:

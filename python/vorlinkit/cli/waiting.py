@@ -16,6 +16,8 @@ PATIENCE: Final = 1.0
 """Seconds without a word."""
 TICK: Final = 0.5
 CELLS: Final = 24
+NARROWEST: Final = 80
+MEASURED: Final = "{desc} {percentage:3.0f}% |{bar}| {elapsed}, {remaining} left"
 
 
 class Painter(Protocol):
@@ -94,6 +96,8 @@ class PlainPainter:
         if fraction is not None:
             done = round(fraction * CELLS)
             text = f"{self._what} [{'#' * done}{'.' * (CELLS - done)}] {fraction:4.0%} {seconds:.0f} s"
+        width = os.get_terminal_size(self._stream.fileno()).columns or NARROWEST  # 0 where nobody knows
+        text = text[: width - 1]
         self._write("\r" + text.ljust(self._shown))
         self._shown = len(text)
 
@@ -124,10 +128,9 @@ class TqdmPainter:
         if self._bar is None or self._measured != (fraction is not None):
             self.close()
             self._measured = fraction is not None
-            form = None if self._measured else "waiting for {desc}... {elapsed}"
-            self._bar = self._tqdm(
-                total=100, desc=self._what, file=self._stream, leave=False, bar_format=form, unit="%"
-            )
+            form = MEASURED if self._measured else "waiting for {desc}... {elapsed}"
+            options = {"total": 100, "desc": self._what, "leave": False, "bar_format": form}
+            self._bar = self._tqdm(file=self._stream, delay=1e-6, **options)  # not drawn before we say so
             self._bar.start_t -= seconds
         self._bar.n = round(100 * (fraction or 0.0))
         self._bar.refresh()

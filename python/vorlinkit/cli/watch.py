@@ -20,7 +20,7 @@ from .exits import OK, UsageError
 from .lookup import command_called
 from .output import Output
 from .shown import NESTED, own_values, show
-from .values import call_values
+from .values import call_values, check_values
 from .waiting import Waiting
 
 if TYPE_CHECKING:
@@ -36,6 +36,8 @@ def run(arguments: Namespace, output: Output) -> int:
     if method is None:
         raise UsageError(f"{command.name} has no notifications. 'vorlinkit commands' tells which have.")
     values = call_values(command, arguments.fields, method)
+    if not command.unasked:
+        check_values(command, values, method)
     consent(command, arguments, sent=not command.unasked)
     waiting = Waiting(f"notifications of {command.name}")
 
@@ -44,7 +46,9 @@ def run(arguments: Namespace, output: Output) -> int:
             print(f"vorlinkit: {_in_words(event)}", file=sys.stderr)
 
     with open_machine(arguments, on_event=tell) as machine, control(machine, arguments):
-        with method(machine.subscribe, **values) as subscription, waiting:
+        with Waiting(f"{command.name} at {arguments.host}"):
+            subscription = method(machine.subscribe, **values)
+        with subscription, waiting:
             for number, notification in enumerate(_taken(subscription, arguments), 1):
                 told = to_dict(notification, describe=True)
                 with waiting.aside():
@@ -65,15 +69,15 @@ def _taken(subscription: Subscription[Any], arguments: Namespace) -> Iterator[An
     left = arguments.count
     while left is None or left > 0:
         wait = SLICE if end is None else min(SLICE, end - time.monotonic())
-        try:
-            yield subscription.get(max(wait, 0.0))
-        except RequestTimeout:
-            if end is None or time.monotonic() < end:
-                continue
+        if wait <= 0:
             if left is None:
                 return
-            text = f"{arguments.count - left} of {arguments.count} notifications came within {arguments.duration:g} s"
-            raise RequestTimeout(text, timeout=arguments.duration) from None
+            came = f"{arguments.count - left} of {arguments.count} notifications came"
+            raise RequestTimeout(f"{came} within {arguments.duration:g} s", timeout=arguments.duration)
+        try:
+            yield subscription.get(wait)
+        except RequestTimeout:
+            continue
         left = None if left is None else left - 1
 
 

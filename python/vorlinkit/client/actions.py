@@ -13,12 +13,16 @@ T = TypeVar("T")
 
 
 class Ask(NamedTuple):
-    """Send a request on this connection and wait for its outcome, a tuple in the order of `link.Outcome`."""
+    """Send a request on this connection and wait for its outcome, a tuple in the order of `link.Outcome`.
+
+    `in_order`: go on only when everything has been looked at that the machine had sent before its answer.
+    """
 
     command_id: int
     payload: bytes
     timeout: float
     connection: int
+    in_order: bool = False
 
 
 class AwaitChange(NamedTuple):

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Sequence
+from collections.abc import Callable, Iterable, Sequence
 from contextlib import AbstractContextManager
 from functools import partial
 from itertools import count
@@ -18,6 +18,9 @@ from .handshake import handshake
 
 Outcome = tuple[Any, ...]
 
+REVIEW_EVERY: Final = 0.5
+"""Seconds between two looks at the logger's level and at what the link had to throw away."""
+
 
 class Attendant:
     """Used by one thread or event loop: the one that takes the link's events.
@@ -32,41 +35,38 @@ class Attendant:
         self._link = link
         self._guard = guard
         self._log_level = log.core_level(talk.log)
-        self._asked = 0
+        self._answers = 0
         self._heard = False
         self._dropped = 0
+        self._next_review = 0.0
         self._next_look = talk.clock() + talk.options.idle_check
 
-    def handle(self, events: Sequence[links.Event]) -> None:
+    def handle(self, events: Iterable[links.Event]) -> None:
         """Never raises: a fault of ours is logged, and the next event gets its turn."""
-        if len(events) > 1 and self._all_alike(events):
-            return
         for event in events:
             try:
                 if event[0] == links.NOTIFICATION:
-                    self._notified(event[1], (event[2],))
+                    self._notified(event[1], event[2])
                 else:
                     self._handle_rare(event)
             except Exception:
                 self._talk.log.exception("an event of the connection could not be handled: %r", event[:2])
+        if self._talk.clock() >= self._next_review:
+            self._review()
+
+    def _review(self) -> None:
+        """What need not be looked at with every event."""
+        self._next_review = self._talk.clock() + REVIEW_EVERY
         level = log.core_level(self._talk.log)
         if level != self._log_level:
             self._log_level = level
             self._link.set_log_level(level)
-
-    def _all_alike(self, events: Sequence[links.Event]) -> bool:
-        """A burst, which is handled as a whole, since it would take several times as long one by one."""
-        kinds, commands, payloads, *_ = zip(*events, strict=False)
-        if kinds.count(links.NOTIFICATION) < len(kinds) or commands.count(commands[0]) < len(commands):
-            return False
-        self._notified(commands[0], payloads)
         dropped = self._link.events.dropped()
         if dropped > self._dropped:
             lost, self._dropped = dropped - self._dropped, dropped
             self._talk.log.warning(
                 "%d notifications came faster than they were taken, and were thrown away", lost
             )
-        return True
 
     def _notified(self, command_id: int, payloads: Sequence[bytes]) -> None:
         self._heard = True
@@ -86,13 +86,14 @@ class Attendant:
         return max(0.0, self._next_look - self._talk.clock())
 
     def look(self) -> None:
-        """Asks a machine that has neither been asked nor heard for the time of the idle check."""
+        """Asks a machine that has neither answered nor notified for the time of the idle check."""
         talk = self._talk
         if not talk.options.idle_check or talk.clock() < self._next_look:
             return
         self._next_look = talk.clock() + talk.options.idle_check
-        idle = talk.asked == self._asked and not self._heard
-        self._asked, self._heard = talk.asked, False
+        self._review()
+        idle = talk.answers == self._answers and not self._heard
+        self._answers, self._heard = talk.answers, False
         if idle and talk.ready:
             with self._guard:
                 self.run(check_idle(talk, talk.options.timeout))
@@ -140,4 +141,4 @@ class Attendant:
         assert isinstance(action, Ask), action
         token = next(self.tokens)
         self.replies[token] = partial(self._advance, steps)
-        self._link.send(*action, token)
+        self._link.send(*action[:4], token)

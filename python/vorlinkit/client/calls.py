@@ -6,7 +6,7 @@ from typing import Any, Final, NamedTuple
 
 from . import link
 from .actions import Ask, AwaitChange, GiveUp, Steps
-from .control import RELEASE
+from .control import RELEASE, TAKING
 from .conversation import Conversation
 from .errors import CommandRefused, DecodeError, ProtocolRefusal, RequestTimeout, VorlinError
 from .failures import another_answer, command_refused, failure, not_connected
@@ -50,15 +50,21 @@ def call_of(
 
 def ask(talk: Conversation, request: Ask) -> Steps[tuple[Any, ...]]:
     """One request. If the wait for it is interrupted, its answer may still come."""
-    talk.asked += 1
     try:
         outcome: tuple[Any, ...] = yield request
+        if answered(outcome):
+            talk.answered()
         return outcome
     except GeneratorExit:
         raise  # the face has given the decision up, and looks after the answer itself
     except BaseException:
         talk.doubt(request.command_id)
         raise
+
+
+def answered(outcome: tuple[Any, ...]) -> bool:
+    """Whether the machine has sent an answer to this request, even if a refusal."""
+    return outcome[0] == link.OK or bool(outcome[0] == link.PROTOCOL and outcome[3])
 
 
 def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | None = None) -> Steps[Answer]:
@@ -74,7 +80,9 @@ def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | N
         if sent is None:
             connection = yield from clearance(talk, wanted, deadline, trouble)
             left = min(wanted.timeout, max(deadline - talk.clock(), LEAST))
-            outcome = yield from ask(talk, Ask(plan.id, wanted.payload, left, connection))
+            # In a block, the next change must not go out if the machine has said that control is gone.
+            in_order = plan.effect == CHANGE and (talk.control.blocks > 0 or plan.id in TAKING)
+            outcome = yield from ask(talk, Ask(plan.id, wanted.payload, left, connection, in_order))
         else:
             (connection, outcome), sent = sent, None
         if outcome[0] == link.OK:
@@ -161,13 +169,16 @@ def exclude_late_answer(talk: Conversation, wanted: Call, deadline: float) -> St
         return
     mark, left = talk.late.mark(), max(deadline - talk.clock(), LEAST)
     outcome = yield from ask(talk, Ask(fence, b"", left, connection))
-    if outcome[0] == link.OK or (outcome[0] == link.PROTOCOL and outcome[3]):
+    if answered(outcome):
         talk.late.answered(fence, mark)
         talk.update()
         return
     settle(talk, fence, connection, outcome)
     if outcome[0] == link.TRANSPORT:
         return
+    if talk.silence() >= talk.options.timeout and talk.ready == connection:
+        talk.lost(f"given up, as the machine has answered nothing for {talk.silence():.3g} s")
+        yield GiveUp()
     error = RequestTimeout(
         f"{plan.name} was not sent: {talk.host} has not answered an earlier one yet, nor a command that does nothing "
         f"within {left:.3g} s.",
@@ -184,12 +195,13 @@ def check_idle(talk: Conversation, timeout: float) -> Steps[None]:
     outcome = yield Ask(NO_OP, b"", timeout, connection)
     if talk.ready != connection:
         return
-    if outcome[0] == link.TIMEOUT:
-        talk.lost(f"given up, as the machine has answered nothing for {timeout:g} s")
-        yield GiveUp()
-    elif outcome[0] in (link.OK, link.PROTOCOL):
+    if answered(outcome):
+        talk.answered()
         talk.late.answered(NO_OP, mark)
         talk.update()
+    elif outcome[0] == link.TIMEOUT:
+        talk.lost(f"given up, as the machine has answered nothing for {timeout:g} s")
+        yield GiveUp()
 
 
 def log_failure(talk: Conversation, error: VorlinError) -> None:

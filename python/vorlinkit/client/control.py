@@ -24,11 +24,14 @@ class Control:
         self.command_id = 0
         self.lost = ""
 
-    def taken(self, connection: int, command_id: int) -> None:
-        self.blocks = 1
-        self.connection = connection
+    def take(self, command_id: int) -> None:
+        """This command is being asked for control; what the machine notifies from now on is about that."""
         self.command_id = command_id
         self.lost = ""
+
+    def taken(self, connection: int) -> None:
+        self.blocks = 1
+        self.connection = connection
 
     def lose(self, reason: str) -> None:
         """The first reason stays."""
@@ -36,9 +39,10 @@ class Control:
             self.lost = reason
 
     def notified(self, command_id: int) -> None:
-        """A machine notifies the command that control was taken with when somebody else takes it."""
-        if command_id == self.command_id:
-            self.lose("the machine says that it was taken away")
+        """A machine notifies the command that control was taken with when somebody else takes it; that may come ahead
+        of the answer to the command itself."""
+        if command_id == self.command_id and not self.lost:
+            self.lost = "the machine says that it was taken away"
 
     def leave(self) -> bool:
         """One block less; True if it was the last one, and there is control to give back."""

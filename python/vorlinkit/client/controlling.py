@@ -30,11 +30,12 @@ def take_control(
     if control.blocks:
         control.blocks += 1
         return
+    control.take(plan.id)
     answer = yield from call(talk, Call(plan, values, plan.encode(values), timeout))
     if control.blocks:  # another thread has been quicker; the machine gave control to both, as one client
         control.blocks += 1
     else:
-        control.taken(answer.connection, plan.id)
+        control.taken(answer.connection)
     if talk.ready != answer.connection:
         control.lose("the connection was lost")
     talk.update()

@@ -64,7 +64,7 @@ class Conversation:
     `clear`: per effect, the connection on which a call may go out with no further thought, 0 if it has to be thought
     about. Faces read it without a lock: the link refuses a request whose connection is no longer there. `version`
     counts the changes that somebody may wait for, and `changed` is called after each. `tell` passes on a `MachineEvent`.
-    `asked` counts requests, for the idle check.
+    `answers` counts what the machine has answered, for the idle check.
     """
 
     def __init__(
@@ -84,7 +84,7 @@ class Conversation:
         self.up = 0
         self.ready = 0
         self.version = 0
-        self.asked = 0
+        self.answers = 0
         self.failed = ""
         self.closed = ""
         self.clear: Mapping[str, int] = {"read": 0, "change": 0}
@@ -93,6 +93,7 @@ class Conversation:
         self._tell = tell
         self._known = False
         self._lost_at = 0.0
+        self._silent_since: float | None = None
 
     # --- the connection ---------------------------------------------------------------------------
 
@@ -100,6 +101,7 @@ class Conversation:
         """A connection is up; what follows is its handshake."""
         self.up = connection
         self.late.forget()
+        self._silent_since = None
 
     def lost(self, reason: str) -> None:
         """The connection is gone, or given up."""
@@ -163,9 +165,20 @@ class Conversation:
 
     def doubt(self, command_id: int) -> None:
         """A request ended without its answer, which may still come."""
+        if self._silent_since is None:
+            self._silent_since = self.clock()
         if self.options.late_answers != "ignore":
             self.late.note(command_id)
             self.update()
+
+    def answered(self) -> None:
+        """The machine has answered something."""
+        self.answers += 1
+        self._silent_since = None
+
+    def silence(self) -> float:
+        """For how many seconds it has answered nothing, though asked."""
+        return 0.0 if self._silent_since is None else self.clock() - self._silent_since
 
     def warn(self, command: str, minor: int) -> None:
         text = warning(command, self.host, minor)

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from logging import Logger
 from queue import SimpleQueue
 from typing import Any, Final, Protocol
@@ -13,8 +13,6 @@ ErrorHandler = Callable[[BaseException], object]
 
 class Backlog(Protocol):
     """Something with items that a handler waits for."""
-
-    cancelled: bool
 
     def run_handler(self, dispatcher: Dispatcher) -> None: ...
 
@@ -39,31 +37,18 @@ class Dispatcher:
                     self._thread.start()
         self._queue.put(backlog)
 
-    def call_with_each(
-        self, handler: Callable[[Any], object], items: Iterator[Any], backlog: Backlog
-    ) -> bool:
-        """Until the backlog is cancelled; False after one has failed, which goes to the log and to `on_error`."""
-        try:
-            for item in items:
-                handler(item)
-                if backlog.cancelled:
-                    break
-        except Exception as error:
-            self._log.exception("a handler failed: %r", handler)
-            self._report(error)
-            return backlog.cancelled
-        return True
-
-    def stop(self) -> None:
-        self._queue.put(None)
-
-    def _report(self, error: Exception) -> None:
+    def failed(self, handler: Callable[[Any], object], error: Exception) -> None:
+        """What a handler raised goes to the log and to `on_error`. Called where it was caught."""
+        self._log.exception("a handler failed: %r", handler)
         if self.on_error is None:
             return
         try:
             self.on_error(error)
         except Exception:
             self._log.exception("on_handler_error failed")
+
+    def stop(self) -> None:
+        self._queue.put(None)
 
     def _run(self) -> None:
         while (backlog := self._queue.get()) is not None:

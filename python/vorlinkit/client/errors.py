@@ -95,7 +95,7 @@ class CommandRefused(VorlinError):
 class DecodeError(VorlinError):
     """A payload does not have the layout that the catalogue gives it.
 
-    `field`: path of the field that could not be read (``listOfMotors.MotorType``), `offset`: its first byte in
+    `field`: path of the field that could not be read (``listOfMotors[1].MotorType``), `offset`: its first byte in
     `payload`. `standing`: how sure the layout is: confirmed, assumed or site-confirmed.
     """
 

@@ -2,6 +2,10 @@
 
 from __future__ import annotations
 
+from typing import Final
+
+from vorlinkit.wire.frames import MajorError
+
 from . import link
 from .actions import Ask, AwaitChange, Connect, GiveUp, Steps
 from .calls import Call, decoded, judged
@@ -10,7 +14,8 @@ from .errors import Closed, ConnectError, VorlinError
 from .failures import failure
 from .listening import Topic
 
-GET_CLIENT_ID = 1
+GET_CLIENT_ID: Final = 1
+CLIENT_ID_SIZE: Final = 1  # byte
 
 
 def handshake(talk: Conversation, connection: int) -> Steps[None]:
@@ -35,18 +40,35 @@ def handshake(talk: Conversation, connection: int) -> Steps[None]:
 
 
 def _get_client_id(talk: Conversation, connection: int) -> Steps[bool]:
-    timeout = talk.options.timeout
-    outcome = yield Ask(GET_CLIENT_ID, b"", timeout, connection)
-    if talk.up != connection or outcome[0] in (link.TRANSPORT, link.STOPPED):
+    """Whether the handshake goes on. An answer that cannot be right is asked for once more."""
+    timeout, reason = talk.options.timeout, ""
+    for _ in range(2):
+        outcome = yield Ask(GET_CLIENT_ID, b"", timeout, connection)
+        if talk.up != connection or outcome[0] in (link.TRANSPORT, link.STOPPED):
+            return False
+        if outcome[0] == link.TIMEOUT:
+            return (yield from _unanswered(talk))
+        if outcome[0] != link.OK:
+            reason = str(failure("GetClientId", talk.host, outcome, timeout))
+            if outcome[3] & MajorError.UnsupportedCommandId:
+                break
+        elif len(outcome[2]) == CLIENT_ID_SIZE:
+            return True
+        else:
+            reason = (
+                f"GetClientId: {talk.host} answered {outcome[2].hex() or 'nothing'}, which is no client id"
+            )
+    if not talk.was_ready and not outcome[3] & MajorError.UnsupportedCommandId:
+        talk.fail(f"{reason} (client_id=False does without)")
         return False
-    if outcome[0] == link.OK:
-        return True
-    error = failure("GetClientId", talk.host, outcome, timeout)
-    if outcome[0] != link.TIMEOUT:
-        talk.log.warning("going on without a client id: %s", error)
-        return True
+    talk.log.warning("going on without a client id: %s", reason)
+    return True
+
+
+def _unanswered(talk: Conversation) -> Steps[bool]:
+    timeout = talk.options.timeout
     if talk.was_ready:
-        talk.lost(str(error))
+        talk.lost(f"given up, as GetClientId was not answered within {timeout:g} s")
         yield GiveUp()
     else:
         talk.fail(f"it accepts connections, but answers nothing within {timeout:g} s; is it a VORLIN server?")

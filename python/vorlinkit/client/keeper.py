@@ -10,6 +10,7 @@ import time
 import weakref
 from collections.abc import Callable
 from dataclasses import replace
+from functools import partial
 from typing import Any, Final, TypeVar
 
 from .actions import Action, Ask, AwaitChange, Connect, GiveUp, Steps
@@ -17,7 +18,7 @@ from .attendant import Attendant
 from .conversation import Conversation, MachineEvent, Options
 from .dispatcher import Dispatcher
 from .errors import Closed
-from .link import Link, LinkOptions
+from .link import STOPPED, Link, LinkOptions, Outcome
 from .log import core_level
 from .subscription import Inbox
 
@@ -119,10 +120,12 @@ class Keeper:
                 inbox.inherit(Closed(f"{inbox.name} has ended: {reason}"))
 
     def _carry_out(self, action: Action) -> Any:
+        if isinstance(action, Ask) and action.in_order:
+            return self._reply_to(partial(self.link.send, *action[:4]))
         if isinstance(action, Ask):
-            return self.link.request(*action)
+            return self.link.request(*action[:4])
         if isinstance(action, Connect):
-            return self._connect()
+            return self._reply_to(self.link.connect)
         if isinstance(action, GiveUp):
             return self._attendant.give_up()
         return self._await_change(action)
@@ -132,20 +135,21 @@ class Keeper:
             if self.talk.version == action.version:
                 self._change.wait(action.timeout)
 
-    def _connect(self) -> Any:
-        answers: list[Any] = []
+    def _reply_to(self, start: Callable[[int], None]) -> Any:
+        """What the link replies to `start`, when the keeper thread has come to it."""
+        replies: list[Any] = []
 
-        def answered(outcome: Any) -> None:
-            answers.append(outcome)
+        def replied(outcome: Any) -> None:
+            replies.append(outcome)
             self._change.notify_all()
 
         with self._change:
             token = next(self._attendant.tokens)
-            self._attendant.replies[token] = answered
-            self.link.connect(token)
-            while not answers:
+            self._attendant.replies[token] = replied
+            start(token)
+            while not replies and not self._done:
                 self._change.wait()
-        return answers[0]
+        return replies[0] if replies else Outcome(STOPPED, "closed", b"", 0, 0)
 
     def _tell(self, event: MachineEvent) -> None:
         self.events.deliver((event,))
@@ -156,6 +160,7 @@ class Keeper:
 
     def _ended(self, _outcome: Any) -> None:
         self._done = True
+        self._change.notify_all()
 
     def _run(self) -> None:
         """The keeper thread."""

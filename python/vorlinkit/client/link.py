@@ -39,7 +39,7 @@ class Outcome(NamedTuple):
 #                                           is a tuple in the order of `Outcome`
 #   (STATE, connection, reason)             `connection`: the number of the connection that is up now, 0 for none; each
 #                                           new connection has a higher number. `reason`: "" when connected
-#   (NOTIFICATION, command_id, payload)     of a command that is watched
+#   (NOTIFICATION, command_id, payloads)    of a command that is watched: a list of those that came in a row
 #   (LOG, level, file, line, function, text, time)   level: the core's, trace 0 to critical 5; time: seconds since 1970
 Event = tuple[Any, ...]
 

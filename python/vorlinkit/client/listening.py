@@ -88,7 +88,7 @@ class Topics:
         topics = self._by_command.get(command_id, ())
         for plan in dict.fromkeys(topic.plan for topic in topics):
             # Two commands may share an id; each reads its notifications in its own way.
-            notifications = plan.decode_notifications(payloads, errors)
+            notifications: list[Any] = plan.decode_notifications(payloads, errors)
             _deliver([topic for topic in topics if topic.plan is plan], notifications)
         return errors
 

@@ -203,7 +203,6 @@ class Machine(Methods):
         with self._slots[plan.id]:
             connection, sent = talk.clear[plan.effect], None
             if connection:
-                talk.asked += 1
                 try:
                     outcome = self._request(plan.id, payload, timeout, connection)
                 except BaseException:
@@ -213,6 +212,7 @@ class Machine(Methods):
                     try:
                         response = plan.decode_response(outcome[2])
                         if plan.echoes(values, response) and not (check and plan.command_error(response)):
+                            talk.answers += 1
                             return response
                     except DecodeError:
                         pass  # raised below, as a decision

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+from functools import lru_cache
 
 import vorlinkit_python as core
 
@@ -11,6 +12,7 @@ from vorlinkit.client.link import EventQueue, LinkOptions
 _LONGEST = 2**31 - 1  # milliseconds, that a configuration takes
 
 
+@lru_cache(maxsize=64)
 def _milliseconds(seconds: float) -> int:
     """Rounded up, so that a short time does not become none."""
     return math.ceil(min(seconds * 1000, _LONGEST))

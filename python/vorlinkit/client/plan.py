@@ -15,14 +15,16 @@ from .errors import DecodeError
 
 R = TypeVar("R")
 N = TypeVar("N")
+R_co = TypeVar("R_co", covariant=True)
+N_co = TypeVar("N_co", covariant=True)
 
 Values = tuple[Any, ...]
 Path = tuple[str, ...]
 """Attributes to go through, one after the other."""
 
 
-class Plan(Generic[R, N]):
-    """How to ask one command, typed by its response `R` and its notification `N`. Any thread may use it.
+class Plan(Generic[R_co, N_co]):
+    """How to ask one command, typed by its response and its notification. Any thread may use it.
 
     `names`, `kinds`: of the request's parameters, in wire order; counts, lengths and discriminators are derived and
     are none. `effect`: "read" or "change". `subscribes`: the index of the parameter that asks for notifications, -1 if
@@ -105,7 +107,7 @@ class Plan(Generic[R, N]):
 
         return encode(self.name, values)
 
-    def decode_response(self, payload: bytes) -> R:
+    def decode_response(self, payload: bytes) -> R_co:
         """The response's record, or None if the command has none. Raises DecodeError."""
         try:
             return self._decoders["response"](payload)  # type: ignore[no-any-return]
@@ -114,7 +116,7 @@ class Plan(Generic[R, N]):
         except RuntimeError as error:
             self._undecodable("response", payload, error)
 
-    def decode_notification(self, payload: bytes) -> N:
+    def decode_notification(self, payload: bytes) -> N_co:
         """The notification's record. Raises DecodeError."""
         try:
             return self._decoders["notification"](payload)  # type: ignore[no-any-return]
@@ -129,7 +131,7 @@ class Plan(Generic[R, N]):
             return list(map(self._decoders["notification"], payloads))
         except (KeyError, RuntimeError):
             pass  # the first time, or there is one that cannot be read
-        records: list[N] = []
+        records: list[Any] = []
         for payload in payloads:
             try:
                 records.append(self.decode_notification(payload))

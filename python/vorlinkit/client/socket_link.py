@@ -210,7 +210,7 @@ class SocketLink:
         command_id = frame.command_id
         if frame.message_type == frames.NOTIFICATION:
             if command_id in self._watched:
-                self._out.append((NOTIFICATION, command_id, frame.payload))
+                self._out.append((NOTIFICATION, command_id, [frame.payload]))
             else:
                 self.log(WARN, f"No handler for notification commandId={command_id}")
         elif frame.message_type == frames.RESPONSE:

@@ -64,30 +64,25 @@ class Inbox(Stream[T]):
 
     def run_handler(self, dispatcher: Dispatcher) -> None:
         """On the dispatcher's thread: what waits, but no more at once than leaves other handlers their turn."""
-        handler = self._handler
-        batch = self._some(AT_ONCE)
-        if handler is None or self.cancelled:
+        handler, take = self._handler, self._items.popleft
+        if handler is None:
             return
-        if batch:
-            waiting = iter(batch)
-            while not dispatcher.call_with_each(handler, waiting, self):
-                pass
-        else:
-            self._attention = True
-            if not self._items:
-                return
-            self._attention = False
-        dispatcher.put(self)
-
-    def _some(self, most: int) -> list[T]:
-        batch: list[T] = []
-        take, add = self._items.popleft, batch.append
         try:
-            for _ in range(most):
-                add(take())
-        except IndexError:
-            pass
-        return batch
+            for _ in range(AT_ONCE):
+                if self.cancelled:
+                    return
+                try:
+                    item = take()
+                except IndexError:
+                    self._attention = True
+                    if not self._items:
+                        return
+                    self._attention = False
+                    continue
+                handler(item)
+        except Exception as error:
+            dispatcher.failed(handler, error)
+        dispatcher.put(self)
 
     def inherit(self, error: Exception) -> None:
         """In a child process, where nothing is delivered any more."""
