@@ -7,6 +7,9 @@ else()
 endif()
 set(VORLINKIT_INSTALL_PYTHON_DIR ${python_dir} CACHE STRING "Where the Python module goes, below the prefix")
 
+if(POLICY CMP0177)
+  cmake_policy(SET CMP0177 NEW) # a wheel's folder is ".", and a path with it says the same as one without
+endif()
 if(TARGET vorlinkit_python)
   install(TARGETS vorlinkit_python LIBRARY DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR} COMPONENT python)
 endif()
@@ -18,7 +21,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/vorlinkit
   COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
 foreach(file IN LISTS VORLINKIT_GENERATED_PACKAGE_FILES)
-  get_filename_component(folder ${file} DIRECTORY)
+  get_filename_component(folder vorlinkit/${file} DIRECTORY)
   install(FILES ${PROJECT_BINARY_DIR}/python/vorlinkit/${file}
-    DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/vorlinkit/${folder} COMPONENT python)
+    DESTINATION ${VORLINKIT_INSTALL_PYTHON_DIR}/${folder} COMPONENT python)
 endforeach()
