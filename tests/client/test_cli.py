@@ -241,7 +241,7 @@ def test_a_watch_outlives_a_broken_connection(machine: SimulatorProcess) -> None
         out, err = process.communicate(timeout=30)
     assert (process.returncode, out.count("received")) == (0, 1)
     assert re.fullmatch(
-        r"vorlinkit: the connection is lost: .*\nvorlinkit: connected again after .* s\n", err
+        r"vorlinkit: the connection is lost: .*\n(vorlinkit: connected again after .* s\n)?", err
     )
 
 
