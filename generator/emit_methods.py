@@ -361,7 +361,13 @@ def method_doc(family: Family, command: Command, passed: list[Parameter]) -> Ite
 def subscribe_doc(command: Command, passed: list[Parameter], message: Message) -> Iterator[str]:
     yield f"Notifications of {command.name}, command {command.id}, as `{message.record.type}`."
     if command.facts.unasked:
-        yield f"They come unasked: {command.facts.unasked}. Nothing is sent to ask for them."
+        # What only registers is sent all the same; anything else would be started by it.
+        sent = (
+            "The command itself is sent"
+            if command.facts.effect == "read"
+            else "Nothing is sent to ask for them"
+        )
+        yield f"They come unasked: {command.facts.unasked}. {sent}."
     yield from parameter_docs(command, passed)
     yield f"Each holds {'; '.join(returned(message.record))}."
     yield "With a `handler` each is passed to it, otherwise the newest `buffer` of them wait to be iterated over."

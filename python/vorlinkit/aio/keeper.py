@@ -104,7 +104,7 @@ class Keeper:
         """In a child process."""
         self.talk.closed = f"the connection belongs to the process that was forked (now {os.getpid()})"
         self.talk.ready = self.talk.up = 0
-        self.talk.clear = {"read": 0, "change": 0}
+        self.talk.clear = 0
 
     async def _close(self, reason: str) -> None:
         self.talk.close(reason)

@@ -214,7 +214,7 @@ class Machine(Methods):
         if not slots.take_free(plan.id):
             await slots.enter(plan.id)
         try:
-            connection, sent = talk.clear[plan.effect], None
+            connection, sent = talk.clear, None
             if connection:
                 outcome = await keeper.ask(plan.id, payload, timeout, connection, True)
                 if not (outcome[0] or outcome[4]):

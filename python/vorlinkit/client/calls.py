@@ -80,8 +80,8 @@ def call(talk: Conversation, wanted: Call, sent: tuple[int, tuple[Any, ...]] | N
         if sent is None:
             connection = yield from clearance(talk, wanted, deadline, trouble)
             left = min(wanted.timeout, max(deadline - talk.clock(), LEAST))
-            # In a block, the next change must not go out if the machine has said that control is gone.
-            in_order = plan.effect == CHANGE and (talk.control.blocks > 0 or plan.id in TAKING)
+            # In a block, the next change must not go out if the machine has said meanwhile that control is gone.
+            in_order = talk.control.blocks > 0 or plan.id in TAKING
             outcome = yield from ask(talk, Ask(plan.id, wanted.payload, left, connection, in_order))
         else:
             (connection, outcome), sent = sent, None

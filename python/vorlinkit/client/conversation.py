@@ -61,8 +61,7 @@ class Options:
 class Conversation:
     """`up`: the number of the connection that is there, `ready`: the same when its handshake is done, else 0.
 
-    `clear`: per effect, the connection on which a call may go out with no further thought, 0 if it has to be thought
-    about. Faces read it without a lock: the link refuses a request whose connection is no longer there. `version`
+    `clear`: the connection on which a call may go out with no further thought, 0 if it has to be thought about. Faces read it without a lock: the link refuses a request whose connection is no longer there. `version`
     counts the changes that somebody may wait for, and `changed` is called after each. `tell` passes on a `MachineEvent`.
     `answers` counts what the machine has answered, for the idle check.
     """
@@ -87,7 +86,7 @@ class Conversation:
         self.answers = 0
         self.failed = ""
         self.closed = ""
-        self.clear: Mapping[str, int] = {"read": 0, "change": 0}
+        self.clear = 0
         self.last_warning: MachineWarning | None = None
         self._changed = changed
         self._tell = tell
@@ -152,8 +151,7 @@ class Conversation:
 
     def update(self) -> None:
         """Something has changed that stands in a call's way, or no longer does."""
-        open_ = 0 if self.late else self.ready
-        self.clear = {"read": open_, "change": 0 if self.control.blocks else open_}
+        self.clear = 0 if self.late or self.control.blocks else self.ready
         self.version += 1
         self._changed()
 

@@ -201,7 +201,7 @@ class Machine(Methods):
         """The common call goes out at once and is answered; whatever is different is decided in `calls`."""
         talk = self._talk
         with self._slots[plan.id]:
-            connection, sent = talk.clear[plan.effect], None
+            connection, sent = talk.clear, None
             if connection:
                 try:
                     outcome = self._request(plan.id, payload, timeout, connection)
