@@ -1,7 +1,11 @@
 #include "session/EventQueue.hpp"
 
+#include "session/Events.hpp"
+
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <new>
 #include <system_error>
 
 #ifdef __linux__
@@ -11,6 +15,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 #endif
+
+namespace py = pybind11;
 
 namespace vorlinkit::python {
 
@@ -66,31 +72,89 @@ void drain(int readEnd) noexcept {
 
 EventQueue::~EventQueue() { closePair(readEnd_, writeEnd_); }
 
+void NotificationRun::add(const RawMessage& message) {
+  const Head head{static_cast<std::uint32_t>(message.payload.size()), message.commandId};
+  const std::size_t end = bytes_.size();
+  const std::size_t needed = end + sizeof head + message.payload.size();
+  if (needed > bytes_.capacity()) bytes_.reserve(std::max(needed, std::min(2 * needed, fullSize)));
+  bytes_.resize(needed);
+  std::memcpy(bytes_.data() + end, &head, sizeof head);
+  std::ranges::copy(message.payload, bytes_.data() + end + sizeof head);
+  ++count_;
+}
+
+NotificationRun::Head NotificationRun::head() const noexcept {
+  Head head{};
+  std::memcpy(&head, bytes_.data() + begin_, sizeof head);
+  return head;
+}
+
+void NotificationRun::passTo(const py::list& list) {
+  while (count_ > 0) {
+    const auto [length, commandId] = head();
+    const py::bytes payload(reinterpret_cast<const char*>(bytes_.data()) + begin_ + sizeof(Head), length);
+    if (PyList_Append(list.ptr(), notificationTuple(commandId, payload).ptr()) != 0) throw py::error_already_set();
+    dropNotification();
+  }
+}
+
+void NotificationRun::dropNotification() noexcept {
+  begin_ += sizeof(Head) + head().length;
+  --count_;
+}
+
 void EventQueue::push(std::unique_ptr<Event> event) noexcept {
   const std::lock_guard guard(lock_);
   add(kept_, std::move(event));
 }
 
-void EventQueue::pushDroppable(std::unique_ptr<Event> event) noexcept {
-  std::unique_ptr<Event> oldest; // outlives the lock
+void EventQueue::pushLog(std::unique_ptr<Event> record) noexcept {
+  std::unique_ptr<Event> dropped; // outlives the lock
   const std::lock_guard guard(lock_);
-  add(droppable_, std::move(event));
-  if (droppable_.size() <= limit) return;
-  oldest = droppable_.pop();
-  if (oldest->isNotification_) ++dropped_;
+  add(droppable_, std::move(record));
+  if (++droppables_ > limit) dropped = dropOldest();
 }
 
-void EventQueue::noteDropped() noexcept {
+void EventQueue::pushNotification(const RawMessage& message) noexcept {
+  std::unique_ptr<Event> dropped; // outlives the lock
   const std::lock_guard guard(lock_);
-  ++dropped_;
+  try {
+    addNotification(message);
+  } catch (const std::bad_alloc&) {
+    ++dropped_;
+    return;
+  }
+  if (++droppables_ > limit) dropped = dropOldest();
+}
+
+void EventQueue::addNotification(const RawMessage& message) {
+  if (lastRun_ && !lastRun_->isFull()) return lastRun_->add(message);
+  auto run = std::make_unique<NotificationRun>();
+  run->add(message);
+  auto* const last = run.get();
+  add(droppable_, std::move(run));
+  lastRun_ = last;
+}
+
+/// Yields an event that is over.
+std::unique_ptr<Event> EventQueue::dropOldest() noexcept {
+  --droppables_;
+  Event* const oldest = droppable_.first();
+  const std::size_t notifications = oldest->notifications();
+  if (notifications > 0) ++dropped_;
+  if (notifications > 1) return oldest->dropNotification(), nullptr;
+  return droppable_.pop();
 }
 
 void EventQueue::add(EventList& list, std::unique_ptr<Event> event) noexcept {
+  const bool wasEmpty = empty();
   event->number_ = ++number_;
   list.push(std::move(event));
-  signal();
+  lastRun_ = nullptr;
+  if (wasEmpty) signal();
 }
 
+/// There are events where none were.
 void EventQueue::signal() noexcept {
   if (waiting_ > 0) arrived_.notify_one();
   if (writeEnd_ >= 0 && !std::exchange(signalled_, true)) writeTo(writeEnd_);
@@ -99,14 +163,18 @@ void EventQueue::signal() noexcept {
 TakenEvents EventQueue::take() noexcept {
   const std::lock_guard guard(lock_);
   if (std::exchange(signalled_, false)) drain(readEnd_);
+  lastRun_ = nullptr;
+  droppables_ = 0;
   return {std::move(kept_), std::move(droppable_)};
 }
 
 void EventQueue::putBack(TakenEvents events) noexcept {
   const std::lock_guard guard(lock_);
+  const bool wasEmpty = empty();
+  droppables_ += events.droppables();
   kept_.putBack(std::move(events.kept_));
   droppable_.putBack(std::move(events.droppable_));
-  if (!empty()) signal();
+  if (wasEmpty && !empty()) signal();
 }
 
 bool EventQueue::awaitEvent(TimePoint until) {

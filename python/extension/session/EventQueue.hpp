@@ -3,8 +3,11 @@
 
 #include "interpreter/SessionLifetime.hpp"
 
+#include <vorlinkit/RawMessage.hpp>
+
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -12,27 +15,28 @@
 #include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 namespace vorlinkit::python {
 
 /// Something that has happened. Made and queued on any thread, without the interpreter lock.
 class Event {
 public:
-  Event() : Event(false) {}
+  Event() = default;
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   virtual ~Event() = default;
-  /// As Python sees it; may be called again when Python had no memory for it. Interpreter lock held.
-  virtual pybind11::tuple toPython() const = 0;
-
-protected:
-  explicit Event(bool isNotification) : isNotification_(isNotification) {}
+  /// Appends what Python sees of it. When Python has no memory it throws, and goes on where it was when it is called
+  /// again. Interpreter lock held.
+  virtual void passTo(const pybind11::list& list) = 0;
+  /// How many notifications it is, and the end of the oldest of them.
+  virtual std::size_t notifications() const noexcept { return 0; }
+  virtual void dropNotification() noexcept {}
 
 private:
   friend class EventList;
   friend class EventQueue;
   friend class TakenEvents;
-  const bool isNotification_;
   std::unique_ptr<Event> next_;
   std::uint64_t number_ = 0; // in the order in which they happened
 };
@@ -51,7 +55,7 @@ public:
   }
 
   std::size_t size() const noexcept { return size_; }
-  const Event* first() const noexcept { return first_.get(); }
+  Event* first() const noexcept { return first_.get(); }
   void push(std::unique_ptr<Event> event) noexcept {
     Event* const added = event.get();
     (last_ ? last_->next_ : first_) = std::move(event);
@@ -82,14 +86,44 @@ private:
   std::size_t size_ = 0;
 };
 
+/// Notifications that came one after the other, in one piece of memory: a flood of small ones costs hardly more than
+/// the copies.
+class NotificationRun final : public Event {
+public:
+  /// Throws when there is no memory.
+  void add(const RawMessage& message);
+  bool isFull() const noexcept { return bytes_.size() >= fullSize; }
+  void passTo(const pybind11::list& list) override;
+  std::size_t notifications() const noexcept override { return count_; }
+  void dropNotification() noexcept override;
+
+private:
+  struct Head {
+    std::uint32_t length;
+    std::uint16_t commandId;
+  };
+  static constexpr std::size_t fullSize = std::size_t{32} * 1024;
+  Head head() const noexcept;
+
+  std::vector<std::byte> bytes_; // of each its head and its payload
+  std::size_t begin_ = 0;        // of the oldest that has not been passed on
+  std::size_t count_ = 0;
+};
+
 /// What a taker has at hand, in the order in which it happened.
 class TakenEvents {
 public:
   TakenEvents(EventList kept, EventList droppable) noexcept
       : kept_(std::move(kept)), droppable_(std::move(droppable)) {}
   /// Null at the end.
-  const Event* first() noexcept { return next() ? next()->first() : nullptr; }
+  Event* first() noexcept { return next() ? next()->first() : nullptr; }
   void pop() noexcept { next()->pop(); }
+  std::size_t droppables() const noexcept {
+    std::size_t count = 0;
+    for (const Event* event = droppable_.first(); event; event = event->next_.get())
+      count += std::max<std::size_t>(event->notifications(), 1);
+    return count;
+  }
 
 private:
   friend class EventQueue;
@@ -118,9 +152,8 @@ public:
   ~EventQueue() override;
 
   void push(std::unique_ptr<Event> event) noexcept;
-  void pushDroppable(std::unique_ptr<Event> event) noexcept;
-  /// A notification for which there was no memory.
-  void noteDropped() noexcept;
+  void pushLog(std::unique_ptr<Event> record) noexcept;
+  void pushNotification(const RawMessage& message) noexcept;
 
   TakenEvents take() noexcept;
   /// After `take`: what has not been passed on.
@@ -136,12 +169,16 @@ public:
 private:
   bool empty() const noexcept { return kept_.size() == 0 && droppable_.size() == 0; }
   void add(EventList& list, std::unique_ptr<Event> event) noexcept;
+  void addNotification(const RawMessage& message);
+  std::unique_ptr<Event> dropOldest() noexcept;
   void signal() noexcept;
 
   mutable std::mutex lock_;
   std::condition_variable arrived_;
   EventList kept_;
   EventList droppable_;
+  std::size_t droppables_ = 0;         // the notifications and records in it
+  NotificationRun* lastRun_ = nullptr; // while it is the newest of all events
   std::uint64_t number_ = 0;
   std::uint64_t dropped_ = 0;
   int waiting_ = 0;

@@ -22,27 +22,20 @@ py::bytes bytesOf(const RawMessage& message) {
   return {reinterpret_cast<const char*>(message.payload.data()), message.payload.size()};
 }
 
-class Notification final : public Event {
-public:
-  explicit Notification(const RawMessage& message) : Event(true), message_(message) {}
-  py::tuple toPython() const override {
-    return py::make_tuple(number(Kind::Notification), message_.commandId, bytesOf(message_));
-  }
-
-private:
-  const RawMessage message_;
-};
+void append(const py::list& list, const py::tuple& event) {
+  if (PyList_Append(list.ptr(), event.ptr()) != 0) throw py::error_already_set();
+}
 
 class LogRecord final : public Event {
 public:
   LogRecord(LogLevel level, const std::source_location& location, std::chrono::system_clock::time_point time,
             std::string text)
       : level_(level), location_(location), time_(time), text_(std::move(text)) {}
-  py::tuple toPython() const override {
+  void passTo(const py::list& list) override {
     const std::chrono::duration<double> since1970 = time_.time_since_epoch();
-    return py::make_tuple(number(Kind::Log), static_cast<int>(level_), decodeCoreText(location_.file_name()),
-                          location_.line(), decodeCoreText(location_.function_name()), decodeCoreText(text_),
-                          since1970.count());
+    append(list, py::make_tuple(number(Kind::Log), static_cast<int>(level_), decodeCoreText(location_.file_name()),
+                                location_.line(), decodeCoreText(location_.function_name()), decodeCoreText(text_),
+                                since1970.count()));
   }
 
 private:
@@ -60,6 +53,10 @@ py::tuple outcomeTuple(const std::expected<RawMessage, Error>& outcome) {
   return py::make_tuple(static_cast<int>(error.code), decodeCoreText(error.message), py::bytes(), error.majorError, 0);
 }
 
+py::tuple notificationTuple(std::uint16_t commandId, const py::bytes& payload) {
+  return py::make_tuple(number(Kind::Notification), commandId, payload);
+}
+
 void State::set(std::uint64_t connection, const std::string& reason) noexcept {
   connection_ = connection;
   try {
@@ -69,7 +66,9 @@ void State::set(std::uint64_t connection, const std::string& reason) noexcept {
   }
 }
 
-py::tuple State::toPython() const { return py::make_tuple(number(Kind::State), connection_, decodeCoreText(reason_)); }
+void State::passTo(const py::list& list) {
+  append(list, py::make_tuple(number(Kind::State), connection_, decodeCoreText(reason_)));
+}
 
 void Outlet::tellState(std::uint64_t connection, const std::string& reason) noexcept {
   std::unique_ptr<State> event = std::move(spare_);
@@ -83,14 +82,6 @@ void Outlet::tellState(std::uint64_t connection, const std::string& reason) noex
   queue_->push(std::move(event));
 }
 
-void Outlet::tellNotification(const RawMessage& message) noexcept {
-  try {
-    queue_->pushDroppable(std::make_unique<Notification>(message));
-  } catch (const std::bad_alloc&) {
-    queue_->noteDropped();
-  }
-}
-
 Reply::~Reply() { releaseAnywhere(token_); }
 
 void Reply::deliver(std::unique_ptr<Reply> reply, std::expected<RawMessage, Error> outcome) noexcept {
@@ -100,13 +91,14 @@ void Reply::deliver(std::unique_ptr<Reply> reply, std::expected<RawMessage, Erro
   outlet->queue().push(std::move(reply));
 }
 
-py::tuple Reply::toPython() const {
-  return py::make_tuple(number(Kind::Reply), py::reinterpret_borrow<py::object>(token_), outcomeTuple(outcome_));
+void Reply::passTo(const py::list& list) {
+  const auto token = py::reinterpret_borrow<py::object>(token_);
+  append(list, py::make_tuple(number(Kind::Reply), token, outcomeTuple(outcome_)));
 }
 
 void EventLogger::log(LogLevel level, const std::source_location& location, std::thread::id /*thread*/,
                       std::chrono::system_clock::time_point time, std::string_view format, format_args args) {
-  queue_->pushDroppable(std::make_unique<LogRecord>(level, location, time, formattedRecord(format, args)));
+  queue_->pushLog(std::make_unique<LogRecord>(level, location, time, formattedRecord(format, args)));
 }
 
 } // namespace vorlinkit::python
