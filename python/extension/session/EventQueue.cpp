@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <new>
+#include <exception>
 #include <system_error>
 
 #ifdef __linux__
@@ -120,7 +120,7 @@ void EventQueue::pushNotification(const RawMessage& message) noexcept {
   const std::lock_guard guard(lock_);
   try {
     addNotification(message);
-  } catch (const std::bad_alloc&) {
+  } catch (const std::exception&) { // only memory can run out in here
     ++dropped_;
     return;
   }

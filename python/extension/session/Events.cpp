@@ -57,12 +57,13 @@ py::tuple notificationTuple(std::uint16_t commandId, const py::bytes& payload) {
   return py::make_tuple(number(Kind::Notification), commandId, payload);
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): the short text needs no memory
 void State::set(std::uint64_t connection, const std::string& reason) noexcept {
   connection_ = connection;
   try {
     reason_ = reason;
   } catch (const std::bad_alloc&) {
-    reason_ = "Out of memory"; // short enough to need none
+    reason_ = "Out of memory";
   }
 }
 
