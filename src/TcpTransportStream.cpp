@@ -57,6 +57,7 @@ void TcpTransport::readArrived() noexcept {
   }
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): unlock throws for a lock that is not held
 std::size_t TcpTransport::readSome() noexcept {
   const Number number = fsm_.number();
   auto reading = directWrite_.beginRead();

@@ -28,10 +28,13 @@ for bound in [each for each in vars(vorlin).values() if isinstance(each, type)]:
                 attempt(kind, name, getattr, kept[-1], name)
                 for value in (1, "text", [], vorlin.CodedValueKind.Enum):
                     attempt(kind, name, setattr, kept[-1], name, value)
-config, logger = (kind.__new__(kind) for kind in (vorlin.SessionConfig, vorlin.IVorlinLogger))
+needed = vorlin.SessionConfig, vorlin.IVorlinLogger, vorlin._EventLogger, vorlin._EventQueue
+config, logger, derived, queue = (kind.__new__(kind) for kind in needed)
 attempt(vorlin.VorlinSession, "logger", vorlin.VorlinSession, vorlin.SessionConfig(), logger)
+attempt(vorlin.VorlinSession, "derived", vorlin.VorlinSession, vorlin.SessionConfig(), derived)
+attempt(vorlin.VorlinSession, "queue", vorlin.VorlinSession(vorlin.SessionConfig())._attach, queue)
 attempt(vorlin.VorlinSession, "config", vorlin.VorlinSession, config)
-del kept, config, logger
+del kept, config, logger, derived, queue
 print(len(tried), *(f"{kind}.{name}" for kind, name in refused))
 """
 
@@ -45,8 +48,13 @@ NEEDS_INIT = {
     **{kind: public(kind) for kind in (vorlin.IVorlinLogger, vorlin.SessionConfig)},
     **{kind: public(kind) for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues)},
     **dict.fromkeys((vorlin.LogLevel, vorlin.CodedValueKind, vorlin.FrameDirection), ENUM),
+<<<<<<< HEAD
     vorlin.VorlinSession: [*public(vorlin.VorlinSession), "config", "logger"],
     **{kind: public(kind) for kind in (vorlin._EventQueue,)},
+=======
+    vorlin._EventQueue: public(vorlin._EventQueue),
+    vorlin.VorlinSession: [*public(vorlin.VorlinSession), "config", "logger", "derived", "queue"],
+>>>>>>> machine
 }
 
 

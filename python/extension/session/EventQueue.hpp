@@ -3,6 +3,8 @@
 
 #include "interpreter/SessionLifetime.hpp"
 
+#include <vorlinkit/RawMessage.hpp>
+
 #include <pybind11/pybind11.h>
 
 #include <algorithm>
@@ -12,8 +14,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <utility>
+#include <vector>
 
 namespace vorlinkit::python {
 
@@ -24,15 +26,12 @@ public:
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
   virtual ~Event() = default;
-  /// As Python sees it; may be called again when Python had no memory for it. Interpreter lock held.
-  virtual pybind11::tuple toPython() const = 0;
-
-  /// How many notifications it stands for.
+  /// Appends what Python sees of it. When Python has no memory it throws, and goes on where it was when it is called
+  /// again. Interpreter lock held.
+  virtual void passTo(const pybind11::list& list) = 0;
+  /// How many notifications it is, and the end of the oldest of them.
   virtual std::size_t notifications() const noexcept { return 0; }
-  /// Takes one more in, if it can: with the queue's lock, when nothing has happened since.
-  virtual bool add(std::uint16_t /*commandId*/, std::span<const std::byte> /*payload*/) { return false; }
-  /// Throws its oldest part away; false if that is all of it.
-  virtual bool dropOldest() noexcept { return false; }
+  virtual void dropNotification() noexcept {}
 
 private:
   friend class EventList;
@@ -48,40 +47,26 @@ public:
   EventList() = default;
   EventList(EventList&& other) noexcept
       : first_(std::move(other.first_)), last_(std::exchange(other.last_, nullptr)),
-        weight_(std::exchange(other.weight_, 0)) {}
+        size_(std::exchange(other.size_, 0)) {}
   EventList& operator=(EventList&&) = delete;
   ~EventList() {
     while (first_) // not by the chain of pointers, which would nest as deep as it is long
       pop();
   }
 
-  /// How many events there are, each notification counted.
-  std::size_t weight() const noexcept { return weight_; }
-  bool empty() const noexcept { return !first_; }
-  const Event* first() const noexcept { return first_.get(); }
+  std::size_t size() const noexcept { return size_; }
+  Event* first() const noexcept { return first_.get(); }
   void push(std::unique_ptr<Event> event) noexcept {
     Event* const added = event.get();
     (last_ ? last_->next_ : first_) = std::move(event);
     last_ = added;
-    weight_ += weightOf(*added);
-  }
-  /// Into the event `number`, if that is the last one and takes it.
-  bool addToLast(std::uint64_t number, std::uint16_t commandId, std::span<const std::byte> payload) {
-    if (!last_ || last_->number_ != number || !last_->add(commandId, payload)) return false;
-    ++weight_;
-    return true;
-  }
-  /// The oldest event, or null when a part of it was enough.
-  std::unique_ptr<Event> dropOldest() noexcept {
-    if (!first_->dropOldest()) return pop();
-    --weight_;
-    return nullptr;
+    ++size_;
   }
   std::unique_ptr<Event> pop() noexcept {
     auto event = std::move(first_);
     first_ = std::move(event->next_);
     if (!first_) last_ = nullptr;
-    weight_ -= weightOf(*event);
+    --size_;
     return event;
   }
   /// Puts older events in front.
@@ -90,17 +75,39 @@ public:
     older.last_->next_ = std::move(first_);
     first_ = std::move(older.first_);
     if (!last_) last_ = older.last_;
-    weight_ += older.weight_;
+    size_ += older.size_;
     older.last_ = nullptr;
-    older.weight_ = 0;
+    older.size_ = 0;
   }
 
 private:
-  static std::size_t weightOf(const Event& event) noexcept { return std::max<std::size_t>(event.notifications(), 1); }
-
   std::unique_ptr<Event> first_;
   Event* last_ = nullptr;
-  std::size_t weight_ = 0;
+  std::size_t size_ = 0;
+};
+
+/// Notifications that came one after the other, in one piece of memory: a flood of small ones costs hardly more than
+/// the copies.
+class NotificationRun final : public Event {
+public:
+  /// Throws when there is no memory.
+  void add(const RawMessage& message);
+  bool isFull() const noexcept { return bytes_.size() >= fullSize; }
+  void passTo(const pybind11::list& list) override;
+  std::size_t notifications() const noexcept override { return count_; }
+  void dropNotification() noexcept override;
+
+private:
+  struct Head {
+    std::uint32_t length;
+    std::uint16_t commandId;
+  };
+  static constexpr std::size_t fullSize = std::size_t{32} * 1024;
+  Head headAt(std::size_t begin) const noexcept;
+
+  std::vector<std::byte> bytes_; // of each its head and its payload
+  std::size_t begin_ = 0;        // of the oldest that has not been passed on
+  std::size_t count_ = 0;
 };
 
 /// What a taker has at hand, in the order in which it happened.
@@ -109,8 +116,14 @@ public:
   TakenEvents(EventList kept, EventList droppable) noexcept
       : kept_(std::move(kept)), droppable_(std::move(droppable)) {}
   /// Null at the end.
-  const Event* first() noexcept { return next() ? next()->first() : nullptr; }
+  Event* first() noexcept { return next() ? next()->first() : nullptr; }
   void pop() noexcept { next()->pop(); }
+  std::size_t droppables() const noexcept {
+    std::size_t count = 0;
+    for (const Event* event = droppable_.first(); event; event = event->next_.get())
+      count += std::max<std::size_t>(event->notifications(), 1);
+    return count;
+  }
 
 private:
   friend class EventQueue;
@@ -139,12 +152,8 @@ public:
   ~EventQueue() override;
 
   void push(std::unique_ptr<Event> event) noexcept;
-  void pushDroppable(std::unique_ptr<Event> event) noexcept;
-  /// Adds a notification to the last event, if that is one of the same command; false: it needs an event of its own.
-  /// Throws std::bad_alloc.
-  bool addNotification(std::uint16_t commandId, std::span<const std::byte> payload);
-  /// A notification for which there was no memory.
-  void noteDropped() noexcept;
+  void pushLog(std::unique_ptr<Event> record) noexcept;
+  void pushNotification(const RawMessage& message) noexcept;
 
   TakenEvents take() noexcept;
   /// After `take`: what has not been passed on.
@@ -158,16 +167,18 @@ public:
   std::uint64_t dropped() const noexcept;
 
 private:
-  bool empty() const noexcept { return kept_.empty() && droppable_.empty(); }
+  bool empty() const noexcept { return kept_.size() == 0 && droppable_.size() == 0; }
   void add(EventList& list, std::unique_ptr<Event> event) noexcept;
+  void addNotification(const RawMessage& message);
+  std::unique_ptr<Event> dropOldest() noexcept;
   void signal() noexcept;
-  /// The event of which nothing is left, to be destroyed without the lock.
-  std::unique_ptr<Event> bound() noexcept;
 
   mutable std::mutex lock_;
   std::condition_variable arrived_;
   EventList kept_;
   EventList droppable_;
+  std::size_t droppables_ = 0;         // the notifications and records in it
+  NotificationRun* lastRun_ = nullptr; // while it is the newest of all events
   std::uint64_t number_ = 0;
   std::uint64_t dropped_ = 0;
   int waiting_ = 0;

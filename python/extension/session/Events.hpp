@@ -19,11 +19,14 @@ namespace vorlinkit::python {
 /// How a request ended, as Python sees it: code, text, payload, majorError, minorError. Interpreter lock held.
 pybind11::tuple outcomeTuple(const std::expected<RawMessage, Error>& outcome);
 
+/// Notifications of one command that came in a row, as Python sees them. Interpreter lock held.
+pybind11::tuple notificationsTuple(std::uint16_t commandId, const pybind11::list& payloads);
+
 class State final : public Event {
 public:
   State() = default;
   void set(std::uint64_t connection, const std::string& reason) noexcept;
-  pybind11::tuple toPython() const override;
+  void passTo(const pybind11::list& list) override;
 
 private:
   std::uint64_t connection_ = 0;
@@ -40,7 +43,6 @@ public:
   // I/O thread
   /// Arrives also when memory has just run out.
   void tellState(std::uint64_t connection, const std::string& reason) noexcept;
-  void tellNotification(const RawMessage& message) noexcept;
 
   /// What fails from now on, fails because the session is closed. Any thread.
   void close() noexcept { closed_ = true; }
@@ -63,7 +65,7 @@ public:
 
   /// Any thread.
   static void deliver(std::unique_ptr<Reply> reply, std::expected<RawMessage, Error> outcome) noexcept;
-  pybind11::tuple toPython() const override;
+  void passTo(const pybind11::list& list) override;
 
 private:
   std::shared_ptr<Outlet> outlet_;

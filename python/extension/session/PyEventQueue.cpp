@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <exception>
 #include <future>
 
 namespace py = pybind11;
@@ -50,8 +51,8 @@ public:
   Taking& operator=(const Taking&) = delete;
 
   void passTo(const py::list& list) {
-    while (const Event* const event = events_.first()) {
-      if (PyList_Append(list.ptr(), event->toPython().ptr()) != 0) throw py::error_already_set();
+    while (Event* const event = events_.first()) {
+      event->passTo(list);
       events_.pop();
     }
   }
@@ -74,8 +75,9 @@ py::list PyEventQueue::take() {
   Taking taking(*queue_);
   try {
     taking.passTo(list);
-  } catch (py::error_already_set&) {
-    if (list.empty()) throw; // else the rest comes next time
+  } catch (const std::exception&) { // only memory can run out in here
+    if (list.empty()) throw;
+    PyErr_Clear(); // the rest comes next time
   }
   return list;
 }

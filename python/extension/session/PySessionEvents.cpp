@@ -43,7 +43,8 @@ void PySession::watch(std::uint16_t commandId) {
   const Inside here(*this);
   const auto outlet = outlet_;
   if (const InterpreterRelease unlocked; unlocked)
-    core->on_notification(commandId, [outlet](const RawMessage& message) { outlet->tellNotification(message); });
+    core->on_notification(commandId,
+                          [outlet](const RawMessage& message) { outlet->queue().pushNotification(message); });
 }
 
 py::tuple PySession::request(std::uint16_t commandId, const py::bytes& payload, std::int64_t timeout,
