@@ -8,7 +8,7 @@ Records take their attributes as keywords when they are made, compare by content
 """
 
 from collections.abc import Callable, Sequence
-from typing import Any, ClassVar, Generic, Literal, NoReturn, TypeVar, overload
+from typing import Any, ClassVar, Generic, Literal, NoReturn, Self, TypeVar, overload  # noqa: F401, as records use Self
 
 _Item = TypeVar("_Item")
 

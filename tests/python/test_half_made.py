@@ -48,13 +48,8 @@ NEEDS_INIT = {
     **{kind: public(kind) for kind in (vorlin.IVorlinLogger, vorlin.SessionConfig)},
     **{kind: public(kind) for kind in (vorlin.FieldCodedValue, vorlin.FieldCodedValues)},
     **dict.fromkeys((vorlin.LogLevel, vorlin.CodedValueKind, vorlin.FrameDirection), ENUM),
-<<<<<<< HEAD
-    vorlin.VorlinSession: [*public(vorlin.VorlinSession), "config", "logger"],
-    **{kind: public(kind) for kind in (vorlin._EventQueue,)},
-=======
     vorlin._EventQueue: public(vorlin._EventQueue),
     vorlin.VorlinSession: [*public(vorlin.VorlinSession), "config", "logger", "derived", "queue"],
->>>>>>> machine
 }
 
 
