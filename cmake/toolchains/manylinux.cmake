@@ -9,6 +9,10 @@ set(CMAKE_CXX_ARCHIVE_FINISH "")
 # zig keeps what it has compiled by itself; another cache in front of it, or headers parsed ahead, only get in its way.
 set(CMAKE_CXX_COMPILER_LAUNCHER "")
 set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
+# Nothing of it names a folder of the computer that built it.
+cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH vorlinkit_sources)
+cmake_path(GET vorlinkit_sources PARENT_PATH vorlinkit_sources)
+set(CMAKE_CXX_FLAGS_INIT -fmacro-prefix-map=${vorlinkit_sources}/=)
 
 # Debian packages for that processor, unpacked (scripts/wheel): headers of asio, pybind11 and CPython. Nothing of this
 # system is found by itself.

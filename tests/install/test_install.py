@@ -70,6 +70,18 @@ def test_the_program_in_the_readme_builds_and_runs(prefix: Path, tmp_path: Path)
         assert run(program) == "1 3\n2 5\n"
 
 
+def test_the_package_alone_is_built_without_a_compiler(tmp_path: Path) -> None:
+    build, prefix = tmp_path / "build", tmp_path / "prefix"
+    run(CMAKE, "-S", ROOT, "-B", build, "-G", "Ninja", "-DVORLINKIT_PACKAGE_ONLY=ON", CXX="false")
+    run(CMAKE, "--build", build)
+    run(CMAKE, "--install", build, "--prefix", prefix)
+    (package,) = prefix.rglob("site-packages")
+    assert not list(prefix.rglob("*.so"))
+    assert (package / "vorlinkit_python-stubs" / "__init__.pyi").stat().st_size > 100_000
+    program = "import vorlinkit, vorlinkit.client.backend as backend; print(backend.name(), vorlinkit.Machine.__name__)"
+    assert run(sys.executable, "-c", program, PYTHONPATH=str(package)) == "python Machine\n"
+
+
 def test_python_finds_module_and_companion(prefix: Path) -> None:
     modules = list(prefix.rglob("vorlinkit_python.*.so"))
     if not modules:
